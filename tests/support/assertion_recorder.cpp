@@ -1,0 +1,37 @@
+#include "support/assertion_recorder.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+#include "utils/sdk/platform.h"
+#include "utils/sdk/ysys.h"
+
+namespace {
+AssertionRecorder* _recorder = nullptr;
+}
+
+AssertionRecorder::AssertionRecorder() { _recorder = this; }
+
+AssertionRecorder::~AssertionRecorder() { _recorder = nullptr; }
+
+std::vector<std::string> AssertionRecorder::take() { return std::exchange(texts_, {}); }
+
+extern "C" {
+
+[[gnu::visibility("default")]] void YfAssert__(const char* condition, const char* file,
+                                               unsigned int line) noexcept {
+  if (_recorder) {
+    _recorder->texts_.push_back(condition);
+    _recorder->files_.push_back(file);
+    return;
+  }
+  std::fprintf(stderr, "assertion failed: %s, %s:%u\n", condition, file, line);
+  std::abort();
+}
+
+// What the library says of a broken block is wanted only where it stops the process.
+[[gnu::visibility("default")]] void OutputDebugStringA(const char* text) noexcept {
+  if (!_recorder) std::fputs(text, stderr);
+}
+}

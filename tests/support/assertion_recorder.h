@@ -1,0 +1,19 @@
+// assertion_recorder.h: keeps failed assertions of the library instead of stopping the process.
+//
+// A program that uses it has YfAssert__ replaced. While a recorder lives, assertions are noted and
+// return; without one they are printed and stop the process. One at a time, from one task.
+#pragma once
+
+#include <string>
+#include <vector>
+
+struct AssertionRecorder {
+  AssertionRecorder();
+  ~AssertionRecorder();
+
+  // The texts since the last call, in order.
+  std::vector<std::string> take();
+
+  std::vector<std::string> texts_;
+  std::vector<std::string> files_;
+};

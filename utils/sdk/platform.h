@@ -1,0 +1,28 @@
+// platform.h: the services that the library calls beside the system interface of ysys.h.
+//
+// They keep the names and argument lists that the library's design knows them by; `ysys/` has them
+// for POSIX. All may be called from any task, none uses the library's allocation operators.
+#pragma once
+
+#pragma GCC visibility push(default)
+extern "C" {
+
+// Writes the text, as it stands, to the debugger channel: the file or FIFO that the environment
+// variable YSYS_DEBUG_CHANNEL names (a file is made where missing and appended to), else standard
+// error. Never blocks on a FIFO: text that has no reader there goes to standard error.
+void OutputDebugStringA(const char* text) noexcept;
+
+// Shows a message and returns when it was answered, always 1. Uses a real dialog where a display
+// and one of the usual dialog programs is there; else asks on the controlling terminal and waits
+// for Enter; else prints to standard error and returns at once. `owner` and `type` are not looked
+// at.
+int MessageBoxA(void* owner, const char* text, const char* caption, unsigned int type) noexcept;
+
+// Gives up the notifications of task start and end for a library. There are none here; gives 1.
+int DisableThreadLibraryCalls(void* library) noexcept;
+
+// The runtime library's assertion report. Does what YfAssert__ does.
+void _assert(const char* condition, const char* file, unsigned int line) noexcept;
+
+}  // extern "C"
+#pragma GCC visibility pop

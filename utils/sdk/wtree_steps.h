@@ -1,0 +1,172 @@
+// wtree_steps.h: the algorithms of the weight-balanced tree, apart from the tree.
+//
+// For the library's own sources, not installed: `wtree.cpp` makes the exported operations of it,
+// with a comparison called by its address, and the allocator its free tree, with the comparison
+// inlined. A caller says where it wants to go by a function object `place` that takes a node and
+// gives > 0 when the node stands before the sought place, < 0 when behind it, 0 when it is there.
+//
+// No operation recurses. A descent notes the nodes that it passes; the way back up sets their
+// weights and rotates where the balance asks for it. A node's other child weighs what the node
+// weighs less the child on the path, so the way up touches nothing that the way down did not.
+//
+// The caller serialises.
+#pragma once
+
+#include <cstdint>
+
+#include "utils/sdk/wtree.h"
+
+namespace Utils {
+
+// The nodes passed on the way down, the topmost first. A child weighs at most 70/99 of its parent
+// and a weight has 32 bits, so no path is longer than 64 but for the nodes a step outside the
+// balance.
+struct WTreePath {
+  static constexpr unsigned MAX_DEPTH = 96;
+
+  explicit WTreePath(WTreeNodeBase** root) : root_(root) {}
+
+  void push(WTreeNodeBase* node) { nodes_[depth_++] = node; }
+
+  WTreeNodeBase** root_;
+  unsigned depth_ = 0;
+  WTreeNodeBase* nodes_[MAX_DEPTH];
+};
+
+struct WTreeSteps {
+  using Node = WTreeNodeBase;
+  using Link = WTreeNodeBase**;
+
+  // Where a descent ended.
+  struct End {
+    Node* found_;     // the node at the place; null when the path ends where it would be
+    bool toRight_;    // the way that the path went from its last node
+    unsigned upper_;  // one more than the level of the first node behind the place; 0 for none
+  };
+
+  static Link rootOf(WTreeBase& tree) { return &tree.top_; }
+
+  static bool leftTooHeavy(std::uint64_t a, std::uint64_t b) { return a * 29 > b * 70; }
+  static bool rightTooHeavy(std::uint64_t a, std::uint64_t b) { return a * 239 < b * 99; }
+
+  // Which way a descent goes cannot be foreseen, and a branch that is mispredicted costs more than
+  // the rest of the step. So it is chosen by a mask, which the compiler does not see through to
+  // make a branch of it.
+  struct Choice {
+    explicit Choice(bool first) : mask_(0 - static_cast<std::uintptr_t>(first)) {
+      asm("" : "+r"(mask_));
+    }
+
+    Node* of(Node* first, Node* second) const {
+      const auto a = reinterpret_cast<std::uintptr_t>(first);
+      const auto b = reinterpret_cast<std::uintptr_t>(second);
+      return reinterpret_cast<Node*>(b ^ ((a ^ b) & mask_));
+    }
+    unsigned of(unsigned first, unsigned second) const {
+      return second ^ ((first ^ second) & static_cast<unsigned>(mask_));
+    }
+
+    std::uintptr_t mask_;
+  };
+
+  template <class Place>
+  static End descend(WTreePath& path, Place place) {
+    End end{nullptr, false, 0};
+    for (Node* node = *path.root_; node;) {
+      const int order = place(node);
+      if (order == 0) {
+        end.found_ = node;
+        break;
+      }
+      end.toRight_ = order > 0;
+      const Choice right(end.toRight_);
+      path.push(node);
+      end.upper_ = right.of(end.upper_, path.depth_);
+      node = right.of(node->right_, node->left_);
+    }
+    return end;
+  }
+
+  // The link that the path leads to, where `node` hangs below its last node.
+  static Link linkTo(const WTreePath& path, unsigned level, const Node* node) {
+    if (level == 0) return path.root_;
+    Node* parent = path.nodes_[level - 1];
+    return parent->left_ == node ? &parent->left_ : &parent->right_;
+  }
+
+  // The way back up, from the end of the path to level `from`: adds `delta` (1, 0 or -1) to the
+  // weight of each node and restores its balance. `below` is the weight of what the path leads to.
+  // The test is the stricter of the two of adjust(), for both sides; adjust() decides.
+  static void settle(const WTreePath& path, unsigned from, unsigned below, int delta) {
+    for (unsigned level = path.depth_; level-- > from;) {
+      Node* node = path.nodes_[level];
+      const unsigned weight = node->weight_ + static_cast<unsigned>(delta);
+      node->weight_ = weight;
+      const unsigned other = weight - below;
+      if (leftTooHeavy(below, other) + leftTooHeavy(other, below) != 0)
+        WTreeBase::adjust(linkTo(path, level, node));
+      below = weight;
+    }
+  }
+
+  // Puts a node where a descent ended without finding one.
+  static void attach(const WTreePath& path, End end, Node* node) {
+    node->left_ = node->right_ = nullptr;
+    node->weight_ = 2;
+    if (path.depth_ == 0) {
+      *path.root_ = node;
+    } else {
+      Node* parent = path.nodes_[path.depth_ - 1];
+      (end.toRight_ ? parent->right_ : parent->left_) = node;
+    }
+    settle(path, 0, 2, 1);
+  }
+
+  // Takes out the node that the path leads to; both its children are null then. A node with two
+  // children changes places with its predecessor first.
+  static void detach(WTreePath& path, Node* node) {
+    const Link link = linkTo(path, path.depth_, node);
+    Node* rest = node->left_ ? node->left_ : node->right_;
+    if (node->left_ && node->right_) {
+      rest = exchangeWithPredecessor(path, link, node);
+    } else {
+      *link = rest;
+    }
+    node->left_ = node->right_ = nullptr;
+    settle(path, 0, WTreeBase::wt(rest), -1);
+  }
+
+  // `fresh` takes the place of `node`, which hangs at `link`. Requires: the same place in the
+  // order.
+  static void replace(Link link, const Node* node, Node* fresh) {
+    fresh->weight_ = node->weight_;
+    fresh->left_ = node->left_;
+    fresh->right_ = node->right_;
+    *link = fresh;
+  }
+
+  static Node* leftmost(Node* node) {
+    while (node->left_) node = node->left_;
+    return node;
+  }
+
+ private:
+  // The predecessor takes the node's place and leaves its own to its left child, which is given.
+  // The path then leads there.
+  static Node* exchangeWithPredecessor(WTreePath& path, Link link, Node* node) {
+    const unsigned level = path.depth_;
+    path.push(node);
+    Node* predecessor = node->left_;
+    while (predecessor->right_) {
+      path.push(predecessor);
+      predecessor = predecessor->right_;
+    }
+    Node* rest = predecessor->left_;
+    *linkTo(path, path.depth_, predecessor) = rest;
+    replace(link, node, predecessor);
+    path.nodes_[level] = predecessor;
+    return rest;
+  }
+};
+
+}  // namespace Utils

@@ -1,0 +1,224 @@
+// config.cpp: settings, from the environment or from the file that YSYS_CONFIG names.
+//
+// Nothing is kept: each look-up reads the environment and the file as they are then, so a change is
+// seen at the next one. The file is run through a small buffer on the stack, lines may have any
+// length, and a value is copied only when it is known to fit.
+//
+// A setting is text; that of `YUtils.Log.Level = 3` lies at offset 19 of its line and is 1 byte
+// long. A program that runs with more rights than its caller sees no settings. Keys longer than 255
+// bytes have no environment variable with '_'.
+//
+// May be called from any task. What is told once is remembered as marks in a table without a lock;
+// when 64 were told, the rest stays untold.
+#include "ysys/posix.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "utils/sdk/ysys.h"
+#include "ysys/voice.h"
+
+namespace ysys {
+namespace {
+
+constexpr int FOUND = 0;
+constexpr int ABSENT = 1;
+constexpr int END_OF_FILE = -1;
+constexpr size_t NUMBER_TEXT_MAX = 63;
+
+bool isBlank(int byte) {
+  return byte == ' ' || byte == '\t' || byte == '\r' || byte == '\v' || byte == '\f';
+}
+
+bool endsLine(int byte) { return byte == '\n' || byte == END_OF_FILE; }
+
+// The bytes of a file, one after the other.
+class Reader {
+ public:
+  explicit Reader(int descriptor) : descriptor_(descriptor) { fill(); }
+  int byte() const { return at_ < end_ ? static_cast<unsigned char>(buffer_[at_]) : END_OF_FILE; }
+  off_t position() const { return base_ + static_cast<off_t>(at_); }
+  void next() {
+    if (++at_ >= end_) fill();
+  }
+  void skipBlanks() {
+    while (isBlank(byte())) next();
+  }
+  void skipLine() {
+    while (!endsLine(byte())) next();
+    next();
+  }
+
+ private:
+  void fill();
+
+  int descriptor_;
+  off_t base_ = 0;
+  size_t at_ = 0;
+  size_t end_ = 0;
+  char buffer_[1024];
+};
+
+void Reader::fill() {
+  base_ += static_cast<off_t>(end_);
+  ssize_t count;
+  do {
+    count = read(descriptor_, buffer_, sizeof buffer_);
+  } while (count == -1 && errno == EINTR);
+  at_ = 0;
+  end_ = count > 0 ? static_cast<size_t>(count) : 0;
+}
+
+// Where the text of a setting stands: in the environment or in the file, which it keeps open.
+class Setting {
+ public:
+  explicit Setting(const char* key);
+  ~Setting() {
+    if (file_ != -1) close(file_);
+  }
+  Setting(const Setting&) = delete;
+  Setting& operator=(const Setting&) = delete;
+
+  bool isThere() const { return isThere_; }
+  size_t length() const { return length_; }
+
+  // Copies the text and a terminator; false, and the buffer spoilt, when the file has changed.
+  bool copyTo(char* buffer) const;
+
+ private:
+  void findInEnvironment(const char* key);
+  void findInFile(const char* key);
+  bool takeLine(Reader& reader, const char* key);
+
+  bool isThere_ = false;
+  const char* text_ = nullptr;
+  int file_ = -1;
+  off_t start_ = 0;
+  size_t length_ = 0;
+};
+
+Setting::Setting(const char* key) {
+  if (key == nullptr || *key == '\0') return;
+  findInEnvironment(key);
+  if (!isThere_) findInFile(key);
+}
+
+void Setting::findInEnvironment(const char* key) {
+  char underscored[256];
+  const size_t size = strlen(key) + 1;
+  text_ = secure_getenv(key);
+  if (text_ == nullptr && size <= sizeof underscored) {
+    for (size_t i = 0; i < size; ++i) underscored[i] = key[i] == '.' ? '_' : key[i];
+    text_ = secure_getenv(underscored);
+  }
+  isThere_ = text_ != nullptr;
+  length_ = isThere_ ? strlen(text_) : 0;
+}
+
+void Setting::findInFile(const char* key) {
+  const char* path = secure_getenv("YSYS_CONFIG");
+  if (path != nullptr) file_ = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (file_ == -1) return;
+  Reader reader(file_);
+  while (!isThere_ && reader.byte() != END_OF_FILE) {
+    isThere_ = takeLine(reader, key);
+    reader.skipLine();
+  }
+}
+
+bool Setting::takeLine(Reader& reader, const char* key) {
+  reader.skipBlanks();
+  if (reader.byte() == '#') return false;
+  for (; *key != '\0'; ++key, reader.next()) {
+    if (reader.byte() != static_cast<unsigned char>(*key)) return false;
+  }
+  reader.skipBlanks();
+  if (reader.byte() != '=') return false;
+  reader.next();
+  reader.skipBlanks();
+  start_ = reader.position();
+  for (; !endsLine(reader.byte()); reader.next()) {
+    if (!isBlank(reader.byte())) length_ = static_cast<size_t>(reader.position() - start_) + 1;
+  }
+  return true;
+}
+
+bool Setting::copyTo(char* buffer) const {
+  if (text_ != nullptr) {
+    memcpy(buffer, text_, length_);
+  } else if (pread(file_, buffer, length_, start_) != static_cast<ssize_t>(length_)) {
+    return false;
+  }
+  buffer[length_] = '\0';
+  return true;
+}
+
+bool isDigit(char byte) { return byte >= '0' && byte <= '9'; }
+
+bool readNumber(const char* text, int* value) {
+  while (isBlank(*text) || *text == '\n') ++text;
+  const bool negative = *text == '-';
+  if (negative || *text == '+') ++text;
+  if (!isDigit(*text)) return false;
+  int64_t number = 0;
+  for (; isDigit(*text); ++text) {
+    number = number * 10 + (*text - '0');
+    if (number > int64_t{INT_MAX} + 1) return false;
+  }
+  while (isBlank(*text) || *text == '\n') ++text;
+  if (negative) number = -number;
+  if (*text != '\0' || number > INT_MAX) return false;
+  *value = static_cast<int>(number);
+  return true;
+}
+
+constinit std::atomic<uint64_t> _told[64];
+
+// Leaves the mark of a text in the table; false when it was there already, or the table is full.
+bool isFirst(const char* key, const char* complaint) {
+  uint64_t mark = 0xcbf29ce484222325u;
+  for (const char* text : {key, complaint}) {
+    for (; *text != '\0'; ++text)
+      mark = (mark ^ static_cast<unsigned char>(*text)) * 0x100000001b3u;
+  }
+  for (std::atomic<uint64_t>& place : _told) {
+    uint64_t there = 0;
+    if (place.compare_exchange_strong(there, mark, std::memory_order_relaxed)) return true;
+    if (there == mark) return false;
+  }
+  return false;
+}
+
+int absentAfterTelling(const char* key, const char* complaint) {
+  if (isFirst(key, complaint)) say({"ysys: setting ", key, " ", complaint, "; it is not used\n"});
+  return ABSENT;
+}
+
+}  // namespace
+}  // namespace ysys
+
+using namespace ysys;
+
+int YIF_GetConfigNumber(const char* key, int* value) noexcept {
+  const KeepErrno keep;
+  const Setting setting(key);
+  if (!setting.isThere()) return ABSENT;
+  char text[NUMBER_TEXT_MAX + 1];
+  const bool fits = setting.length() <= NUMBER_TEXT_MAX;
+  if (fits && setting.copyTo(text) && readNumber(text, value)) return FOUND;
+  return absentAfterTelling(key, "is not a 32-bit decimal number");
+}
+
+int YIF_GetConfigString(const char* key, char* buffer, unsigned int capacity) noexcept {
+  const KeepErrno keep;
+  const Setting setting(key);
+  if (!setting.isThere()) return ABSENT;
+  if (setting.length() >= capacity) return absentAfterTelling(key, "is too long a text");
+  return setting.copyTo(buffer) ? FOUND : ABSENT;
+}

@@ -1,0 +1,94 @@
+// file.cpp: files that are open for writing.
+//
+// A file is its descriptor and whether it is a pipe. Nothing is kept back: a write is with the
+// system when it returns, so flushing has nothing left to do. Every file is in append mode, one
+// whose content was replaced too; so the lines of several processes land one behind the other.
+//
+// A FIFO opens only when somebody reads it, and a write to one whose reader has gone is dropped
+// without a signal. That costs a few system calls a write, and other files do without them.
+//
+// May be called from any task; closing a file that another task is writing to is the caller's
+// mistake.
+#include "ysys/posix.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "utils/sdk/ysys.h"
+#include "ysys/fork.h"
+#include "ysys/handle_table.h"
+#include "ysys/voice.h"
+
+namespace ysys {
+namespace {
+
+struct OpenFile {
+  void begin(int descriptor, bool isPipe) {
+    descriptor_ = descriptor;
+    isPipe_ = isPipe;
+  }
+
+  int descriptor_ = -1;
+  bool isPipe_ = false;
+};
+
+constinit HandleTable<OpenFile, OPEN_FILE> _files;
+
+// Does not wait for the reader of a FIFO.
+int openForWriting(const char* path, int mode) {
+  const int replace = mode == YIF_OPEN_REPLACE ? O_TRUNC : 0;
+  const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | replace;
+  int descriptor;
+  do {
+    descriptor = open(path, flags, 0666);
+  } while (descriptor == -1 && errno == EINTR);
+  return descriptor;
+}
+
+void letWritesWait(int descriptor) {
+  const int flags = fcntl(descriptor, F_GETFL);
+  if (flags != -1) fcntl(descriptor, F_SETFL, flags & ~O_NONBLOCK);
+}
+
+bool isPipe(int descriptor) {
+  struct stat status;
+  if (fstat(descriptor, &status) != 0) return true;
+  return S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode);
+}
+
+}  // namespace
+
+void holdFiles() { _files.hold(); }
+
+void releaseFiles(bool) { _files.release(); }
+
+}  // namespace ysys
+
+using namespace ysys;
+
+YIF_Handle YIF_Open(const char* path, int mode, int) noexcept {
+  const int descriptor = path == nullptr ? -1 : openForWriting(path, mode);
+  if (descriptor == -1) return YIF_NO_FILE;
+  letWritesWait(descriptor);
+  const YIF_Handle made = _files.create(descriptor, isPipe(descriptor));
+  if (made != 0) return made;
+  close(descriptor);
+  return YIF_NO_FILE;
+}
+
+void YIF_Write(YIF_Handle file, const void* bytes, unsigned int count) noexcept {
+  const KeepErrno keep;
+  const OpenFile& target = _files.at(file, __func__);
+  const auto writeOut = target.isPipe_ ? writeAll : writeAllToFile;
+  writeOut(target.descriptor_, bytes, count, WhenFull::WAIT);
+}
+
+void YIF_Flush(YIF_Handle file) noexcept { _files.at(file, __func__); }
+
+void YIF_Close(YIF_Handle file) noexcept {
+  const KeepErrno keep;
+  const int descriptor = _files.at(file, __func__).descriptor_;
+  _files.end(file, __func__);
+  close(descriptor);
+}

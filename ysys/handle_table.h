@@ -1,0 +1,180 @@
+// handle_table.h: the objects of one kind, and the handles under which callers know them.
+//
+// A handle is kind << 28 | turn << 22 | index: the index names a slot, the turn counts how often
+// the slot was used before, and the kind (1 to 7) keeps the handles of different tables apart. So
+// none is 0 or has bit 31. Event (kind 3), slot 5, used for the second time, is 0x30400005.
+//
+// Slots lie in segments of 256 that are mapped as needed and never move or go. A live slot's word
+// is its handle; a freed one's is the coming turn << 22 | next freed slot, whose kind is 0: slot 5,
+// freed again and last in the queue, is 0x00bfffff. The queue keeps 256 slots waiting as long as
+// there is memory for more, so at least 16384 others are given before a handle comes back.
+//
+// Not a container: it owns the slots and never runs over what is live, but for the fork. Looking up
+// is free of locks and safe from any task; creating and ending serialise themselves.
+#pragma once
+
+#include <stdint.h>
+#include <sys/mman.h>
+
+#include <atomic>
+#include <mutex>
+#include <new>
+#include <type_traits>
+
+#include "utils/sdk/ysys.h"
+#include "ysys/voice.h"
+
+namespace ysys {
+
+enum Kind : uint32_t { MUTEX = 1, CRITICAL_SECTION, EVENT, COOPERATIVE_EVENT, OPEN_FILE };
+
+// requires: T has no destructor to run and an operation `begin` that makes it new from any state
+template <class T, Kind KIND>
+class HandleTable {
+ public:
+  constexpr HandleTable() = default;
+  HandleTable(const HandleTable&) = delete;
+  HandleTable& operator=(const HandleTable&) = delete;
+
+  // A new object, begun with the arguments. Gives 0 when there is no room.
+  template <class... Arguments>
+  YIF_Handle create(Arguments... arguments);
+
+  // Ends the object; `operation` is named when there is none.
+  void end(YIF_Handle handle, const char* operation);
+
+  // The object; stops, naming `operation`, when there is none.
+  __attribute__((always_inline)) T& at(YIF_Handle handle, const char* operation) {
+    return slotAt(handle, operation).object_;
+  }
+
+  // For the fork alone: nothing is created or ended from `hold` until `release`.
+  void hold() { mutex_.lock(); }
+  void release() { mutex_.unlock(); }
+  template <class Change>
+  void changeAll(Change change);  // requires: held
+
+ private:
+  static constexpr uint32_t KIND_SHIFT = 28;
+  static constexpr uint32_t TURN_SHIFT = 22;
+  static constexpr uint32_t SEGMENT_SHIFT = 8;
+  static constexpr uint32_t SEGMENT_SLOTS = 1u << SEGMENT_SHIFT;
+  static constexpr uint32_t SEGMENT_COUNT = 1u << (TURN_SHIFT - SEGMENT_SHIFT);
+  static constexpr uint32_t NO_SLOT = (1u << TURN_SHIFT) - 1;  // so the last index is never used
+  static constexpr uint32_t TURN_MASK = (1u << KIND_SHIFT) - (1u << TURN_SHIFT);
+
+  // One slot a cache line, so that tasks busy with different objects do not slow each other down.
+  struct alignas(64) Slot {
+    std::atomic<uint32_t> word_{0};
+    T object_;
+  };
+
+  static_assert(KIND < 8);
+  static_assert(std::is_trivially_destructible_v<T>);
+  static_assert(std::atomic<Slot*>::is_always_lock_free);
+
+  Slot& slot(uint32_t index) {
+    Slot* segment = segments_[index >> SEGMENT_SHIFT].load(std::memory_order_relaxed);
+    return segment[index & (SEGMENT_SLOTS - 1)];
+  }
+  __attribute__((always_inline)) Slot& slotAt(YIF_Handle handle, const char* operation);
+  void queueFreed(uint32_t index);
+  uint32_t takeSlot();
+  bool addSegment();
+
+  std::mutex mutex_;               // guards all that follows but the reading of segments
+  uint32_t used_ = 0;              // slots below were used at least once
+  uint32_t mapped_ = 0;            // slots below have memory
+  uint32_t freed_ = 0;             // slots that wait to be used again
+  uint32_t firstFreed_ = NO_SLOT;  // freed the longest ago; this and the next if there are any
+  uint32_t lastFreed_ = NO_SLOT;
+  std::atomic<Slot*> segments_[SEGMENT_COUNT] = {};
+};
+
+[[noreturn]] __attribute__((cold, noinline)) inline void stopForBadHandle(YIF_Handle handle,
+                                                                          const char* operation) {
+  const NumberText number(handle, 16);
+  sayAndStop({"ysys: ", operation, ": ", number.text(),
+              " is no handle of this family; it is stale, or of another kind\n"});
+}
+
+template <class T, Kind KIND>
+inline typename HandleTable<T, KIND>::Slot& HandleTable<T, KIND>::slotAt(YIF_Handle handle,
+                                                                         const char* operation) {
+  const uint32_t index = handle & NO_SLOT;
+  Slot* segment = segments_[index >> SEGMENT_SHIFT].load(std::memory_order_acquire);
+  if (__builtin_expect(handle >> KIND_SHIFT == KIND && segment != nullptr, 1)) {
+    Slot& found = segment[index & (SEGMENT_SLOTS - 1)];
+    if (__builtin_expect(found.word_.load(std::memory_order_acquire) == handle, 1)) return found;
+  }
+  stopForBadHandle(handle, operation);
+}
+
+template <class T, Kind KIND>
+template <class... Arguments>
+YIF_Handle HandleTable<T, KIND>::create(Arguments... arguments) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  const uint32_t index = takeSlot();
+  if (index == NO_SLOT) return 0;
+  Slot& taken = slot(index);
+  const uint32_t turn = taken.word_.load(std::memory_order_relaxed) & TURN_MASK;
+  const YIF_Handle handle = KIND << KIND_SHIFT | turn | index;
+  taken.object_.begin(arguments...);
+  taken.word_.store(handle, std::memory_order_release);
+  return handle;
+}
+
+template <class T, Kind KIND>
+void HandleTable<T, KIND>::end(YIF_Handle handle, const char* operation) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  const uint32_t nextTurn = (handle + (1u << TURN_SHIFT)) & TURN_MASK;
+  slotAt(handle, operation).word_.store(nextTurn | NO_SLOT, std::memory_order_release);
+  queueFreed(handle & NO_SLOT);
+}
+
+template <class T, Kind KIND>
+void HandleTable<T, KIND>::queueFreed(uint32_t index) {
+  if (freed_++ == 0) {
+    firstFreed_ = index;
+  } else {
+    std::atomic<uint32_t>& last = slot(lastFreed_).word_;
+    const uint32_t turn = last.load(std::memory_order_relaxed) & TURN_MASK;
+    last.store(turn | index, std::memory_order_relaxed);
+  }
+  lastFreed_ = index;
+}
+
+template <class T, Kind KIND>
+uint32_t HandleTable<T, KIND>::takeSlot() {
+  if (used_ < mapped_) return used_++;
+  if (freed_ < SEGMENT_SLOTS && addSegment()) return used_++;
+  if (freed_ == 0) return NO_SLOT;
+  const uint32_t index = firstFreed_;
+  firstFreed_ = slot(index).word_.load(std::memory_order_relaxed) & NO_SLOT;
+  --freed_;
+  return index;
+}
+
+template <class T, Kind KIND>
+bool HandleTable<T, KIND>::addSegment() {
+  if (mapped_ + SEGMENT_SLOTS > NO_SLOT) return false;
+  void* memory = mmap(nullptr, SEGMENT_SLOTS * sizeof(Slot), PROT_READ | PROT_WRITE,
+                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) return false;
+  Slot* segment = static_cast<Slot*>(memory);
+  for (uint32_t i = 0; i < SEGMENT_SLOTS; ++i) ::new (segment + i) Slot;
+  segments_[mapped_ >> SEGMENT_SHIFT].store(segment, std::memory_order_release);
+  mapped_ += SEGMENT_SLOTS;
+  return true;
+}
+
+template <class T, Kind KIND>
+template <class Change>
+void HandleTable<T, KIND>::changeAll(Change change) {
+  for (uint32_t index = 0; index < used_; ++index) {
+    Slot& each = slot(index);
+    if (each.word_.load(std::memory_order_relaxed) >> KIND_SHIFT == KIND) change(each.object_);
+  }
+}
+
+}  // namespace ysys

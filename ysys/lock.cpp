@@ -1,0 +1,138 @@
+// lock.cpp: mutexes and critical sections, which are the same recursive lock under two kinds of
+// handle.
+//
+// A lock is two words. The first is 0 when nobody holds the lock, else the holder's task id, with
+// bit 31 set when tasks may sleep for it: task 4711 inside and others waiting is 0x80001267. The
+// second counts how often the holder has entered beyond the first time; only the holder changes it.
+//
+// Entering a free lock is one compare-and-exchange, leaving it one exchange. A task that must wait
+// looks again for a moment, then announces itself in bit 31 and sleeps; leaving wakes one sleeper.
+// It is not fair: a task that comes at the right moment passes those that sleep.
+//
+// May be called from any task. The counter is atomic only for the child of a fork, which clears it
+// in place of the holder.
+#include <atomic>
+
+#include "utils/sdk/ysys.h"
+#include "ysys/fork.h"
+#include "ysys/futex.h"
+#include "ysys/handle_table.h"
+#include "ysys/task.h"
+
+namespace ysys {
+namespace {
+
+class Lock {
+ public:
+  void begin();
+  void enter();
+  bool exit();  // gives false, and changes nothing, when the calling task does not hold it
+
+ private:
+  static constexpr uint32_t SLEEPERS = 0x80000000u;
+
+  bool takeIfFree(uint32_t held) {
+    uint32_t nobody = 0;
+    return word_.load(std::memory_order_relaxed) == 0 &&
+           word_.compare_exchange_strong(nobody, held, std::memory_order_acquire);
+  }
+  void enterContended(uint32_t me);
+  uint32_t announceSleeper();  // gives the word to sleep on, 0 when it is not held so
+
+  std::atomic<uint32_t> word_{0};
+  std::atomic<uint32_t> again_{0};
+};
+
+void Lock::begin() {
+  again_.store(0, std::memory_order_relaxed);
+  word_.store(0, std::memory_order_relaxed);
+}
+
+inline void Lock::enter() {
+  const uint32_t me = taskId();
+  if ((word_.load(std::memory_order_relaxed) & ~SLEEPERS) == me) {
+    again_.store(again_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  } else if (!takeIfFree(me)) {
+    enterContended(me);
+  }
+}
+
+inline bool Lock::exit() {
+  if ((word_.load(std::memory_order_relaxed) & ~SLEEPERS) != taskId()) return false;
+  const uint32_t again = again_.load(std::memory_order_relaxed);
+  if (again != 0) {
+    again_.store(again - 1, std::memory_order_relaxed);
+  } else if (word_.exchange(0, std::memory_order_release) & SLEEPERS) {
+    futexWake(&word_, 1);
+  }
+  return true;
+}
+
+// Whoever has slept takes the lock with the bit, since others may sleep still.
+void Lock::enterContended(uint32_t me) {
+  if (passesSoon([&] { return takeIfFree(me); })) return;
+  while (!takeIfFree(me | SLEEPERS)) {
+    const uint32_t seen = announceSleeper();
+    if (seen != 0) futexSleep(&word_, seen, FOREVER);
+  }
+}
+
+uint32_t Lock::announceSleeper() {
+  uint32_t word = word_.load(std::memory_order_relaxed);
+  if (word == 0 || (word & SLEEPERS) != 0) return word;
+  const bool announced =
+      word_.compare_exchange_strong(word, word | SLEEPERS, std::memory_order_relaxed);
+  return announced ? word | SLEEPERS : 0;
+}
+
+constinit HandleTable<Lock, MUTEX> _mutexes;
+constinit HandleTable<Lock, CRITICAL_SECTION> _sections;
+
+YIF_Handle orStop(YIF_Handle made, const char* operation) {
+  if (made == 0) sayAndStop({"ysys: ", operation, ": no room for another lock\n"});
+  return made;
+}
+
+void exitOrReport(Lock& lock) {
+  if (!lock.exit()) YfAssert__("held by the calling task", "ysys/lock", __LINE__);
+}
+
+}  // namespace
+
+void holdLocks() {
+  _mutexes.hold();
+  _sections.hold();
+}
+
+void releaseLocks(bool inChild) {
+  if (inChild) {
+    _mutexes.changeAll([](Lock& lock) { lock.begin(); });
+    _sections.changeAll([](Lock& lock) { lock.begin(); });
+  }
+  _sections.release();
+  _mutexes.release();
+}
+
+}  // namespace ysys
+
+using namespace ysys;
+
+YIF_Handle YIF_CreateMutex() noexcept { return orStop(_mutexes.create(), __func__); }
+
+void YIF_DestroyMutex(YIF_Handle mutex) noexcept { _mutexes.end(mutex, __func__); }
+
+void YIF_EnterMutex(YIF_Handle mutex) noexcept { _mutexes.at(mutex, __func__).enter(); }
+
+void YIF_ExitMutex(YIF_Handle mutex) noexcept { exitOrReport(_mutexes.at(mutex, __func__)); }
+
+YIF_Handle YIF_CreateCriticalSection() noexcept { return orStop(_sections.create(), __func__); }
+
+void YIF_DestroyCriticalSection(YIF_Handle section) noexcept { _sections.end(section, __func__); }
+
+void YIF_EnterCriticalSection(YIF_Handle section) noexcept {
+  _sections.at(section, __func__).enter();
+}
+
+void YIF_ExitCriticalSection(YIF_Handle section) noexcept {
+  exitOrReport(_sections.at(section, __func__));
+}

@@ -1,0 +1,111 @@
+// memory.cpp: raw memory for the allocators, from one window of addresses.
+//
+// The window is reserved without memory behind it and handed out from its lower end; ahead of what
+// was handed out, its pages are opened a mebibyte at a time, so most requests need no system call.
+// On a 64-bit system, with the window at 0x7f0000000000, requests of 4 MiB and of 100 bytes give
+// 0x7f0000000000 and 0x7f0000400000, the third 0x7f0000400070, and 5 MiB of pages are open.
+//
+// It is not an allocator: nothing comes back. The size that is tried first is twice the wanted one
+// and is halved until the system agrees; then the upper half is returned, so that the host keeps at
+// least as much of the address space as the window takes. A request above 2^26 bytes bypasses the
+// window.
+//
+// May be called from any task, also ahead of YIF_MemInit and in the child of a fork.
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <mutex>
+
+#include "utils/sdk/ysys.h"
+#include "ysys/fork.h"
+
+namespace ysys {
+namespace {
+
+constexpr uint64_t ALIGNMENT = 16;
+constexpr uint64_t WINDOW_REQUEST_MAX = uint64_t{1} << 26;
+constexpr size_t OPEN_STEP = size_t{1} << 20;
+
+// The four are offsets from base_, handed <= open <= size; a null base has a size of 0.
+struct Window {
+  std::mutex mutex_;
+  char* base_ = nullptr;
+  size_t size_ = 0;
+  size_t open_ = 0;
+  size_t handed_ = 0;
+};
+
+constinit Window _window;
+
+size_t wantedSize() {
+  const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  if constexpr (sizeof(void*) == 4) return size_t{1} << 30;
+  return static_cast<size_t>((uint64_t{1} << 32) - page);
+}
+
+// Rounds a halved size down to pages, so that both halves begin on one.
+size_t halfOf(size_t size) { return size / 2 & ~(static_cast<size_t>(sysconf(_SC_PAGESIZE)) - 1); }
+
+// requires: _window.mutex_ held
+void reserveWindow() {
+  if (_window.base_ != nullptr) return;
+  for (size_t kept = wantedSize(); kept >= OPEN_STEP; kept = halfOf(kept)) {
+    void* base =
+        mmap(nullptr, 2 * kept, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (base == MAP_FAILED) continue;
+    _window.base_ = static_cast<char*>(base);
+    _window.size_ = kept;
+    munmap(_window.base_ + kept, kept);
+    return;
+  }
+}
+
+bool openUpTo(size_t end) {
+  if (end <= _window.open_) return true;
+  const size_t steps = (end - _window.open_ + OPEN_STEP - 1) / OPEN_STEP;
+  const size_t length = std::min(steps * OPEN_STEP, _window.size_ - _window.open_);
+  if (mprotect(_window.base_ + _window.open_, length, PROT_READ | PROT_WRITE) != 0) return false;
+  _window.open_ += length;
+  return true;
+}
+
+void* handOut(size_t size) {
+  const std::lock_guard<std::mutex> guard(_window.mutex_);
+  reserveWindow();
+  if (size > _window.size_ - _window.handed_) return nullptr;
+  if (!openUpTo(_window.handed_ + size)) return nullptr;
+  void* given = _window.base_ + _window.handed_;
+  _window.handed_ += size;
+  return given;
+}
+
+void* mapApart(uint64_t size) {
+  if (size > SIZE_MAX) return nullptr;
+  void* mapped = mmap(nullptr, static_cast<size_t>(size), PROT_READ | PROT_WRITE,
+                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  return mapped == MAP_FAILED ? nullptr : mapped;
+}
+
+}  // namespace
+
+void holdMemory() { _window.mutex_.lock(); }
+
+void releaseMemory(bool) { _window.mutex_.unlock(); }
+
+}  // namespace ysys
+
+using namespace ysys;
+
+void YIF_MemInit(unsigned int) noexcept {
+  const std::lock_guard<std::mutex> guard(_window.mutex_);
+  reserveWindow();
+}
+
+void* YIF_MemAlloc(unsigned int size) noexcept {
+  const uint64_t atLeastOne = std::max(size, 1u);
+  const uint64_t rounded = (atLeastOne + ALIGNMENT - 1) & ~(ALIGNMENT - 1);
+  return rounded > WINDOW_REQUEST_MAX ? mapApart(rounded) : handOut(static_cast<size_t>(rounded));
+}

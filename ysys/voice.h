@@ -1,0 +1,57 @@
+// voice.h: how the system layer writes to a descriptor and speaks on standard error.
+//
+// It allocates nothing, takes no lock and knows no handle, so it can be used with the heap broken,
+// the log gone, and by the fork handlers. It is not a log: what it says is for the person who has
+// to find out why a process stopped or why a setting is not followed.
+//
+// Safe from any task. A message of several parts is one system call, so that the lines of two tasks
+// do not mix: {"ysys: ", "YIF_SetEvent", ": no event\n"} leaves as one line of 29 bytes.
+#pragma once
+
+#include <errno.h>
+#include <signal.h>
+#include <stddef.h>
+
+#include <initializer_list>
+
+namespace ysys {
+
+// Leaves `errno` as it was found.
+class KeepErrno {
+ public:
+  KeepErrno() = default;
+  ~KeepErrno() { errno = saved_; }
+  KeepErrno(const KeepErrno&) = delete;
+  KeepErrno& operator=(const KeepErrno&) = delete;
+
+ private:
+  int saved_ = errno;
+};
+
+// The text of a number, digits of base 10 or 16 (the latter behind "0x").
+class NumberText {
+ public:
+  NumberText(unsigned number, unsigned base);
+  const char* text() const { return text_; }
+
+ private:
+  char room_[16];
+  const char* text_;
+};
+
+enum class WhenFull { WAIT, GIVE_UP };
+
+// Writes until all is written or the system refuses; gives the number of bytes that it took. A pipe
+// without a reader is a refusal and no signal.
+size_t writeAll(int descriptor, const void* bytes, size_t count, WhenFull whenFull);
+
+// The same for a descriptor that is no pipe, at the price of the write alone.
+size_t writeAllToFile(int descriptor, const void* bytes, size_t count, WhenFull whenFull);
+
+// One message of at most 12 parts on standard error; a null part counts as empty.
+void say(std::initializer_list<const char*> parts);
+
+// Says it and stops the process.
+[[noreturn]] void sayAndStop(std::initializer_list<const char*> parts);
+
+}  // namespace ysys

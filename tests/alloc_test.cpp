@@ -1,0 +1,349 @@
+// MemoryAllocator: a random run beside a model, exhaustion at every request, and the cases that the
+// model cannot see.
+#include "utils/sdk/alloc.h"
+
+#include <cstddef>
+
+#include "gmock/gmock.h"
+#include "support/arena_check.h"
+#include "support/arena_model.h"
+#include "support/arena_run.h"
+#include "support/assertion_recorder.h"
+#include "support/nth_failure.h"
+#include "support/scripted_parent.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+char* bytes(void* mem) { return static_cast<char*>(mem); }
+
+TEST(MemoryAllocator, RandomRunFollowsTheModel) {
+  AssertionRecorder recorder;
+  ArenaRun<OpenArena, ArenaModel>(1).run(5000, 300);
+  ArenaRun<OpenArena, ArenaModel>(2).run(1500, 12);
+  // Small blocks that find no page fail "h" before they are served otherwise; nothing else may
+  // fail.
+  EXPECT_THAT(recorder.take(), testing::Each("h"));
+}
+
+TEST(MemoryAllocator, EveryFailingChunkLeavesItWhole) {
+  AssertionRecorder recorder;
+  failEveryNth(60, [](unsigned n) {
+    ScriptedParent parent;
+    OpenArena arena(&parent);
+    parent.failFrom(n);
+    std::vector<void*> live;
+    bool failed = false;
+    for (unsigned i = 0; i < 160; i++) {
+      const unsigned before = arena.allocatedMemory() + arena.internalFree();
+      void* mem = arena.alloc(i % 4 == 0 ? 60000u : 20u << (i % 5), i);
+      if (mem) {
+        live.push_back(mem);
+        EXPECT_TRUE(arena.valid(mem));
+      } else {
+        failed = true;
+        EXPECT_EQ(arena.allocatedMemory() + arena.internalFree(), before);
+      }
+      arena.check();
+    }
+    for (std::size_t i = 0; i < live.size(); i += 2) arena.free(live[i]);
+    for (std::size_t i = 1; i < live.size(); i += 2) arena.free(live[i]);
+    arena.check();
+    return !failed;
+  });
+}
+
+// Without a page a small request gets a large block, which must merge like one.
+TEST(MemoryAllocator, SmallRequestWithoutAPage) {
+  AssertionRecorder recorder;
+  ScriptedParent parent;
+  OpenArena arena(&parent);
+  void* filler = arena.alloc(131064 - 3 * 2048 - 8);
+  parent.failFrom(1);
+  void* a = arena.alloc(10);
+  void* b = arena.alloc(500);
+  void* c = arena.alloc(1);
+  EXPECT_THAT(recorder.take(), ElementsAre("h", "h", "h"));
+  EXPECT_EQ(arena.size(a), 1024u);
+  for (void* mem : {b, c, a, filler}) {
+    EXPECT_TRUE(arena.valid(mem));
+    arena.free(mem);
+    arena.check();
+  }
+  EXPECT_EQ(arena.internalFree(), 131064u);
+  EXPECT_EQ(arena.alloc(200000), nullptr);
+  EXPECT_THAT(recorder.take(), IsEmpty());
+}
+
+TEST(MemoryAllocator, NumbersOfAFirstChunk) {
+  ScriptedParent parent;
+  OpenArena arena(&parent);
+  EXPECT_EQ(arena.firstBlock(), nullptr);
+  void* mem = arena.alloc(1000);
+  EXPECT_EQ(bytes(mem), parent.base_ + 8);
+  EXPECT_THAT(parent.sizes_, ElementsAre(131072u));
+  EXPECT_EQ(arena.size(mem), 1024u);
+  EXPECT_EQ(arena.allocatedMemory(), 1024u);
+  EXPECT_EQ(arena.internalFree(), 130040u);
+  arena.free(mem);
+  EXPECT_EQ(arena.allocatedMemory(), 0u);
+  EXPECT_EQ(arena.internalFree(), 131064u);
+  void* whole = arena.alloc(131056);
+  EXPECT_EQ(arena.size(whole), 131064u);
+  EXPECT_EQ(parent.sizes_.size(), 1u);
+}
+
+TEST(MemoryAllocator, NumbersOfThePages) {
+  ScriptedParent parent;
+  OpenArena arena(&parent);
+  void* mem = arena.alloc(1);
+  EXPECT_EQ(arena.size(mem), 32u);
+  EXPECT_EQ(arena.allocatedMemory(), 10280u);
+  EXPECT_EQ(arena.internalFree(), 130992u);
+  EXPECT_EQ(arena.list(5).size(), 318u);
+  arena.free(mem);
+  EXPECT_EQ(arena.allocatedMemory(), 10248u);
+  EXPECT_EQ(arena.internalFree(), 131024u);
+  void* next = arena.alloc(30);
+  EXPECT_EQ(arena.size(next), 64u);
+  EXPECT_EQ(arena.allocatedMemory(), 10248u + 64u);
+  EXPECT_EQ(arena.size(arena.alloc(504)), 512u);
+  EXPECT_EQ(arena.size(arena.alloc(505)), 1024u);
+  EXPECT_EQ(arena.size(arena.alloc(1017)), 1032u);
+  EXPECT_EQ(arena.list(7).size() + arena.list(8).size(), 0u);
+  EXPECT_EQ((arena.alloc(100), arena.list(7).size()), 78u);
+  EXPECT_EQ((arena.alloc(200), arena.list(8).size()), 38u);
+  EXPECT_EQ(arena.list(6).size(), 158u);
+  EXPECT_EQ(arena.list(9).size(), 18u);
+  arena.check();
+}
+
+TEST(MemoryAllocator, SplitsFromTheSmallestRemainderOn) {
+  ScriptedParent parent;
+  OpenArena arena(&parent);
+  void* a = arena.alloc(2040 - 8);
+  arena.alloc(1016);
+  void* b = arena.alloc(2048 - 8);
+  arena.alloc(1016);
+  arena.free(a);
+  arena.free(b);
+  EXPECT_EQ(arena.size(arena.alloc(1016)), 2040u);
+  EXPECT_EQ(arena.size(arena.alloc(1016)), 1024u);
+  EXPECT_EQ(arena.size(arena.alloc(1016)), 1024u);
+  arena.check();
+}
+
+TEST(MemoryAllocator, RefusesWhatABlockCannotHold) {
+  ScriptedParent parent;
+  OpenArena arena(&parent);
+  for (const unsigned size :
+       {67108849u, 0x7fffffffu, 0xfffffff0u, 0xfffffff1u, 0xfffffff9u, 0xffffffffu})
+    EXPECT_EQ(arena.alloc(size), nullptr) << size;
+  EXPECT_TRUE(parent.sizes_.empty());
+  void* mem = arena.alloc(67108848);
+  ASSERT_NE(mem, nullptr);
+  EXPECT_EQ(arena.size(mem), (1u << 26) - 8);
+  EXPECT_TRUE(arena.valid(mem));
+  // The next such chunk continues the chain, and its block would be too large for its head.
+  void* second = arena.alloc(67108848);
+  ASSERT_NE(second, nullptr);
+  EXPECT_EQ(arena.size(second), (1u << 26) - 8);
+  arena.check();
+  arena.free(mem);
+  arena.free(second);
+  arena.check();
+}
+
+TEST(MemoryAllocator, LargeNeighboursStayApart) {
+  ScriptedParent parent;
+  OpenArena arena(&parent);
+  std::vector<void*> live;
+  for (int i = 0; i < 4; i++) live.push_back(arena.alloc(30 << 20));
+  EXPECT_EQ(parent.next_ - parent.base_, 4 * ((30 << 20) + 16));
+  for (void* mem : live) {
+    arena.free(mem);
+    arena.check();
+  }
+  EXPECT_EQ(arena.chain().size(), 2u);
+  EXPECT_NE(arena.alloc(60 << 20), nullptr);
+  arena.check();
+}
+
+TEST(MemoryAllocator, ChunksWithAGapBetween) {
+  ScriptedParent parent;
+  OpenArena arena(&parent);
+  void* a = arena.alloc(131056);
+  parent.skip(4096);
+  void* b = arena.alloc(131056);
+  EXPECT_EQ(arena.chain().size(), 3u);
+  EXPECT_EQ(arena.chain()[1].size(), 4096u + 8u);
+  arena.free(a);
+  arena.free(b);
+  arena.check();
+  EXPECT_EQ(arena.internalFree(), 2 * 131064u);
+  EXPECT_EQ(arena.alloc(140000), parent.base_ + 2 * 131072 + 4096) << "continues the chain";
+  arena.check();
+}
+
+// Lower and too far: everything still allocates and frees, walks end, nothing asserts.
+TEST(MemoryAllocator, ChunksOutsideTheChain) {
+  const std::size_t far = std::size_t{90} << 20;
+  for (const auto& places :
+       {std::vector<std::size_t>{0, far}, {far, 0}, {far, 0, 131072}, {far, 2 * far, 0}}) {
+    AssertionRecorder recorder;
+    ScriptedParent parent;
+    OpenArena arena(&parent);
+    std::vector<void*> live;
+    for (const std::size_t place : places) {
+      parent.placeAt(place);
+      for (int i = 0; i < 4; i++) live.push_back(arena.alloc(32000));
+      live.push_back(arena.alloc(40));
+      arena.checkArena();
+    }
+    for (std::size_t i = 0; i < live.size(); i += 2) arena.free(live[i]);
+    arena.check(false);
+    for (std::size_t i = 1; i < live.size(); i += 2) arena.free(live[i]);
+    arena.check(false);
+    arena.checkArena();
+    arena.report();
+    EXPECT_LE(arena.allocatedMemory(), 10248u);
+    EXPECT_THAT(recorder.take(), IsEmpty());
+  }
+}
+
+TEST(MemoryAllocator, AnswersForWhatIsNoBlock) {
+  ScriptedParent parent;
+  OpenArena arena(&parent);
+  char* mem = bytes(arena.alloc(2000));
+  char* small = bytes(arena.alloc(10));
+  int other = 0;
+  for (void* p :
+       {static_cast<void*>(nullptr), static_cast<void*>(&other), static_cast<void*>(mem - 64),
+        static_cast<void*>(mem + 1), static_cast<void*>(mem + 4)}) {
+    EXPECT_EQ(arena.size(p), 0u);
+    EXPECT_EQ(arena.color(p), 0u);
+    EXPECT_FALSE(arena.valid(p));
+    EXPECT_EQ(arena.color(p, 5), Utils::RESULT_INVALID_ARGUMENT);
+  }
+  EXPECT_FALSE(OpenArena::busy(static_cast<void*>(nullptr)));
+  // Words inside a block that look like heads, of any size.
+  for (const unsigned word : {1u, 33u, 41u, 0xffffffffu, 0x3ffffffu, 1025u}) {
+    std::memcpy(mem + 44, &word, sizeof word);
+    EXPECT_EQ(arena.valid(mem + 48), word == 33u);
+  }
+  EXPECT_TRUE(arena.valid(small));
+  arena.free(mem);
+  EXPECT_FALSE(arena.valid(mem));
+  EXPECT_FALSE(OpenArena::busy(mem));
+  arena.free(nullptr);
+  EXPECT_EQ(arena.setColor(small, 3), Utils::RESULT_NOT_IMPLEMENTED);
+  EXPECT_EQ(arena.nextBlock(nullptr), nullptr);
+}
+
+TEST(MemoryAllocator, Colors) {
+  OpenArena arena;  // on the system layer itself
+  unsigned old = 99;
+  EXPECT_EQ(arena.setDefaultColor(70, &old), 0u);
+  EXPECT_EQ(old, 0u);
+  EXPECT_EQ(arena.defaultColor(), 70u);
+  void* mem = arena.alloc(100);
+  EXPECT_EQ(arena.color(mem), 6u);
+  EXPECT_EQ(arena.allocatedColorMemory(70), 128u);
+  EXPECT_EQ(arena.color(mem, 5), Utils::RESULT_INVALID_ARGUMENT) << "it has a colour";
+  void* plain = arena.alloc(3000, 64);
+  const unsigned size = arena.size(plain);
+  EXPECT_EQ(arena.color(plain, 128), Utils::RESULT_INVALID_ARGUMENT) << "128 is colour 0";
+  EXPECT_EQ(arena.color(plain, 66), 0u);
+  EXPECT_EQ(arena.color(plain), 2u);
+  EXPECT_EQ(arena.allocatedColorMemory(2), size);
+  arena.free(plain);
+  EXPECT_EQ(arena.allocatedColorMemory(2), 0u);
+  EXPECT_EQ(arena.allocatedColorMemory(0), 10248u + size) << "recolouring left it there";
+  arena.adjustColorMemory(66, -24);
+  EXPECT_EQ(arena.allocatedColorMemory(2), 0u - 24u);
+  arena.check();
+}
+
+TEST(MemoryAllocator, ReportsTheChain) {
+  ScriptedParent parent;
+  OpenArena arena(&parent);
+  arena.alloc(3000);
+  arena.free(arena.alloc(100000));
+  testing::internal::CaptureStdout();
+  arena.report();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Arenas: \nArena Count  Used       Free Biggest\n"
+            "   11      1    3008       0 3008\n"
+            "   16      1       0  128056 128056\n"
+            "2k used + 125k (free) = 127k\n");
+}
+
+TEST(MemoryAllocator, DamageFailsTheRightAssertion) {
+  AssertionRecorder recorder;
+  ScriptedParent parent;
+  OpenArena arena(&parent);
+  char* mem = bytes(arena.alloc(2000));
+  mem[2000] ^= 1;
+  arena.free(mem);
+  EXPECT_THAT(recorder.take(), ElementsAre("s+1 == TAIL(h)->size"));
+  EXPECT_THAT(recorder.files_, ElementsAre("utils/sdk/alloc"));
+  arena.check();
+  const unsigned before = arena.internalFree();
+  arena.free(mem);
+  EXPECT_THAT(recorder.take(), ElementsAre("busy(h)"));
+  EXPECT_EQ(arena.internalFree(), before);
+  arena.check();
+  void* lost = arena.alloc(5000);
+  testing::internal::CaptureStdout();
+  arena.removeMe(static_cast<Utils::MemHead*>(static_cast<void*>(bytes(lost) - 4)));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "126056 ");
+  EXPECT_THAT(recorder.take(), ElementsAre("0"));
+  parent.placeAt(400008);
+  arena.alloc(300000);
+  EXPECT_THAT(recorder.take(), ElementsAre("((unsigned long)candidate & (CHUNK_ALIGN - 1)) == 0"));
+  bytes(arena.firstBlock())[5000] ^= 8;
+  arena.nextBlock(arena.firstBlock());
+  EXPECT_THAT(recorder.take(), ElementsAre("size == (t->size & ~1)"));
+}
+
+// The operations that derived allocators build on, step by step.
+TEST(MemoryAllocator, ProtectedSteps) {
+  ScriptedParent parent;
+  OpenArena arena(&parent);
+  void* first = arena.alloc(1016);
+  auto* fit = arena.allocCandidate(2000);
+  ASSERT_NE(fit, nullptr);
+  EXPECT_EQ(fit->sizeandcolor(), 130040u + 1);
+  EXPECT_EQ(arena.internalFree(), 0u);
+  EXPECT_EQ(arena.allocCandidate(1024), nullptr);
+  arena.splitBlock(fit, 4096);
+  EXPECT_EQ(fit->sizeandcolor(), 4097u);
+  EXPECT_EQ(arena.internalFree(), 130040u - 4096u);
+  fit->color_ = 9;
+  EXPECT_EQ(arena.coalesce(fit), fit);
+  EXPECT_EQ(fit->sizeandcolor(), 130041u);
+  arena.freeLoser(fit);
+  EXPECT_EQ(arena.freeColorMemory(9), 130040u);
+  arena.check();
+  auto* small = arena.allocSmall(6);
+  EXPECT_EQ(small->sizeandcolor(), 65u);
+  small->color_ = 3;
+  arena.freeSmall(small);
+  EXPECT_EQ(arena.freeColorMemory(3), 64u);
+  EXPECT_EQ(arena._free(arena._alloc(100, 1)), 128u);
+  arena.free(first);
+  arena.tryHard(false);
+  EXPECT_FALSE(arena.tryHard());
+}
+
+#if defined(__i386__)
+// The 32-bit layout is the design's own.
+static_assert(offsetof(Utils::MemHead, color_) == 16);
+static_assert(sizeof(Utils::MemHead) == 20);
+static_assert(sizeof(Utils::MemoryAllocator) ==
+              4 * (1 + 1 + 1 + 2 + 1 + 10 + 1 + 1 + 1 + 64 + 64 + 1));
+#endif
+
+}  // namespace

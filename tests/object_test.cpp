@@ -1,0 +1,157 @@
+// Counts, references and messages, with every object accounted for and with memory that runs out.
+#include "utils/sdk/object.h"
+
+#include <string>
+#include <vector>
+
+#include "gmock/gmock.h"
+#include "support/assertion_recorder.h"
+#include "support/system_memory.h"
+#include "utils/sdk/alloc.h"
+
+namespace {
+
+using Utils::Allocator;
+using Utils::Object;
+using Utils::Problem;
+using Utils::Ref;
+
+struct Probe : Object {
+  Probe() { made_++; }
+  Probe(const Probe& other) : Object(other) { made_++; }
+  Probe& operator=(const Probe&) = default;
+  ~Probe() override { ended_++; }
+
+  static inline int made_ = 0;
+  static inline int ended_ = 0;
+  Ref<Probe> inner_;
+};
+
+unsigned held() { return Allocator::theAllocator()->allocatedMemory(); }
+
+TEST(Ref, OwnsFromTheFirstToTheLast) {
+  const unsigned before = held();
+  Probe::made_ = Probe::ended_ = 0;
+  auto* p = new Probe;
+  EXPECT_TRUE(Allocator::theAllocator()->valid(p));
+  EXPECT_EQ(p->refCount(), 0u);
+  {
+    Ref<Probe> a(p);
+    EXPECT_EQ(p->refCount(), 1u);
+    Ref<Probe> b(a);
+    EXPECT_EQ(b->refCount(), 2u);
+    Ref<Probe> empty(nullptr);
+    EXPECT_FALSE(empty.valid());
+    a = empty;
+    EXPECT_FALSE(a.valid());
+    const Ref<Probe>& same = b;
+    b = same;
+    EXPECT_EQ(p->refCount(), 1u);
+    EXPECT_EQ(Probe::ended_, 0);
+    a = b;
+    a = Ref<Probe>(new Probe);
+    EXPECT_EQ(p->refCount(), 1u);
+    b = a;
+    EXPECT_EQ(Probe::ended_, 1);
+  }
+  EXPECT_EQ(Probe::made_, 2);
+  EXPECT_EQ(Probe::ended_, 2);
+  EXPECT_EQ(held(), before);
+}
+
+TEST(Ref, TakesOverWhatItsOwnObjectHeld) {
+  Probe::made_ = Probe::ended_ = 0;
+  Ref<Probe> list(new Probe);
+  list->inner_ = Ref<Probe>(new Probe);
+  list->inner_->inner_ = Ref<Probe>(new Probe);
+  list = list->inner_;
+  EXPECT_EQ(Probe::ended_, 1);
+  EXPECT_EQ(list->refCount(), 1u);
+  EXPECT_TRUE(list->inner_.valid());
+}
+
+TEST(Object, CopiesItsCount) {
+  Probe a;
+  a.incRef();
+  a.incRef();
+  const Probe b(a);
+  EXPECT_EQ(b.refCount(), 2u);
+  EXPECT_EQ(a.decRef(), 1u);
+  Probe c;
+  c = a;
+  EXPECT_EQ(c.refCount(), 1u);
+  EXPECT_EQ(c.decRef(), 0u);
+}
+
+// An object whose class has a virtual destructor inside the library comes from and goes to the same
+// memory.
+TEST(Object, AllocatorsMadeWithNew) {
+  const unsigned before = held();
+  auto* arena = new Utils::MemoryAllocator(Allocator::theAllocator());
+  EXPECT_GT(held(), before);
+  EXPECT_TRUE(Allocator::theAllocator()->valid(arena));
+  delete arena;
+  EXPECT_EQ(held(), before);
+}
+
+TEST(Problem, KeepsUpTo511Characters) {
+  const unsigned before = held();
+  for (const std::size_t length : {0u, 1u, 510u, 511u, 512u, 600u}) {
+    const std::string text(length, 'x');
+    const Problem problem("%s", text.c_str());
+    EXPECT_EQ(problem.msg(), text.substr(0, 511)) << length;
+    EXPECT_EQ(held() - before, length < 25 ? 32u : 1024u) << "one block of the text's own size";
+  }
+  EXPECT_EQ(held(), before);
+}
+
+TEST(Problem, CopiesOwnTheirText) {
+  const unsigned before = held();
+  {
+    Problem copy("none");
+    {
+      const Problem source("%s at %d", "broken", 7);
+      copy = source;
+      const Problem& same = copy;
+      copy = same;
+      EXPECT_NE(copy.msg(), source.msg());
+    }
+    const Problem second(copy);
+    EXPECT_STREQ(copy.msg(), "broken at 7");
+    EXPECT_STREQ(second.msg(), "broken at 7");
+  }
+  EXPECT_EQ(held(), before);
+}
+
+TEST(Exhaustion, GivesNullAndKeepsWhatWasThere) {
+  AssertionRecorder recorder;
+  Problem kept("kept");
+  const Problem longer("%s", std::string(100, 'y').c_str());
+  Allocator* allocator = Allocator::theAllocator();
+  SystemMemory::reset();
+  SystemMemory::failFrom_ = 1;
+  std::vector<void*> taken;
+  for (unsigned size = 20000000; size > 0; size /= 2) {
+    while (void* mem = allocator->alloc(size)) taken.push_back(mem);
+  }
+  Probe::made_ = 0;
+  EXPECT_EQ(new Probe, nullptr);
+  EXPECT_EQ(Probe::made_, 0) << "no constructor runs on nothing";
+  EXPECT_EQ(new Utils::MemoryAllocator, nullptr);
+  kept = longer;
+  EXPECT_STREQ(kept.msg(), "kept");
+  const Problem failed("text");
+  EXPECT_STREQ(failed.msg(), "out of memory for the message");
+  SystemMemory::failFrom_ = 0;
+  for (void* mem : taken) allocator->free(mem);
+  kept = longer;
+  EXPECT_STREQ(kept.msg(), longer.msg());
+  if constexpr (sizeof(std::size_t) > 4) {
+    EXPECT_EQ(Object::operator new(static_cast<std::size_t>(1) << (sizeof(std::size_t) * 4)),
+              nullptr);
+  }
+  static_cast<Utils::MemoryAllocator*>(allocator)->checkArena();
+  EXPECT_THAT(recorder.take(), testing::Each(testing::AnyOf("m", "h")));
+}
+
+}  // namespace

@@ -1,0 +1,26 @@
+#include "support/scripted_parent.h"
+
+#include <sys/mman.h>
+
+#include <cstdlib>
+
+ScriptedParent::ScriptedParent() {
+  void* range = mmap(nullptr, RANGE, PROT_READ | PROT_WRITE,
+                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (range == MAP_FAILED) std::abort();
+  base_ = next_ = static_cast<char*>(range);
+}
+
+ScriptedParent::~ScriptedParent() { munmap(base_, RANGE); }
+
+void* ScriptedParent::alloc(unsigned size) {
+  sizes_.push_back(size);
+  asked_++;
+  const bool fails = (failFrom_ != 0 && asked_ >= failFrom_) ||
+                     size > static_cast<std::size_t>(base_ + RANGE - next_);
+  chunks_.push_back(fails ? nullptr : next_);
+  if (!fails) next_ += size;
+  return chunks_.back();
+}
+
+void ScriptedParent::free(void*) { freed_++; }

@@ -1,0 +1,43 @@
+// scripted_parent.h: a parent allocator that does what the test says.
+//
+// Hands out chunks from a reserved range of its own, by default each right behind the one before,
+// and counts what it is asked. `skip` and `placeAt` decide where the next chunk lies, `failFrom`
+// which requests give null.
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "utils/sdk/allocator.h"
+
+struct ScriptedParent : Utils::Allocator {
+  static constexpr std::size_t RANGE = std::size_t{320} << 20;
+
+  ScriptedParent();
+  ~ScriptedParent();
+  ScriptedParent(const ScriptedParent&) = delete;
+  ScriptedParent& operator=(const ScriptedParent&) = delete;
+
+  using Allocator::alloc;
+  void* alloc(unsigned size) override;
+  void free(void* mem) override;
+  unsigned size(const void*) const override { return 0; }
+  unsigned allocatedMemory() const override { return 0; }
+  unsigned internalFree() const override { return 0; }
+
+  void skip(std::size_t bytes) { next_ += bytes; }
+  void placeAt(std::size_t offset) { next_ = base_ + offset; }
+  // Requests from the nth on, counted from 1 and from now, give null; 0 for none.
+  void failFrom(unsigned nth) {
+    failFrom_ = nth;
+    asked_ = 0;
+  }
+
+  char* base_;
+  char* next_;
+  unsigned failFrom_ = 0;
+  unsigned asked_ = 0;           // requests since failFrom
+  unsigned freed_ = 0;           // must stay 0
+  std::vector<unsigned> sizes_;  // every request
+  std::vector<char*> chunks_;    // what each was given
+};

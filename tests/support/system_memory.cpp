@@ -1,0 +1,35 @@
+#include "support/system_memory.h"
+
+#include <dlfcn.h>
+
+#include "utils/sdk/ysys.h"
+
+unsigned SystemMemory::inits_ = 0;
+std::vector<unsigned> SystemMemory::sizes_;
+unsigned SystemMemory::failFrom_ = 0;
+
+namespace {
+
+template <class Function>
+Function* next(Function*, const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" {
+
+[[gnu::visibility("default")]] void YIF_MemInit(unsigned int flags) noexcept {
+  SystemMemory::inits_++;
+  static auto* const real = next(&YIF_MemInit, "YIF_MemInit");
+  real(flags);
+}
+
+[[gnu::visibility("default")]] void* YIF_MemAlloc(unsigned int size) noexcept {
+  SystemMemory::sizes_.push_back(size);
+  const auto asked = SystemMemory::sizes_.size();
+  if (SystemMemory::failFrom_ != 0 && asked >= SystemMemory::failFrom_) return nullptr;
+  static auto* const real = next(&YIF_MemAlloc, "YIF_MemAlloc");
+  return real(size);
+}
+}

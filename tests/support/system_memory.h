@@ -1,0 +1,18 @@
+// system_memory.h: YIF_MemInit and YIF_MemAlloc, counted and made to fail.
+//
+// A program that uses it has both replaced; they pass on to the system layer's own unless told to
+// fail.
+#pragma once
+
+#include <vector>
+
+struct SystemMemory {
+  static unsigned inits_;
+  static std::vector<unsigned> sizes_;  // every request
+  static unsigned failFrom_;  // requests from the nth on, counted from 1, give null; 0: none
+
+  static void reset() {
+    inits_ = failFrom_ = 0;
+    sizes_.clear();
+  }
+};

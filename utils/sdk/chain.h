@@ -1,0 +1,87 @@
+// chain.h: the blocks of an arena, as far as every arena allocator shares them.
+//
+// For the library's own sources, not installed. Knows head words, tail words and the chain that
+// they form (alloc.h shows the layout), and nothing of where an allocator keeps its free blocks. A
+// block is passed by the address of its head word.
+//
+// The words that close a chunk off. In front of its first block stands a word that reads as the
+// tail of something busy: the tail of the gap block that joins the chunk to the chain, else EDGE,
+// which is a busy block of 4 bytes and its own head and tail. Behind its last block stands the end
+// marker, SEAM: a busy head word of size 0. So a merge looks at its neighbours without asking where
+// the chunk ends.
+//
+// Never allocates. The caller serialises.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace Utils {
+
+constexpr unsigned ALIGN = 8;         // of every pointer given to a caller
+constexpr unsigned CHUNK_ALIGN = 16;  // of every chunk from a parent
+constexpr unsigned SMALLEST_BLOCK = 32;
+constexpr unsigned SMALLEST_CHUNK = 0x20000;
+constexpr unsigned SIZE_MASK = 0x3ffffff;
+constexpr unsigned COLOR_SHIFT = 26;
+constexpr unsigned COLOR_MASK = 63;
+constexpr unsigned BLOCK_LIMIT = SIZE_MASK + 1;         // every block is smaller
+constexpr unsigned LARGEST_REQUEST = BLOCK_LIMIT - 16;  // 67108848 bytes
+
+constexpr unsigned SEAM = 1;
+constexpr unsigned EDGE = 5;
+
+inline unsigned& wordAt(void* address) { return *static_cast<unsigned*>(address); }
+inline unsigned wordAt(const void* address) { return *static_cast<const unsigned*>(address); }
+
+inline void* behind(void* address, std::size_t bytes) {
+  return static_cast<char*>(address) + bytes;
+}
+inline const void* behind(const void* address, std::size_t bytes) {
+  return static_cast<const char*>(address) + bytes;
+}
+
+inline std::uintptr_t addressOf(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
+
+inline const void* headOfMemory(const void* mem) { return static_cast<const char*>(mem) - 4; }
+inline void* headOfMemory(void* mem) { return static_cast<char*>(mem) - 4; }
+
+inline bool isBusy(unsigned word) { return (word & 1) != 0; }
+inline unsigned sizeOf(unsigned word) { return word & SIZE_MASK & ~1u; }
+inline unsigned colorOf(unsigned word) { return word >> COLOR_SHIFT; }
+
+// The block size for a request of up to LARGEST_REQUEST bytes: head and tail, rounded up.
+inline unsigned blockSize(unsigned request) {
+  const unsigned amt = (request + 15) & ~7u;
+  return amt < SMALLEST_BLOCK ? SMALLEST_BLOCK : amt;
+}
+
+inline void writeTail(void* head, unsigned size) { wordAt(behind(head, size - 4)) = size + 1; }
+
+// The head of the block in front; requires one, or the edge of a chunk.
+inline void* previousHead(void* head) {
+  return static_cast<char*>(head) - (wordAt(static_cast<char*>(head) - 4) - 1);
+}
+
+// The part of the chain that an allocator's two fields name.
+struct Chain {
+  // Whether `mem` is the memory of a busy block that begins in the chain.
+  bool holdsBusy(const void* mem) const;
+
+  // The head of the block behind, or null: at the end, at a seam, and outside the chain. A tail
+  // that does not fit its head fails an assertion of the module `source`.
+  const void* next(const void* head, const char* source) const;
+
+  // Prints the table of MemoryAllocator::report, without its last line.
+  void report(const char* source) const;
+
+  const void* first_;
+  const void* end_;
+};
+
+// Joins the chunk of `need` bytes at `chunk` to the chain that ends at `end`, null for none. Gives
+// the head of its one block, busy, colour 0 and with its tail; the new end marker stands right
+// behind it.
+void* joinChunk(void* end, void* chunk, unsigned need);
+
+}  // namespace Utils

@@ -1,0 +1,35 @@
+#!/bin/sh
+# tour.sh PROGRAM: the example program on files whose words are known.
+set -eu
+tour=$1
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+fail() { echo "$1"; cat out err; exit 1; }
+expect() { grep -qF -- "$1" "$2" || fail "missing in $2: $1"; }
+
+printf 'The cat and the dog.\nTHE END\n' >one.txt
+printf 'cat\0cat Cat' >two.txt
+: >empty.txt
+"$tour" one.txt two.txt empty.txt >out 2>err || fail "status $?"
+expect '5 different words' out
+expect '       4  cat' out
+expect '       3  the' out
+expect '     1       4424  one.txt' out
+expect 'Freed: 0 bytes are held, as at the start: 0. The heap is whole.' out
+[ ! -s err ] || fail "something on standard error"
+
+status=0
+"$tour" nosuch.txt one.txt . >out 2>err || status=$?
+[ $status = 1 ] || fail "status $status for a missing file"
+expect 'tour: nosuch.txt: No such file or directory' err
+expect 'tour: .: Is a directory' err
+expect '5 different words' out
+expect '     3          0  .' out
+expect 'The heap is whole.' out
+
+status=0
+"$tour" >out 2>err || status=$?
+[ $status = 2 ] || fail "status $status without a file"
+expect 'usage: tour FILE...' err
+echo "the tour prints what it should"

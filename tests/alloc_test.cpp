@@ -2,7 +2,6 @@
 // model cannot see.
 #include "utils/sdk/alloc.h"
 
-#include <cstddef>
 
 #include "gmock/gmock.h"
 #include "support/arena_check.h"
@@ -340,7 +339,6 @@ TEST(MemoryAllocator, ProtectedSteps) {
 
 #if defined(__i386__)
 // The 32-bit layout is the design's own.
-static_assert(offsetof(Utils::MemHead, color_) == 16);
 static_assert(sizeof(Utils::MemHead) == 20);
 static_assert(sizeof(Utils::MemoryAllocator) ==
               4 * (1 + 1 + 1 + 2 + 1 + 10 + 1 + 1 + 1 + 64 + 64 + 1));

@@ -2,7 +2,6 @@
 // model cannot see.
 #include "utils/sdk/alloc.h"
 
-
 #include "gmock/gmock.h"
 #include "support/arena_check.h"
 #include "support/arena_model.h"

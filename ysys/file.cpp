@@ -35,7 +35,7 @@ struct OpenFile {
 
 constinit HandleTable<OpenFile, OPEN_FILE> _files;
 
-// Does not wait for the reader of a FIFO.
+// Does not wait for the reader of a FIFO. A write then waits for room by itself.
 int openForWriting(const char* path, int mode) {
   const int replace = mode == YIF_OPEN_REPLACE ? O_TRUNC : 0;
   const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | replace;
@@ -44,11 +44,6 @@ int openForWriting(const char* path, int mode) {
     descriptor = open(path, flags, 0666);
   } while (descriptor == -1 && errno == EINTR);
   return descriptor;
-}
-
-void letWritesWait(int descriptor) {
-  const int flags = fcntl(descriptor, F_GETFL);
-  if (flags != -1) fcntl(descriptor, F_SETFL, flags & ~O_NONBLOCK);
 }
 
 bool isPipe(int descriptor) {
@@ -70,7 +65,6 @@ using namespace ysys;
 YIF_Handle YIF_Open(const char* path, int mode, int) noexcept {
   const int descriptor = path == nullptr ? -1 : openForWriting(path, mode);
   if (descriptor == -1) return YIF_NO_FILE;
-  letWritesWait(descriptor);
   const YIF_Handle made = _files.create(descriptor, isPipe(descriptor));
   if (made != 0) return made;
   close(descriptor);

@@ -5,9 +5,11 @@
 // none is 0 or has bit 31. Event (kind 3), slot 5, used for the second time, is 0x30400005.
 //
 // Slots lie in segments of 256 that are mapped as needed and never move or go. A live slot's word
-// is its handle; a freed one's is the coming turn << 22 | next freed slot, whose kind is 0: slot 5,
-// freed again and last in the queue, is 0x00bfffff. The queue keeps 256 slots waiting as long as
-// there is memory for more, so at least 16384 others are given before a handle comes back.
+// is its handle; a freed one's is the coming turn << 22 | next freed slot: slot 5, freed again and
+// last in the queue, is 0x00bfffff. As no slot comes next to itself, only a live slot's word is
+// ever equal to a handle that leads to the slot, and one comparison tells whether a handle is good.
+// The queue keeps 256 slots waiting as long as there is memory for more, so at least 16384 others
+// are given before a handle comes back.
 //
 // Not a container: it owns the slots and never runs over what is live, but for the fork. Looking up
 // is free of locks and safe from any task; creating and ending serialise themselves.
@@ -103,7 +105,7 @@ inline typename HandleTable<T, KIND>::Slot& HandleTable<T, KIND>::slotAt(YIF_Han
                                                                          const char* operation) {
   const uint32_t index = handle & NO_SLOT;
   Slot* segment = segments_[index >> SEGMENT_SHIFT].load(std::memory_order_acquire);
-  if (__builtin_expect(handle >> KIND_SHIFT == KIND && segment != nullptr, 1)) {
+  if (__builtin_expect(segment != nullptr, 1)) {
     Slot& found = segment[index & (SEGMENT_SLOTS - 1)];
     if (__builtin_expect(found.word_.load(std::memory_order_acquire) == handle, 1)) return found;
   }

@@ -1,0 +1,37 @@
+// memory_competitor.cpp: makes sure that a program measures what its name says.
+#include "benchmarks/memory_competitor.h"
+
+#include <dlfcn.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace Bench {
+
+namespace {
+
+const char* providerOf(const char* function) {
+  Dl_info info;
+  void* address = dlsym(RTLD_DEFAULT, function);
+  return address && dladdr(address, &info) && info.dli_fname ? info.dli_fname : "nowhere";
+}
+
+void require(const char* function, const char* provider) {
+  const char* path = providerOf(function);
+  const char* name = std::strrchr(path, '/');
+  if (std::strstr(name ? name : path, provider)) return;
+  std::fprintf(stderr, "%s: %s comes from %s\n", WHO, function, path);
+  std::exit(1);
+}
+
+}  // namespace
+
+void requireCompetitor() {
+  const bool replaced = std::strcmp(WHO, "yutils") != 0 && std::strcmp(WHO, "glibc") != 0;
+  const char* provider = replaced ? WHO : "libc.so";
+  require("malloc", provider);
+  require("free", provider);
+}
+
+}  // namespace Bench

@@ -30,7 +30,7 @@ namespace ysys {
 
 enum Kind : uint32_t { MUTEX = 1, CRITICAL_SECTION, EVENT, COOPERATIVE_EVENT, OPEN_FILE };
 
-// requires: T has no destructor to run and an operation `begin` that makes it new from any state
+// requires: T has no destructor to run, and has an operation `begin` that makes it as new
 template <class T, Kind KIND>
 class HandleTable {
  public:

@@ -29,7 +29,7 @@ constexpr uint64_t ALIGNMENT = 16;
 constexpr uint64_t WINDOW_REQUEST_MAX = uint64_t{1} << 26;
 constexpr size_t OPEN_STEP = size_t{1} << 20;
 
-// The four are offsets from base_, handed <= open <= size; a null base has a size of 0.
+// The numbers are offsets from base_, handed_ <= open_ <= size_; without a base all are 0.
 struct Window {
   std::mutex mutex_;
   char* base_ = nullptr;

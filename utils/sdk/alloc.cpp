@@ -135,7 +135,7 @@ struct Arena {
   static void* handOver(MemoryAllocator& a, MemHead* h, unsigned size, unsigned color);
   static void* takeSlowly(MemoryAllocator& a, unsigned request, unsigned color);
 
-  static unsigned giveSmall(MemoryAllocator& a, void* mem);
+  static bool giveSmall(MemoryAllocator& a, void* mem, unsigned& size);
   static void pushSmall(MemoryAllocator& a, MemHead* h, unsigned size, unsigned color);
   static unsigned giveLarge(MemoryAllocator& a, void* mem);
   static void giveAndCount(MemoryAllocator& a, void* mem);
@@ -199,15 +199,15 @@ inline void* Arena::handOver(MemoryAllocator& a, MemHead* h, unsigned size, unsi
   return mem;
 }
 
-// Gives the size of the block, 0 for what is no busy small block: that is left alone.
-inline unsigned Arena::giveSmall(MemoryAllocator& a, void* mem) {
+// Gives false for what is no busy small block: that is left alone.
+inline bool Arena::giveSmall(MemoryAllocator& a, void* mem, unsigned& size) {
   MemHead* h = headAt(headOfMemory(mem));
   const unsigned word = h->sizeandcolor_;
-  const unsigned size = sizeOf(word);
-  if (!isBusy(word) || size > LARGEST_SMALL) return 0;
+  size = sizeOf(word);
+  if (!isBusy(word) || size > LARGEST_SMALL) return false;
   a.allocatedColorMemory_[colorOf(word)] -= size;
   pushSmall(a, h, size, colorOf(word));
-  return size;
+  return true;
 }
 
 inline void Arena::pushSmall(MemoryAllocator& a, MemHead* h, unsigned size, unsigned color) {
@@ -260,7 +260,8 @@ void* MemoryAllocator::alloc(unsigned size) {
 void MemoryAllocator::free(void* mem) {
   if (!mem) return;
   lock_.lock();
-  if (const unsigned size = Arena::giveSmall(*this, mem)) {
+  unsigned size;
+  if (Arena::giveSmall(*this, mem, size)) {
     allocatedMemory_ -= size;
   } else {
     Arena::giveAndCount(*this, mem);
@@ -273,8 +274,8 @@ void* MemoryAllocator::_alloc(unsigned size, unsigned color) {
 }
 
 unsigned MemoryAllocator::_free(void* mem) {
-  const unsigned size = Arena::giveSmall(*this, mem);
-  return size ? size : Arena::giveLarge(*this, mem);
+  unsigned size;
+  return Arena::giveSmall(*this, mem, size) ? size : Arena::giveLarge(*this, mem);
 }
 
 // --- Large blocks ---

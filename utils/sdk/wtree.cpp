@@ -134,14 +134,14 @@ void WTreeBase::checkrots(WTreeNodeBase** link) {
 
 // --- Single nodes ---
 
-// A search that ends without a change still settles its path: a node that an earlier step left at
-// the exact limit is mended by whoever passes next.
+// A search that ends without a change still sees to the balance of its path: a node that an earlier
+// step left outside of it is mended by whoever passes next.
 
 bool WTreeBase::insert(WTreeNodeBase* node, WTreeNodeBase** link, WTreeCompare before) {
   WTreePath path(link);
   const auto end = WTreeSteps::descend(path, PlaceOfKey{keyOf(node), before});
   if (end.found_) {
-    WTreeSteps::settle(path, 0, wt(end.found_), 0);
+    WTreeSteps::mend(path, 0, wt(end.found_));
     return false;
   }
   WTreeSteps::attach(path, end, node);
@@ -154,7 +154,7 @@ WTreeNodeBase* WTreeBase::remove(const void* key, WTreeNodeBase** link, WTreeCom
   if (end.found_) {
     WTreeSteps::detach(path, end.found_);
   } else {
-    WTreeSteps::settle(path, 0, 1, 0);
+    WTreeSteps::mend(path, 0, 1);
   }
   return end.found_;
 }
@@ -164,7 +164,7 @@ WTreeNodeBase* WTreeBase::removesup(const void* key, WTreeNodeBase** link, WTree
   const auto end = WTreeSteps::descend(path, PlaceOfKey{key, before});
   Node* fit = end.found_;
   if (!fit) {
-    WTreeSteps::settle(path, end.upper_, 1, 0);
+    WTreeSteps::mend(path, end.upper_, 1);
     if (end.upper_ == 0) return nullptr;
     path.depth_ = end.upper_ - 1;
     fit = path.nodes_[path.depth_];

@@ -49,6 +49,13 @@ struct WTreeSteps {
   static bool leftTooHeavy(std::uint64_t a, std::uint64_t b) { return a * 29 > b * 70; }
   static bool rightTooHeavy(std::uint64_t a, std::uint64_t b) { return a * 239 < b * 99; }
 
+  // Whether one child of a node of that weight, the other weighing the rest, weighs more than 70/29
+  // of the other, on either side: not 29w <= 99c <= 70w. The stricter of the two tests, for both
+  // sides.
+  static bool outOfBalance(std::uint64_t child, std::uint64_t weight) {
+    return child * 99 - weight * 29 > weight * 41;
+  }
+
   // Which way a descent goes cannot be foreseen, and a branch that is mispredicted costs more than
   // the rest of the step. So it is chosen by a mask, which the compiler does not see through to
   // make a branch of it.
@@ -102,11 +109,21 @@ struct WTreeSteps {
       Node* node = path.nodes_[level];
       const unsigned weight = node->weight_ + static_cast<unsigned>(delta);
       node->weight_ = weight;
-      const unsigned other = weight - below;
-      if (leftTooHeavy(below, other) + leftTooHeavy(other, below) != 0)
-        WTreeBase::adjust(linkTo(path, level, node));
+      if (outOfBalance(below, weight)) WTreeBase::adjust(linkTo(path, level, node));
       below = weight;
     }
+  }
+
+  // The way back up of a search that changed nothing, to level `from`: mends what an earlier step
+  // left outside the balance. Only nodes of at least that weight can have been left so; the path is
+  // cut behind the last of them.
+  static void mend(WTreePath& path, unsigned from, unsigned below) {
+    constexpr unsigned LEAST_WEIGHT = 239;
+    unsigned depth = from;
+    while (depth < path.depth_ && path.nodes_[depth]->weight_ >= LEAST_WEIGHT) depth++;
+    if (depth < path.depth_) below = path.nodes_[depth]->weight_;
+    path.depth_ = depth;
+    settle(path, from, below, 0);
   }
 
   // Puts a node where a descent ended without finding one.

@@ -133,7 +133,8 @@ struct Arena {
   static void* take(MemoryAllocator& a, unsigned request, unsigned color);
   static MemHead* popSmall(MemoryAllocator& a, unsigned k);
   static void* handOver(MemoryAllocator& a, MemHead* h, unsigned size, unsigned color);
-  static void* takeSlowly(MemoryAllocator& a, unsigned request, unsigned color);
+  static void* takeFromPage(MemoryAllocator& a, unsigned request, unsigned color);
+  static void* takeLarge(MemoryAllocator& a, unsigned request, unsigned color);
 
   static bool giveSmall(MemoryAllocator& a, void* mem, unsigned& size);
   static void pushSmall(MemoryAllocator& a, MemHead* h, unsigned size, unsigned color);
@@ -156,11 +157,10 @@ struct Arena {
 };
 
 inline void* Arena::take(MemoryAllocator& a, unsigned request, unsigned color) {
-  if (request <= LARGEST_SMALL_REQUEST) {
-    const unsigned k = classOf(request);
-    if (MemHead* h = popSmall(a, k)) return handOver(a, h, 1u << k, color);
-  }
-  return takeSlowly(a, request, color);
+  if (request > LARGEST_SMALL_REQUEST) return takeLarge(a, request, color);
+  const unsigned k = classOf(request);
+  if (MemHead* h = popSmall(a, k)) return handOver(a, h, 1u << k, color);
+  return takeFromPage(a, request, color);
 }
 
 // The first of the list, null for none; its head word is still that of a free block.
@@ -186,11 +186,16 @@ inline void* Arena::handOver(MemoryAllocator& a, MemHead* h, unsigned size, unsi
 
 // A small request that finds neither list nor page becomes a large block: a smaller one could not
 // be told from the blocks of a page when it is freed.
-[[gnu::noinline]] void* Arena::takeSlowly(MemoryAllocator& a, unsigned request, unsigned color) {
+[[gnu::noinline]] void* Arena::takeFromPage(MemoryAllocator& a, unsigned request, unsigned color) {
+  const unsigned k = classOf(request);
+  if (MemHead* h = a.allocSmall(k)) return handOver(a, h, 1u << k, color);
+  return takeLarge(a, request, color);
+}
+
+[[gnu::noinline]] void* Arena::takeLarge(MemoryAllocator& a, unsigned request, unsigned color) {
   if (request > LARGEST_REQUEST) return nullptr;
-  MemHead* h = request <= LARGEST_SMALL_REQUEST ? a.allocSmall(classOf(request)) : nullptr;
   const unsigned amt = std::max(blockSize(request), SMALLEST_LARGE);
-  if (!h) h = takeFit(a, amt);
+  MemHead* h = takeFit(a, amt);
   if (!h) h = newChunk(a, amt);
   if (!h) return nullptr;
   void* mem = handOver(a, h, h->sizeandcolor_ - 1, color);
@@ -221,7 +226,7 @@ inline void Arena::pushSmall(MemoryAllocator& a, MemHead* h, unsigned size, unsi
 }
 
 // Gives the size of the block, 0 for what is no busy block: that is left alone.
-unsigned Arena::giveLarge(MemoryAllocator& a, void* mem) {
+inline unsigned Arena::giveLarge(MemoryAllocator& a, void* mem) {
   MemHead* h = headAt(headOfMemory(mem));
   const unsigned word = h->sizeandcolor_;
   if (!isBusy(word)) {
@@ -294,7 +299,7 @@ inline void Arena::uncount(MemoryAllocator& a, const MemHead* h) {
   a.freeColorMemory_[h->color_] -= h->sizeandcolor_;
 }
 
-void Arena::insert(MemoryAllocator& a, MemHead* h) {
+[[gnu::noinline]] void Arena::insert(MemoryAllocator& a, MemHead* h) {
   WTreePath path(WTreeSteps::rootOf(a.tree_));
   const auto end = WTreeSteps::descend(path, PlaceOfBlock(h));
   WTreeSteps::attach(path, end, h);
@@ -324,7 +329,7 @@ MemHead* Arena::takeWhole(MemoryAllocator& a, WTreePath& path, MemHead* fit) {
 }
 
 // allocCandidate and splitBlock in one.
-MemHead* Arena::takeFit(MemoryAllocator& a, unsigned amt) {
+inline MemHead* Arena::takeFit(MemoryAllocator& a, unsigned amt) {
   WTreePath path(WTreeSteps::rootOf(a.tree_));
   const WTreeNodeBase* lower;
   MemHead* h = findFit(path, amt, lower);
@@ -349,7 +354,7 @@ MemHead* Arena::takeFit(MemoryAllocator& a, unsigned amt) {
   return h;
 }
 
-MemHead* Arena::newChunk(MemoryAllocator& a, unsigned amt) {
+[[gnu::noinline]] MemHead* Arena::newChunk(MemoryAllocator& a, unsigned amt) {
   const unsigned least = std::max(amt + 8, SMALLEST_CHUNK);
   const unsigned need = (least + CHUNK_ALIGN - 1) & ~(CHUNK_ALIGN - 1);
   void* candidate = a.parent_ ? a.parent_->alloc(need) : YIF_MemAlloc(need);
@@ -371,7 +376,7 @@ inline bool joins(const MemHead* neighbour, unsigned size) {
 }
 
 // coalesce and freeLoser in one, for a busy block.
-void Arena::joinFree(MemoryAllocator& a, MemHead* h, unsigned color) {
+inline void Arena::joinFree(MemoryAllocator& a, MemHead* h, unsigned color) {
   unsigned size = h->sizeandcolor_ - 1;
   MemHead* grown = h;
   MemHead* next = headAt(behind(h, size));
@@ -396,7 +401,7 @@ void Arena::joinFree(MemoryAllocator& a, MemHead* h, unsigned color) {
 }
 
 // The free block `old` becomes `grown`, of `size` bytes.
-void Arena::grow(MemoryAllocator& a, MemHead* old, MemHead* grown, unsigned size) {
+inline void Arena::grow(MemoryAllocator& a, MemHead* old, MemHead* grown, unsigned size) {
   WTreePath path(WTreeSteps::rootOf(a.tree_));
   const auto end = WTreeSteps::descend(path, PlaceOfBlock(old));
   if (!end.found_) return lost(a, old);

@@ -118,6 +118,23 @@ TEST(MemoryAllocator, NumbersOfThePages) {
   arena.check();
 }
 
+TEST(MemoryAllocator, PagesFromTheLowestBlockThatIsLargeEnough) {
+  ScriptedParent parent;
+  OpenArena arena(&parent);
+  void* tooSmall = arena.alloc(10240 - 8);
+  arena.alloc(1016);
+  void* justEnough = arena.alloc(10248 - 8);
+  arena.alloc(1016);
+  arena.free(tooSmall);
+  arena.free(justEnough);
+  char* small = bytes(arena.alloc(500));
+  EXPECT_EQ(small, bytes(justEnough) + 8 + 18 * 512) << "the highest of the page goes first";
+  EXPECT_EQ(arena.size(justEnough), 10248u) << "no remainder is split off";
+  EXPECT_EQ(arena.internalFree(), 131064u - 2 * 1024 - 10248 + 18 * 512);
+  EXPECT_EQ(arena.allocatedMemory(), 2 * 1024u + 512);
+  arena.check();
+}
+
 TEST(MemoryAllocator, SplitsFromTheSmallestRemainderOn) {
   ScriptedParent parent;
   OpenArena arena(&parent);
@@ -205,7 +222,10 @@ TEST(MemoryAllocator, ChunksOutsideTheChain) {
     for (std::size_t i = 1; i < live.size(); i += 2) arena.free(live[i]);
     arena.check(false);
     arena.checkArena();
+    for (const auto& block : arena.chain()) EXPECT_GE(block.size(), 8u);
+    testing::internal::CaptureStdout();
     arena.report();
+    testing::internal::GetCapturedStdout();
     EXPECT_LE(arena.allocatedMemory(), 10248u);
     EXPECT_THAT(recorder.take(), IsEmpty());
   }
@@ -214,6 +234,7 @@ TEST(MemoryAllocator, ChunksOutsideTheChain) {
 TEST(MemoryAllocator, AnswersForWhatIsNoBlock) {
   ScriptedParent parent;
   OpenArena arena(&parent);
+  parent.placeAt(ScriptedParent::RANGE - 131072);
   char* mem = bytes(arena.alloc(2000));
   char* small = bytes(arena.alloc(10));
   int other = 0;
@@ -227,7 +248,7 @@ TEST(MemoryAllocator, AnswersForWhatIsNoBlock) {
   }
   EXPECT_FALSE(OpenArena::busy(static_cast<void*>(nullptr)));
   // Words inside a block that look like heads, of any size.
-  for (const unsigned word : {1u, 33u, 41u, 0xffffffffu, 0x3ffffffu, 1025u}) {
+  for (const unsigned word : {1u, 33u, 41u, 1027u, 200001u, 0xffffffffu, 0x3ffffffu, 1025u}) {
     std::memcpy(mem + 44, &word, sizeof word);
     EXPECT_EQ(arena.valid(mem + 48), word == 33u);
   }

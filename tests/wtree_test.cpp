@@ -292,19 +292,19 @@ struct Trio {
 
 TEST(WTree, FollowsTheStepsOnRandomOperations) {
   Random random(20261122);
-  for (const unsigned range : {12u, 300u, 1500u}) {
+  for (const unsigned range : {12u, 300u, 5000u}) {
     Trio trio;
-    for (int step = 0; step < 4000 && !testing::Test::HasFailure(); step++) {
+    for (int step = 0; step < 8000 && !testing::Test::HasFailure(); step++) {
       const int key = static_cast<int>(random.below(range));
       const unsigned kind = random.below(100);
-      const bool growing = step / 1000 % 2 == 0;
-      if (kind < (growing ? 70u : 30u)) {
+      const bool growing = step / 2000 % 2 == 0;
+      if (kind < (growing ? 85u : 30u)) {
         trio.insert(key);
-      } else if (kind < 96) {
+      } else if (kind < 94) {
         trio.remove(key, kind % 2 == 0);
-      } else if (kind == 96) {
-        trio.removeRange(key, key + static_cast<int>(random.below(range / 8)),
-                         random.below(2) == 0);
+      } else if (kind < 97) {
+        const unsigned most = random.below(8) == 0 ? range / 2 : range / 12;
+        trio.removeRange(key, key + static_cast<int>(random.below(most)), random.below(2) == 0);
       } else {
         trio.next(key);
       }

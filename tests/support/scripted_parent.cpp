@@ -5,13 +5,13 @@
 #include <cstdlib>
 
 ScriptedParent::ScriptedParent() {
-  void* range = mmap(nullptr, RANGE, PROT_READ | PROT_WRITE,
-                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (range == MAP_FAILED) std::abort();
+  void* range =
+      mmap(nullptr, RANGE + GUARD, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (range == MAP_FAILED || mprotect(range, RANGE, PROT_READ | PROT_WRITE) != 0) std::abort();
   base_ = next_ = static_cast<char*>(range);
 }
 
-ScriptedParent::~ScriptedParent() { munmap(base_, RANGE); }
+ScriptedParent::~ScriptedParent() { munmap(base_, RANGE + GUARD); }
 
 void* ScriptedParent::alloc(unsigned size) {
   sizes_.push_back(size);

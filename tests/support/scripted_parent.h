@@ -12,6 +12,7 @@
 
 struct ScriptedParent : Utils::Allocator {
   static constexpr std::size_t RANGE = std::size_t{320} << 20;
+  static constexpr std::size_t GUARD = std::size_t{64} << 20;  // behind it, never readable
 
   ScriptedParent();
   ~ScriptedParent();

@@ -236,10 +236,7 @@ inline unsigned Arena::giveLarge(MemoryAllocator& a, void* mem) {
   const unsigned size = sizeOf(word);
   h->sizeandcolor_ = size + 1;
   a.allocatedColorMemory_[colorOf(word)] -= size;
-  if (size + 1 != wordAt(behind(h, size - 4))) {
-    brokenBlock("s+1 == TAIL(h)->size", __LINE__, h);
-    writeTail(h, size);
-  }
+  if (size + 1 != wordAt(behind(h, size - 4))) brokenBlock("s+1 == TAIL(h)->size", __LINE__, h);
   joinFree(a, h, colorOf(word));
   return size;
 }

@@ -1,0 +1,36 @@
+// temporary_directory.h: a directory that lives as long as the object, for tests that need files.
+#pragma once
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include <stdlib.h>
+
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "yutils-XXXXXX").string();
+    path_ = mkdtemp(pattern.data());
+  }
+  ~TemporaryDirectory() { std::filesystem::remove_all(path_); }
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+  std::string pathOf(const std::string& name) const { return (path_ / name).string(); }
+
+  // Writes a file and gives its path.
+  std::string write(const std::string& name, const std::string& text) const {
+    std::ofstream(path_ / name, std::ios::binary) << text;
+    return pathOf(name);
+  }
+
+  std::string read(const std::string& name) const {
+    std::ifstream file(path_ / name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+ private:
+  std::filesystem::path path_;
+};

@@ -59,7 +59,8 @@ void YIF_WaitEvent(YIF_Handle event) noexcept;
 // infinity. Gives 1 when the event let this task through, 0 when the time ran out.
 int YIF_WaitEventTimed(YIF_Handle event, double seconds) noexcept;
 
-// The same for cooperative events, which are never reset and never waited for with a limit.
+// The same for cooperative events, which are never reset and never waited for with a limit. There a
+// task that just comes to wait may go through in place of one that waits.
 YIF_Handle YIF_CreateEventCoop(int manualReset, int initiallySet) noexcept;
 void YIF_DestroyEventCoop(YIF_Handle event) noexcept;
 void YIF_SetEventCoop(YIF_Handle event) noexcept;
@@ -82,7 +83,8 @@ void* YIF_MemAlloc(unsigned int size) noexcept;
 // A setting is looked up as the environment variable named exactly as the key, else as the one with
 // '_' for each '.', else as a line `key = value` of the file that the variable YSYS_CONFIG names.
 // There white space around key and value does not count, lines that begin with '#' do not either,
-// and the first line with the key decides.
+// and the first line with the key decides. A program that runs with more rights than its caller
+// sees no settings.
 
 // Stores the decimal number and gives 0; gives non-zero, `value` untouched, when the setting is
 // absent. A text that is no 32-bit number is told on standard error, once, and counts as absent.
@@ -104,8 +106,8 @@ constexpr int YIF_OPEN_REPLACE = 2;  // what the file holds goes
 constexpr int YIF_OPEN_APPEND = 4;   // what the file holds stays, each write lands behind it
 
 // Opens for writing, made where missing (mode 0666 less the umask), not passed on to programs that
-// are started. Any mode but YIF_OPEN_REPLACE appends. `share` is 1. Gives YIF_NO_FILE when it
-// cannot.
+// are started. Any mode but YIF_OPEN_REPLACE keeps the content; all append. `share` is 1. Gives
+// YIF_NO_FILE when it cannot, as for a FIFO that nobody reads.
 YIF_Handle YIF_Open(const char* path, int mode, int share) noexcept;
 
 // Writes all bytes, in one system call unless the system takes them in parts; what cannot be

@@ -2,7 +2,9 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 
 ScriptedParent::ScriptedParent() {
   void* range =
@@ -19,7 +21,9 @@ void* ScriptedParent::alloc(unsigned size) {
   const bool fails = (failFrom_ != 0 && asked_ >= failFrom_) ||
                      size > static_cast<std::size_t>(base_ + RANGE - next_);
   chunks_.push_back(fails ? nullptr : next_);
-  if (!fails) next_ += size;
+  if (fails) return nullptr;
+  std::memset(next_, 0xa5, std::min(size, 4096u));  // nobody has promised cleared memory
+  next_ += size;
   return chunks_.back();
 }
 

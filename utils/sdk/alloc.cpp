@@ -385,8 +385,8 @@ inline void Arena::joinFree(MemoryAllocator& a, MemHead* h, unsigned color) {
     size += previous->sizeandcolor_;
     grown = old = previous;
   }
-  if (old) uncount(a, old);
   if (old) {
+    uncount(a, old);
     grow(a, old, grown, size);
   } else {
     h->sizeandcolor_ = size;

@@ -2,7 +2,7 @@
 #include "utils/sdk/allocator.h"
 
 extern "C" {
-[[gnu::visibility("default")]] Utils::Allocator* pluginAllocator() {
+[[gnu::visibility("default")]] void* pluginAllocator() {
   return Utils::Allocator::theAllocator();
 }
 [[gnu::visibility("default")]] void* pluginAlloc(unsigned size) {

@@ -1,0 +1,114 @@
+// time.h: a signed fixed-point number with 16 fractional bits, as a plain value.
+//
+// It stands alone: nothing here reads a clock, allocates or reports, and what one unit is (a
+// second, a frame) is the caller's affair. A Time is one 64-bit word without shared state, so every
+// task may use its own.
+//
+// value_ is the number times 65536 in two's complement: 1 is 0x10000, -1.5 is -0x18000, and the
+// smallest step is 1/65536. tmin() and tmax() bound the range that the operations are made for,
+// that of a 32-bit integer part, but nothing stops there: sums are right up to the ends of the 64
+// bits and wrap there, products and dividends have to stay within 2^31 units and wrap beyond.
+// Products and conversions to integers round down, quotients and conversions from floating-point
+// numbers towards zero: -1 / 3 is -21845 steps, and -1 step times half a unit is -1 step.
+#pragma once
+
+#include "utils/sdk/export.h"
+
+namespace Utils {
+
+struct YUTILS_EXPORT Time {
+  Time() {}  // without a value
+  Time(unsigned u) : value_(static_cast<long long>(u) * ONE) {}
+  Time(int i) : value_(i * ONE) {}
+  // Beyond 64 bits the nearest end of their range; 0 for what is not a number.
+  Time(float f) : value_(rawOf(f * 65536.0)) {}
+  Time(double d) : value_(rawOf(d * 65536.0)) {}
+  Time(const Time&) = default;
+  Time& operator=(const Time&) = default;
+
+  operator unsigned() const { return static_cast<unsigned>(value_ >> 16); }  // modulo 2^32
+  operator int() const { return static_cast<int>(value_ >> 16); }            // likewise
+  operator float() const { return static_cast<float>(value_) / 65536.0f; }
+  operator double() const { return static_cast<double>(value_) / 65536.0; }
+  operator bool() const { return value_ != 0; }
+  bool operator!() const { return value_ == 0; }
+
+  Time operator-() { return wrapped(0 - bits()); }
+  Time operator+(const Time& t) { return wrapped(bits() + t.bits()); }
+  Time operator-(const Time& t) { return wrapped(bits() - t.bits()); }
+  Time operator*(const Time& t) { return Time(signedOf(bits() * t.bits()) >> 16, true); }
+  // By zero: tmax(), tmin() or 0, by the sign of the dividend.
+  Time operator/(const Time& t) { return Time(quotient(value_, t.value_), true); }
+
+  Time operator+(int i) { return *this + Time(i); }
+  Time operator-(int i) { return *this - Time(i); }
+  Time operator*(int i) { return *this * Time(i); }
+  Time operator/(int i) { return *this / Time(i); }
+
+  Time& operator+=(const Time& t) { return *this = *this + t; }
+  Time& operator-=(const Time& t) { return *this = *this - t; }
+  Time& operator*=(const Time& t) { return *this = *this * t; }
+  Time& operator/=(const Time& t) { return *this = *this / t; }
+
+  bool operator==(const Time& t) const { return value_ == t.value_; }
+  bool operator!=(const Time& t) const { return value_ != t.value_; }
+  bool operator<(const Time& t) const { return value_ < t.value_; }
+  bool operator<=(const Time& t) const { return value_ <= t.value_; }
+  bool operator>(const Time& t) const { return value_ > t.value_; }
+  bool operator>=(const Time& t) const { return value_ >= t.value_; }
+
+  bool operator==(int i) const { return *this == Time(i); }
+  bool operator!=(int i) const { return *this != Time(i); }
+  bool operator<(int i) const { return *this < Time(i); }
+  bool operator<=(int i) const { return *this <= Time(i); }
+  bool operator>(int i) const { return *this > Time(i); }
+  bool operator>=(int i) const { return *this >= Time(i); }
+
+  // As fixed-point numbers: equal to every float that is cut to the same step.
+  bool operator==(float f) const { return *this == Time(f); }
+  bool operator!=(float f) const { return *this != Time(f); }
+  bool operator<(float f) const { return *this < Time(f); }
+  bool operator<=(float f) const { return *this <= Time(f); }
+  bool operator>(float f) const { return *this > Time(f); }
+  bool operator>=(float f) const { return *this >= Time(f); }
+
+  static Time tmin() { return Time(-TMAX - 1, true); }  // -2147483648
+  static Time tmax() { return Time(TMAX, true); }       // one step below 2147483648
+
+  // The whole unit at or below, and at or above; ceil wraps in the topmost unit of the 64 bits.
+  static Time floor(const Time& t) { return Time(t.value_ & -ONE, true); }
+  static Time ceil(const Time& t) { return floor(wrapped(t.bits() + (ONE - 1))); }
+
+ protected:
+  Time(long long raw, bool) : value_(raw) {}  // the word itself
+
+ private:
+  using Bits = unsigned long long;
+
+  static constexpr long long ONE = 0x10000;
+  static constexpr long long TMAX = 0x7fffffffffff;
+
+  static long long signedOf(Bits bits) { return static_cast<long long>(bits); }
+  static Time wrapped(Bits bits) { return Time(signedOf(bits), true); }
+  Bits bits() const { return static_cast<Bits>(value_); }
+
+  static long long rawOf(double scaled) {
+    const bool fits = scaled >= -0x1p63 && scaled < 0x1p63;
+    return fits ? static_cast<long long>(scaled) : saturated(scaled);
+  }
+
+  static long long quotient(long long dividend, long long divisor) {
+    if (static_cast<Bits>(divisor) + 1 <= 1) return rareQuotient(dividend, divisor);
+    return signedOf(static_cast<Bits>(dividend) << 16) / divisor;
+  }
+
+  static long long saturated(double scaled);
+  static long long rareQuotient(long long dividend, long long divisor);
+
+ protected:
+  long long value_;
+};
+
+static_assert(sizeof(Time) == 8, "the word and nothing else");
+
+}  // namespace Utils

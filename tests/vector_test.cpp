@@ -1,0 +1,398 @@
+// Vectors of three element types beside a model, with every request for storage failing in turn,
+// and the cases that a random run does not meet.
+#include "utils/sdk/vector.h"
+
+#include <algorithm>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "gmock/gmock.h"
+#include "support/assertion_recorder.h"
+#include "support/counted.h"
+#include "support/nth_failure.h"
+#include "support/seed.h"
+#include "support/system_memory.h"
+
+template struct Utils::Vector<int>;
+template struct Utils::Vector<const char*>;
+template struct Utils::Vector<Counted>;
+
+namespace {
+
+using testing::Each;
+using Utils::Allocator;
+using Utils::TemplOps;
+using Utils::Vector;
+
+using Values = std::vector<unsigned>;
+
+constexpr unsigned NONE = static_cast<unsigned>(-1);
+
+unsigned held() { return Allocator::theAllocator()->allocatedMemory(); }
+
+template <class T>
+T make(unsigned value) {  // of a value below 16, 0 the blank one
+  static const char places[16] = {};
+  if constexpr (std::is_pointer_v<T>) {
+    return value == 0 ? nullptr : places + value;
+  } else {
+    return T(static_cast<int>(value));
+  }
+}
+
+template <class T>
+std::vector<T> make(const Values& values) {
+  std::vector<T> items;
+  for (const unsigned value : values) items.push_back(make<T>(value));
+  return items;
+}
+
+template <class T>
+struct Open : Vector<T> {
+  using Vector<T>::operator=;
+  using Vector<T>::capacity_;
+  using Vector<T>::data_;
+  using Vector<T>::ops_;
+};
+
+// --- A random run beside a model ---
+
+template <class T>
+struct VectorRun {
+  explicit VectorRun(unsigned seed) : random_(seed) {}
+
+  void run(unsigned steps) {
+    for (unsigned i = 0; i < steps && !testing::Test::HasFailure(); i++) {
+      SCOPED_TRACE("step " + std::to_string(i));
+      step(random_.below(13), random_.below(size() + 3), random_.below(8));
+      compare();
+    }
+  }
+
+  void step(unsigned kind, unsigned index, unsigned value) {
+    if (kind < 4) return addOne(kind, index, value);
+    if (kind < 7) return addList(kind, index);
+    if (kind < 10) return remove(kind, index, value);
+    resize(kind, random_.below(40));
+  }
+
+  unsigned size() const { return static_cast<unsigned>(model_.size()); }
+  auto at(unsigned i) { return model_.begin() + static_cast<std::ptrdiff_t>(i); }
+
+  void growTo(unsigned n) {
+    if (n > capacity_ && capacity_ == 0) capacity_ = 4;
+    while (n > capacity_) capacity_ *= 2;
+  }
+
+  void modelInsert(unsigned index, const Values& values) {
+    model_.insert(at(std::min(index, size())), values.begin(), values.end());
+    growTo(size());
+  }
+
+  bool modelRemove(unsigned value) {
+    const auto place = std::find(model_.begin(), model_.end(), value);
+    if (place == model_.end()) return false;
+    model_.erase(place);
+    return true;
+  }
+
+  Values someValues() {
+    Values values(random_.below(6));
+    for (unsigned& value : values) value = random_.below(8);
+    return values;
+  }
+
+  void addOne(unsigned kind, unsigned index, unsigned value) {
+    const unsigned last = size();
+    const bool own = kind < 2 && last != 0;  // the item lies in the vector
+    const unsigned from = own ? random_.below(last) : 0;
+    const T other = make<T>(value);
+    const T& item = own ? vector_[from] : other;
+    if (own) value = model_[from];
+    if (kind % 2 == 0) {
+      modelInsert(index, {value});
+      vector_.insert(item, index);
+    } else {
+      modelInsert(last, {value});
+      EXPECT_EQ(vector_.add(item), last);
+    }
+  }
+
+  void addList(unsigned kind, unsigned index) {
+    const Values values = someValues();
+    const auto items = make<T>(values);
+    const auto count = static_cast<unsigned>(items.size());
+    if (kind == 4) {
+      modelInsert(index, values);
+      vector_.insert(items.data(), count, index);
+    } else if (kind == 5) {
+      modelInsert(size(), values);
+      vector_.add(items.data(), count);
+    } else {
+      const unsigned from = random_.below(size() + 1);
+      const unsigned own = random_.below(size() - from + 1);
+      modelInsert(index, Values(at(from), at(from + own)));
+      vector_.insert(vector_.begin() + from, own, index);
+    }
+  }
+
+  void remove(unsigned kind, unsigned index, unsigned value) {
+    if (kind == 7) {
+      EXPECT_EQ(value < 4 ? vector_.removeAt(index) : vector_.removeAtOrdered(index),
+                index < size());
+      if (index < size()) model_.erase(at(index));
+    } else if (kind == 8) {
+      const unsigned to = random_.below(size() + 1);
+      EXPECT_TRUE(vector_.removeAt(index, to));
+      if (index < to) model_.erase(at(index), at(to));
+    } else if (value < 4) {
+      EXPECT_EQ(vector_.remove(make<T>(value)), modelRemove(value));
+    } else {
+      const Values values = someValues();
+      const auto items = make<T>(values);
+      bool all = true;
+      for (const unsigned each : values) all = modelRemove(each) && all;
+      EXPECT_EQ(vector_.remove(items.data(), static_cast<unsigned>(items.size())), all);
+    }
+  }
+
+  void resize(unsigned kind, unsigned n) {
+    const unsigned old = size();
+    if (kind == 10) {
+      vector_.sizeTo(n);
+      growTo(n);
+      model_.resize(n);
+    } else if (kind == 11) {
+      vector_.sizeToExact(n);
+      capacity_ = n;
+      model_.resize(n);
+    } else {
+      const Vector<T> copy(vector_);
+      vector_ = copy;
+      capacity_ = 0;
+      growTo(old);
+    }
+    // Only elements with a constructor come in blank.
+    if constexpr (std::is_scalar_v<T>) {
+      for (unsigned i = old; i < vector_.size(); i++) vector_[i] = make<T>(0);
+    }
+  }
+
+  void compare() {
+    ASSERT_EQ(vector_.size(), size());
+    ASSERT_EQ(vector_.capacity_, capacity_);
+    if constexpr (std::is_same_v<T, Counted>) {
+      EXPECT_EQ(Counted::live_, static_cast<int>(capacity_));
+      EXPECT_EQ(Counted::holding_, size() - std::count(model_.begin(), model_.end(), 0u))
+          << "all slots behind the last element are blank";
+    }
+    auto items = make<T>(model_);
+    EXPECT_TRUE(std::equal(vector_.begin(), vector_.end(), items.begin(), items.end()));
+    EXPECT_EQ(vector_.compare(items.data(), size()), 0);
+    EXPECT_EQ(vector_.compare(items.data(), size() - 1), 1);
+    if (size() != 0) items.back() = make<T>(9);
+    EXPECT_EQ(vector_.compare(items.data(), size()), size() != 0 ? 1 : 0);
+    const unsigned value = random_.below(8);
+    const auto place = std::find(model_.begin(), model_.end(), value);
+    unsigned index = NONE;
+    EXPECT_EQ(vector_.locate(make<T>(value), index), place != model_.end());
+    EXPECT_EQ(index, place - model_.begin());
+  }
+
+  Random random_;
+  Open<T> vector_;
+  Values model_;
+  unsigned capacity_ = 0;
+};
+
+TEST(Vector, RandomRunFollowsTheModel) {
+  const unsigned before = held();
+  Counted::reset();
+  VectorRun<Counted>(1).run(4000);
+  VectorRun<int>(2).run(4000);
+  VectorRun<const char*>(3).run(4000);
+  Counted::reset();
+  EXPECT_EQ(held(), before);
+}
+
+// --- No memory ---
+
+// The base's operations by a table whose nth request for storage and all later ones fail.
+struct Failing : Open<Counted> {
+  explicit Failing(unsigned nth) : left_(nth), table_(ops_) {
+    table_.newVec_ = [](unsigned count) { return left() ? ops_.newVec_(count) : nullptr; };
+    now_ = this;
+  }
+
+  static bool left() {
+    if (now_->left_ > 0) now_->left_--;
+    return now_->left_ > 0;
+  }
+
+  // One of the operations that need storage. False when there was none.
+  static constexpr unsigned STEPS = 9;
+  bool attempt(unsigned step) {
+    const std::vector<Counted> items(9, Counted(5));
+    const Counted* list = items.data();
+    const TemplOps& t = table_;
+    bool added = true;
+    if (step == 0) added = VectorBase::add(list, t, this) != NONE;
+    if (step == 1) VectorBase::add(list, 9, t, this);
+    if (step == 2) VectorBase::insert(begin(), size(), 1, t, this);
+    if (step == 3) VectorBase::sizeTo(size() + 40, t, this);
+    if (step == 4) VectorBase::sizeToExact(size() + 1, t, this);
+    if (step == 5) VectorBase::resizeFor(capacity_ + 1, t, this);
+    if (step == 6) VectorBase::vectorCopyOp(list, 9, t, this);
+    if (step == 7) VectorBase::sizeToExact(2, t, this);
+    if (step == 8) VectorBase::insert(end() - 1, 0, t, this);
+    EXPECT_EQ(added, left_ > 0 || step != 0);
+    return left_ > 0;
+  }
+
+  static inline Failing* now_;
+  unsigned left_;
+  TemplOps table_;
+};
+
+TEST(Exhaustion, EveryFailureLeavesTheVectorAsItWas) {
+  failEveryNth(Failing::STEPS + 1, [](unsigned n) {
+    Counted::reset();
+    Failing vector(n);
+    bool good = true;
+    for (unsigned step = 0; step < Failing::STEPS && good; step++) {
+      SCOPED_TRACE("step " + std::to_string(step));
+      const std::vector<Counted> before(vector.begin(), vector.end());
+      const Counted* data = vector.data_;
+      const unsigned capacity = vector.capacity_;
+      good = vector.attempt(step);
+      EXPECT_EQ(vector.data_ == data, !good);
+      EXPECT_EQ(vector.capacity_ == capacity, !good);
+      if (!good) {
+        EXPECT_TRUE(std::equal(vector.begin(), vector.end(), before.begin(), before.end()));
+      }
+    }
+    EXPECT_EQ(Counted::live_, static_cast<int>(vector.capacity_));
+    return good;
+  });
+  Counted::reset();
+}
+
+TEST(Exhaustion, OfTheProcessAllocator) {
+  AssertionRecorder recorder;
+  Counted::reset();
+  Vector<Counted> full, empty;
+  for (int i = 1; i <= 4; i++) full.add(i);
+  Vector<int> numbers;
+  Allocator* allocator = Allocator::theAllocator();
+  SystemMemory::reset();
+  SystemMemory::failFrom_ = 1;
+  std::vector<void*> taken;
+  for (unsigned size = 20000000; size > 0; size /= 2) {
+    while (void* mem = allocator->alloc(size)) taken.push_back(mem);
+  }
+  EXPECT_EQ(full.add(5), NONE);
+  EXPECT_EQ(empty.add(5), NONE);
+  EXPECT_EQ(numbers.add(5), NONE);
+  full.insert(7, 0);
+  empty = full;
+  const Vector<Counted> copy(full);
+  EXPECT_EQ(copy.size() + empty.size() + numbers.size(), 0u);
+  EXPECT_EQ(Counted::live_, 4) << "no constructor runs on nothing";
+  EXPECT_EQ(full.compare(make<Counted>(Values{1, 2, 3, 4}).data(), 4), 0);
+  full.sizeToExact(0);  // needs none
+  EXPECT_EQ(Counted::live_, 0);
+  SystemMemory::failFrom_ = 0;
+  for (void* mem : taken) allocator->free(mem);
+  EXPECT_EQ(full.add(5), 0u);
+  EXPECT_THAT(recorder.take(), Each(testing::AnyOf("m", "h")));
+}
+
+TEST(Exhaustion, NoCountWraps) {
+  struct Eight {
+    char bytes_[8];
+  };
+  Vector<Eight> plain;
+  Vector<Counted> counted;
+  Counted::reset();
+  plain.add(Eight());
+  counted.add(1);
+  for (const unsigned n : {0x10000001u, 0x20000000u, 0x20000001u, 0x80000001u, NONE}) {
+    plain.sizeTo(n);
+    plain.sizeToExact(n);
+    counted.sizeTo(n);
+    counted.sizeToExact(n);
+    plain.insert(plain.begin(), n, 0);
+    counted.add(counted.begin(), n);
+    EXPECT_EQ(plain.size() + counted.size(), 2u) << n;
+  }
+  EXPECT_EQ(Counted::live_, 4);
+}
+
+// --- Single cases ---
+
+TEST(Vector, NewOne) {
+  Open<int> vector;
+  unsigned index = NONE;
+  EXPECT_FALSE(vector.locate(0, index));
+  EXPECT_EQ(index, 0u);
+  EXPECT_FALSE(vector.removeAt(0));
+  EXPECT_TRUE(vector.removeAt(0, 5));
+  EXPECT_EQ(vector.compare(nullptr, 0), 0);
+  EXPECT_EQ(vector.begin(), vector.end());
+  vector.sizeTo(0);
+  vector = Vector<int>();
+  EXPECT_EQ(vector.data_, nullptr);
+  EXPECT_EQ(vector.capacity_, 0u);
+}
+
+TEST(Vector, BlanksWhatNumbersAndPointersLeave) {
+  Open<const char*> vector;
+  const auto items = make<const char*>(Values{1, 2, 3, 4, 5});
+  vector.add(items.data(), 5);
+  vector.removeAt(0);
+  EXPECT_EQ(vector.data_[4], nullptr);
+  vector.removeAt(1, 9);
+  EXPECT_EQ(vector.compare(&items[1], 1), 0);
+  EXPECT_EQ(vector.data_[1], nullptr);
+  std::fill(vector.data_, vector.data_ + 8, items[0]);
+  vector.sizeTo(0);
+  EXPECT_EQ(std::count(vector.data_, vector.data_ + 8, nullptr), 8) << "up to the capacity";
+}
+
+TEST(Vector, ItsOwnStorageAsAList) {
+  Counted::reset();
+  Vector<Counted> vector;
+  for (int i = 0; i < 5; i++) vector.add(i);
+  const Counted* data = vector.begin();
+  const int copied = Counted::copied_;
+  const Vector<Counted>& same = vector;
+  vector = same;
+  EXPECT_EQ(vector.begin(), data);
+  EXPECT_EQ(Counted::copied_, copied);
+  EXPECT_TRUE(vector.remove(vector.begin(), 1)) << "whatever the count";
+  EXPECT_EQ(vector.size(), 0u);
+  Counted::reset();
+}
+
+// Elements without ==, of a type that is complete only after the vector in it; and every type of
+// index.
+TEST(Vector, OfItsOwnOwner) {
+  struct Node {
+    Vector<Node> children_;
+    int value_ = 3;
+  };
+  Vector<Node> tree;
+  tree.add(Node());
+  tree[0].children_.add(tree[0]);
+  tree.add(tree[0]);
+  tree[1].value_ = 4;
+  const Vector<Node>& constant = tree;
+  EXPECT_EQ(tree[1u].children_[0L].value_ + constant[1ULL].children_[std::size_t{0}].value_, 6);
+  EXPECT_EQ(tree[static_cast<short>(1)].value_ + constant[char{1}].value_, 8);
+}
+
+static_assert(sizeof(Vector<char>) == 8 + sizeof(void*));
+static_assert(sizeof(void*) != 4 || sizeof(TemplOps) == 40);
+
+}  // namespace

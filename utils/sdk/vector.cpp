@@ -1,0 +1,284 @@
+// vector.cpp: the growable array, written once for all element types.
+//
+// An operation that needs other storage takes it first and changes the vector afterwards, and lets
+// the former storage go last of all: what it was given may lie there.
+#include "utils/sdk/vector.h"
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+
+namespace Utils {
+
+namespace {
+
+constexpr unsigned FIRST_CAPACITY = 4;
+
+// The doubling that leads from `capacity` to n slots or more. From 2^31 on it could wrap, and n
+// itself is taken.
+unsigned grownCapacity(unsigned capacity, unsigned n) {
+  if (n > ~n) capacity = n;
+  if (capacity == 0) capacity = FIRST_CAPACITY;
+  while (capacity < n) capacity *= 2;
+  return capacity;
+}
+
+std::size_t bytesOf(const TemplOps& ops, unsigned count) {
+  return static_cast<std::size_t>(count) * ops.elemSize_;
+}
+
+void* slotAt(const TemplOps& ops, void* first, unsigned i) {
+  return static_cast<char*>(first) + bytesOf(ops, i);
+}
+
+const void* slotAt(const TemplOps& ops, const void* first, unsigned i) {
+  return static_cast<const char*>(first) + bytesOf(ops, i);
+}
+
+void* fieldOf(void* self, unsigned offset) { return static_cast<char*>(self) + offset; }
+
+// data_ is a T*: its bytes are read and written, never a void* in its place.
+void* pointerIn(const void* field) {
+  void* pointer;
+  std::memcpy(&pointer, field, sizeof pointer);
+  return pointer;
+}
+
+const void* dataOf(const TemplOps& ops, const void* self) {
+  return pointerIn(static_cast<const char*>(self) + ops.offset1_);
+}
+
+// One vector as its operations see it: its fields, those of the typed object found through the
+// table once.
+struct Slots {
+  Slots(unsigned& size, const TemplOps& ops, void* self)
+      : size_(size),
+        capacity_(*static_cast<unsigned*>(fieldOf(self, ops.offset0_))),
+        data_(fieldOf(self, ops.offset1_)),
+        ops_(ops) {}
+
+  void* data() const { return pointerIn(data_); }
+  void* operator[](unsigned i) const { return slotAt(ops_, data(), i); }
+
+  void take(void* block, unsigned capacity) const {
+    capacity_ = capacity;
+    std::memcpy(data_, &block, sizeof block);
+  }
+
+  unsigned& size_;
+  unsigned& capacity_;
+  void* data_;  // where the field is
+  const TemplOps& ops_;
+};
+
+// The order in which elements are copied: ascending, so that they may move down over others, or
+// descending, so that they may move up.
+enum Order { UP, DOWN };
+
+// Kept apart, so that the way of elements that are bytes stays short.
+[[gnu::noinline]] void copyEach(const TemplOps& ops, void* to, const void* from, unsigned count,
+                                Order order) {
+  for (unsigned n = 0; n < count; n++) {
+    const unsigned i = order == UP ? n : count - 1 - n;
+    ops.copyOp_(slotAt(ops, to, i), slotAt(ops, from, i));
+  }
+}
+
+void copyRun(const TemplOps& ops, void* to, const void* from, unsigned count, Order order = UP) {
+  if (ops.copyOp_) return copyEach(ops, to, from, count, order);
+  if (count != 0) std::memmove(to, from, bytesOf(ops, count));
+}
+
+void blank(const Slots& slots, unsigned from, unsigned to) {
+  for (unsigned i = from; i < to; i++) slots.ops_.copyBlank_(slots[i]);
+}
+
+// Puts the first `live` elements into storage of `capacity` slots. The former storage is the
+// caller's to delete. False, nothing changed, when there is no memory; no slots need none.
+bool rebuild(const Slots& slots, unsigned capacity, unsigned live, void*& former) {
+  void* block = slots.ops_.newVec_(capacity);
+  if (!block && capacity != 0) return false;
+  former = slots.data();
+  copyRun(slots.ops_, block, former, live);
+  slots.take(block, capacity);
+  return true;
+}
+
+// Makes room for n elements. False, nothing changed, when there is no memory.
+bool grow(const Slots& slots, unsigned n, void*& former) {
+  return rebuild(slots, grownCapacity(slots.capacity_, n), slots.size_, former);
+}
+
+bool reserve(const Slots& slots, unsigned n) {
+  if (n <= slots.capacity_) return true;
+  void* former;
+  if (!grow(slots, n, former)) return false;
+  slots.ops_.deleteVec_(former);
+  return true;
+}
+
+// How many of the items stay where they are when the elements from `index` on move up: all of them,
+// unless some are such elements.
+unsigned countUnmoved(const Slots& slots, const void* items, unsigned count, unsigned index) {
+  const std::less<const void*> before;
+  const void* gap = slots[index];
+  if (before(items, slots.data()) || !before(items, slots[slots.size_])) return count;
+  if (!before(items, gap)) return 0;
+  const auto bytes = static_cast<const char*>(gap) - static_cast<const char*>(items);
+  return std::min(count, static_cast<unsigned>(bytes) / slots.ops_.elemSize_);
+}
+
+// Opens a gap at `index` and copies the items there. Requires the room.
+void insertInPlace(const Slots& slots, const void* items, unsigned count, unsigned index) {
+  const TemplOps& ops = slots.ops_;
+  const unsigned unmoved = countUnmoved(slots, items, count, index);
+  copyRun(ops, slots[index + count], slots[index], slots.size_ - index, DOWN);
+  copyRun(ops, slots[index], items, unmoved);
+  if (unmoved < count)
+    copyRun(ops, slots[index + unmoved], slotAt(ops, items, unmoved + count), count - unmoved);
+  slots.size_ += count;
+}
+
+// False, nothing changed, when there is no memory.
+bool insertAt(const Slots& slots, const void* items, unsigned count, unsigned index) {
+  if (count > ~slots.size_) return false;
+  const bool grows = slots.size_ + count > slots.capacity_;
+  void* former = nullptr;
+  if (grows && !grow(slots, slots.size_ + count, former)) return false;
+  insertInPlace(slots, items, count, std::min(index, slots.size_));
+  if (grows) slots.ops_.deleteVec_(former);
+  return true;
+}
+
+// Requires from <= to <= size_.
+void takeOut(const Slots& slots, unsigned from, unsigned to) {
+  const unsigned end = slots.size_;
+  copyRun(slots.ops_, slots[from], slots[to], end - to);
+  slots.size_ -= to - from;
+  blank(slots, slots.size_, end);
+}
+
+}  // namespace
+
+// --- Adding ---
+
+void VectorBase::resizeFor(unsigned n, const TemplOps& ops, void* self) {
+  reserve(Slots(size_, ops, self), n);
+}
+
+unsigned VectorBase::add(const void* item, const TemplOps& ops, void* self) {
+  const bool added = insertAt(Slots(size_, ops, self), item, 1, size_);
+  return added ? size_ - 1 : static_cast<unsigned>(-1);
+}
+
+void VectorBase::add(const void* items, unsigned count, const TemplOps& ops, void* self) {
+  insertAt(Slots(size_, ops, self), items, count, size_);
+}
+
+void VectorBase::insert(const void* item, unsigned index, const TemplOps& ops, void* self) {
+  insertAt(Slots(size_, ops, self), item, 1, index);
+}
+
+void VectorBase::insert(const void* items, unsigned count, unsigned index, const TemplOps& ops,
+                        void* self) {
+  insertAt(Slots(size_, ops, self), items, count, index);
+}
+
+// --- Finding ---
+
+bool VectorBase::locate(const void* item, unsigned& index, const TemplOps& ops,
+                        const void* self) const {
+  const void* data = dataOf(ops, self);
+  for (unsigned i = 0; i < size_; i++) {
+    if (!ops.equalOp_(slotAt(ops, data, i), item)) continue;
+    index = i;
+    return true;
+  }
+  index = size_;
+  return false;
+}
+
+int VectorBase::compare(const void* items, unsigned count, const TemplOps& ops,
+                        const void* self) const {
+  if (count != size_) return 1;
+  const void* data = dataOf(ops, self);
+  for (unsigned i = 0; i < count; i++) {
+    if (!ops.equalOp_(slotAt(ops, data, i), slotAt(ops, items, i))) return 1;
+  }
+  return 0;
+}
+
+// --- Removing ---
+
+bool VectorBase::removeAt(unsigned index, const TemplOps& ops, void* self) {
+  return removeAtOrdered(index, ops, self);
+}
+
+bool VectorBase::removeAtOrdered(unsigned index, const TemplOps& ops, void* self) {
+  if (index >= size_) return false;
+  takeOut(Slots(size_, ops, self), index, index + 1);
+  return true;
+}
+
+bool VectorBase::removeAt(unsigned from, unsigned to, const TemplOps& ops, void* self) {
+  to = std::min(to, size_);
+  if (from < to) takeOut(Slots(size_, ops, self), from, to);
+  return true;
+}
+
+bool VectorBase::remove(const void* items, unsigned count, const TemplOps& ops, void* self) {
+  if (items == dataOf(ops, self)) {
+    purge(self, ops);
+    return true;
+  }
+  bool all = true;
+  for (unsigned i = 0; i < count; i++) {
+    unsigned index;
+    if (!locate(slotAt(ops, items, i), index, ops, self) || !removeAt(index, ops, self))
+      all = false;
+  }
+  return all;
+}
+
+// --- The whole vector ---
+
+void VectorBase::sizeTo(unsigned n, const TemplOps& ops, void* self) {
+  const Slots slots(size_, ops, self);
+  if (n < size_) {
+    blank(slots, n, slots.capacity_);
+  } else if (!reserve(slots, n)) {
+    return;
+  }
+  size_ = n;
+}
+
+void VectorBase::sizeToExact(unsigned n, const TemplOps& ops, void* self) {
+  const Slots slots(size_, ops, self);
+  if (n != slots.capacity_) {
+    void* former;
+    if (!rebuild(slots, n, std::min(size_, n), former)) return;
+    ops.deleteVec_(former);
+  }
+  size_ = n;
+}
+
+void VectorBase::purge(void* self, const TemplOps& ops) {
+  const Slots slots(size_, ops, self);
+  ops.deleteVec_(slots.data());
+  init();
+  slots.take(nullptr, 0);
+}
+
+void VectorBase::vectorCopyOp(const void* items, unsigned count, const TemplOps& ops, void* self) {
+  const Slots slots(size_, ops, self);
+  if (items == slots.data()) return;
+  const unsigned capacity = count != 0 ? grownCapacity(0, count) : 0;
+  void* block = capacity != 0 ? ops.newVec_(capacity) : nullptr;
+  if (!block && capacity != 0) return;
+  copyRun(ops, block, items, count);
+  purge(self, ops);
+  slots.take(block, capacity);
+  size_ = count;
+}
+
+}  // namespace Utils

@@ -2,11 +2,11 @@
 //
 //   tour FILE...
 //
-// Reads each file whole into memory of the process allocator, one memory colour a file, and indexes
-// the words in a weight-balanced tree whose nodes lie in that memory too. Prints the most frequent
-// words, who holds how many bytes, and the allocator's own report; then frees everything and shows
-// that the heap is as it was. A file that cannot be read is named on standard error, and the status
-// is 1.
+// Reads each file whole into a String, one memory colour a file, and indexes the words that tokSpan
+// finds in a weight-balanced tree whose nodes and words lie in memory of that colour too. Prints
+// the most frequent words, who holds how many bytes, how long each step took, and the allocator's
+// own report; then frees everything and shows that heap and strings are as they were. A file that
+// cannot be read is named on standard error, and the status is 1.
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -16,61 +16,61 @@
 #include <vector>
 
 #include "utils/sdk/alloc.h"
+#include "utils/sdk/string.h"
+#include "utils/sdk/time.h"
+#include "utils/sdk/uid.h"
+#include "utils/sdk/vector.h"
 #include "utils/sdk/wtree.h"
+#include "utils/sdk/ysys.h"
 
 namespace {
 
-using Utils::Allocator;
 using Utils::MemoryAllocator;
+using Utils::String;
+using Utils::SubString;
+using Utils::Time;
 
 // The process allocator, known to be the arena that can also be walked.
-MemoryAllocator& heap() { return *static_cast<MemoryAllocator*>(Allocator::theAllocator()); }
+MemoryAllocator& heap() { return *static_cast<MemoryAllocator*>(Utils::Allocator::theAllocator()); }
 
 // --- The index ---
 
-struct Key {
-  const char* text_;
-  unsigned length_;
-};
-
-int alphabetical(const void* a, const void* b) {
-  const auto* x = static_cast<const Key*>(a);
-  const auto* y = static_cast<const Key*>(b);
-  const int order = std::memcmp(y->text_, x->text_, std::min(x->length_, y->length_));
-  if (order != 0) return order;
-  return x->length_ == y->length_ ? 0 : x->length_ < y->length_ ? 1 : -1;
-}
-
-// The key stands directly behind the node, where the tree looks for it; the text behind the word.
+// The key stands directly behind the node, where the tree looks for it.
 struct Word : Utils::WTreeNodeBase {
-  explicit Word(Key key) : key_(key) {}
+  explicit Word(const SubString& text) : text_(text) {}
 
-  Key key_;
+  String text_;
   unsigned count_ = 1;
 };
 
+int alphabetical(const void* a, const void* b) {
+  return static_cast<const String*>(b)->compare(*static_cast<const String*>(a));
+}
+
 struct Index : Utils::WTreeBase {
-  Word* find(const Key& key) const {
-    Utils::WTreeNodeBase* node = top();
-    while (node) {
-      const int order = alphabetical(&static_cast<Word*>(node)->key_, &key);
-      if (order == 0) break;
-      node = order > 0 ? node->right() : node->left();
+  Word* find(const SubString& text) const {
+    for (auto* node = top(); node;) {
+      auto* word = static_cast<Word*>(node);
+      // Looks at no more of the word than the range has.
+      const int order = text.compare(word->text_);
+      if (order == 0 && word->text_.size() == text.size()) return word;
+      node = order < 0 ? node->right() : node->left();
     }
-    return static_cast<Word*>(node);
+    return nullptr;
   }
 
-  // Counts one word more; false when there is no memory.
-  bool add(const Key& key, unsigned color) {
-    if (Word* known = find(key)) {
+  // Counts one word more, in memory of the default colour; false when there is none.
+  bool add(const SubString& text) {
+    if (Word* known = find(text)) {
       known->count_++;
       return true;
     }
-    void* block = heap().alloc(static_cast<unsigned>(sizeof(Word)) + key.length_, color);
+    void* block = heap().alloc(sizeof(Word));
     if (!block) return false;
-    char* text = static_cast<char*>(block) + sizeof(Word);
-    std::memcpy(text, key.text_, key.length_);
-    return insert(new (block) Word({text, key.length_}), alphabetical);
+    Word* word = new (block) Word(text);
+    if (word->text_.size() == text.size() && insert(word, alphabetical)) return true;
+    release(word);
+    return false;
   }
 
   std::vector<const Word*> words() const {
@@ -81,111 +81,148 @@ struct Index : Utils::WTreeBase {
   }
 
   void clear() {
-    while (auto* node = top()) heap().free(remove(node, alphabetical));
+    while (auto* node = top()) release(static_cast<Word*>(remove(node, alphabetical)));
+  }
+
+ private:
+  static void release(Word* word) {
+    word->~Word();
+    heap().free(word);
   }
 };
 
 // --- The files ---
 
-struct Text {
-  const char* name_;
-  unsigned color_;
-  char* bytes_ = nullptr;
-  unsigned size_ = 0;
-};
-
-// Makes room for as much again; false when there is no memory.
-bool grow(Text& text, unsigned& capacity) {
-  const unsigned larger = capacity ? 2 * capacity : 4096;
-  void* bytes = heap().alloc(larger, text.color_);
-  if (!bytes) return false;
-  if (text.bytes_) std::memcpy(bytes, text.bytes_, text.size_);
-  heap().free(text.bytes_);
-  text.bytes_ = static_cast<char*>(bytes);
-  capacity = larger;
-  return true;
-}
-
 // Reads a stream whole. Gives null, or why it could not.
-const char* readAll(std::FILE* file, Text& text) {
-  for (unsigned capacity = 0;;) {
-    if (text.size_ == capacity && !grow(text, capacity)) return "too large for the memory";
-    const std::size_t got = std::fread(text.bytes_ + text.size_, 1, capacity - text.size_, file);
-    if (got == 0) return std::ferror(file) ? std::strerror(errno) : nullptr;
-    text.size_ += static_cast<unsigned>(got);
+const char* readAll(std::FILE* file, String& text) {
+  char bytes[16384];
+  while (const std::size_t got = std::fread(bytes, 1, sizeof bytes, file)) {
+    const unsigned size = text.size() + static_cast<unsigned>(got);
+    if (text.append(bytes, static_cast<unsigned>(got)).size() != size)
+      return "too large for the memory";
   }
+  return std::ferror(file) ? std::strerror(errno) : nullptr;
 }
 
-const char* read(Text& text) {
-  std::FILE* file = std::fopen(text.name_, "rb");
+const char* read(const String& name, String& text) {
+  std::FILE* file = std::fopen(name, "rb");
   if (!file) return std::strerror(errno);
   const char* reason = readAll(file, text);
   std::fclose(file);
   return reason;
 }
 
-bool isLetter(char c) { return std::isalpha(static_cast<unsigned char>(c)) || (c & 0x80) != 0; }
+// What stands between words: all that is no letter.
+String delimiters() {
+  String set;
+  for (int c = 1; c < 128; c++) {
+    if (!std::isalpha(c)) set += static_cast<char>(c);
+  }
+  return set;
+}
 
-// Puts the words of a text into the index, in lower case; false when there is no memory.
-bool indexWords(Text& text, Index& index) {
-  char* const end = text.bytes_ + text.size_;
-  for (char* at = text.bytes_; at != end;) {
-    char* const begin = std::find_if(at, end, isLetter);
-    at = std::find_if_not(begin, end, isLetter);
-    std::transform(begin, at, begin, [](unsigned char c) {
-      return static_cast<char>(c < 128 ? std::tolower(c) : c);
-    });
-    const Key key{begin, static_cast<unsigned>(at - begin)};
-    if (key.length_ > 0 && !index.add(key, text.color_)) return false;
+// Puts the words of a text into the index; false when there is no memory.
+bool indexWords(String& text, Index& index) {
+  const String between = delimiters();
+  unsigned start = 0;
+  for (unsigned end = 0; text.tokSpan(between, end, start, end);) {
+    if (!index.add(text(start, end - start))) return false;
   }
   return true;
 }
 
-bool load(Text& text, Index& index) {
-  const char* reason = read(text);
-  if (!reason && !indexWords(text, index)) reason = "no memory for its words";
-  if (!reason) return true;
-  std::fprintf(stderr, "tour: %s: %s\n", text.name_, reason);
-  heap().free(text.bytes_);
-  text.bytes_ = nullptr;
-  return false;
-}
+// The files that were asked for, by their place.
+struct Files {
+  // There are 63 colours beside 0; more files share them.
+  static unsigned colorOf(unsigned i) { return 1 + i % 63; }
+
+  bool load(unsigned i, Index& index) {
+    const Utils::MemoryColor color(colorOf(i));
+    const char* reason = read(names_[i], texts_[i]);
+    if (!reason) {
+      texts_[i].toLower();
+      if (!indexWords(texts_[i], index)) reason = "no memory for its words";
+    }
+    if (!reason) return true;
+    std::fprintf(stderr, "tour: %s: %s\n", static_cast<const char*>(names_[i]), reason);
+    texts_[i] = String();
+    return false;
+  }
+
+  Utils::Vector<String> names_;
+  Utils::Vector<String> texts_;
+};
 
 // --- What is shown ---
+
+// The time since the last call, and what it was spent on.
+struct Clock {
+  void show(const char* step) {
+    const double now = YIF_CurrentTime();
+    Time took(now - last_);
+    std::printf("%-10s %8.4f s\n", step, static_cast<double>(took));
+    last_ = now;
+  }
+
+  double last_ = YIF_CurrentTime();
+};
 
 void showWords(const Index& index) {
   auto words = index.words();
   const auto shown = std::min<std::size_t>(words.size(), 10);
   const auto middle = words.begin() + static_cast<std::ptrdiff_t>(shown);
   std::partial_sort(words.begin(), middle, words.end(), [](const Word* a, const Word* b) {
-    return a->count_ != b->count_ ? a->count_ > b->count_ : alphabetical(&a->key_, &b->key_) > 0;
+    return a->count_ != b->count_ ? a->count_ > b->count_ : a->text_ < b->text_;
   });
   std::printf("%zu different words, the tree is %u deep; the most frequent:\n", words.size(),
               index.depth());
-  for (auto word = words.begin(); word != middle; ++word) {
-    std::printf("%8u  %.*s\n", (*word)->count_, static_cast<int>((*word)->key_.length_),
-                (*word)->key_.text_);
-  }
+  for (auto word = words.begin(); word != middle; ++word)
+    std::printf("%8u  %s\n", (*word)->count_, static_cast<const char*>((*word)->text_));
 }
 
-// There are 63 colours beside 0; more files share them.
-void showColors(const std::vector<Text>& texts) {
+void showColors(const Files& files) {
   std::printf("\nColour      Bytes  File\n");
-  for (std::size_t i = 0; i < texts.size() && i < 63; i++) {
-    const unsigned color = texts[i].color_;
-    std::printf("%6u %10u  %s%s\n", color, heap().allocatedColorMemory(color), texts[i].name_,
-                i + 63 < texts.size() ? " and others" : "");
+  const unsigned count = files.names_.size();
+  for (unsigned i = 0; i < count && i < 63; i++) {
+    const unsigned color = Files::colorOf(i);
+    std::printf("%6u %10u  %s%s\n", color, heap().allocatedColorMemory(color),
+                static_cast<const char*>(files.names_[i]), i + 63 < count ? " and others" : "");
   }
-  std::printf("\n");
+  std::printf("Strings hold %u bytes of it.\n\n", Utils::YfTotalStringMemory());
 }
 
-// Whether nothing is held any more, under no colour.
-bool allIsFree(unsigned atFirst) {
-  heap().checkArena();
-  for (unsigned color = 1; color < 64; color++) {
-    if (heap().allocatedColorMemory(color) != 0) return false;
+// What was held when the program began.
+struct Held {
+  bool isAgain() const {
+    heap().checkArena();
+    for (unsigned color = 1; color < 64; color++) {
+      if (heap().allocatedColorMemory(color) != 0) return false;
+    }
+    return heap().allocatedMemory() == memory_ && Utils::YfTotalStringMemory() == strings_;
   }
-  return heap().allocatedMemory() == atFirst;
+
+  unsigned memory_ = heap().allocatedMemory();
+  unsigned strings_ = Utils::YfTotalStringMemory();
+};
+
+bool tour(int count, char** names) {
+  Index index;
+  Files files;
+  Clock clock;
+  bool allRead = true;
+  files.texts_.sizeTo(static_cast<unsigned>(count));
+  for (int i = 0; i < count; i++) {
+    files.names_.add(names[i]);
+    allRead = files.load(static_cast<unsigned>(i), index) && allRead;
+  }
+  showWords(index);
+  showColors(files);
+  heap().report();
+  std::printf("\n");
+  clock.show("Reading");
+  index.clear();
+  clock.show("Freeing");
+  return allRead;
 }
 
 }  // namespace
@@ -195,22 +232,13 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: tour FILE...\n");
     return 2;
   }
-  const unsigned atFirst = heap().allocatedMemory();
-  Index index;
-  std::vector<Text> texts;
-  bool allRead = true;
-  for (int i = 1; i < argc; i++) {
-    texts.push_back({argv[i], 1 + static_cast<unsigned>(i - 1) % 63});
-    allRead = load(texts.back(), index) && allRead;
-  }
-  showWords(index);
-  showColors(texts);
-  heap().report();
-
-  index.clear();
-  for (const Text& text : texts) heap().free(text.bytes_);
-  const bool whole = allIsFree(atFirst);
-  std::printf("\nFreed: %u bytes are held, as at the start: %u. %s\n", heap().allocatedMemory(),
-              atFirst, whole ? "The heap is whole." : "Some are still counted!");
+  const Held atFirst;
+  std::printf("Run %s\n", static_cast<const char*>(Utils::UID().asText()));
+  const bool allRead = tour(argc - 1, argv + 1);
+  const bool whole = atFirst.isAgain();
+  std::printf(
+      "\nFreed: %u bytes are held, as at the start: %u; %u by strings, as at the start: %u. %s\n",
+      heap().allocatedMemory(), atFirst.memory_, Utils::YfTotalStringMemory(), atFirst.strings_,
+      whole ? "The heap is whole." : "Some are still counted!");
   return allRead && whole ? 0 : 1;
 }

@@ -158,7 +158,7 @@ struct YUTILS_EXPORT String {
   String(char c) : rep_(StringRep::create(&c, 1)) {}
   String(const char* text, unsigned count) : rep_(StringRep::create(text, count)) {}
   String(char c, unsigned count);
-  String(std::string_view text);
+  explicit String(std::string_view text);
   String(int i) : rep_(nullptr) { *this += i; }
   String(float f) : rep_(nullptr) { *this += static_cast<double>(f); }
   String(double d) : rep_(nullptr) { *this += d; }

@@ -17,43 +17,23 @@
 #include <climits>
 #include <cmath>
 #include <functional>
+#include <map>
 #include <set>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/support/child_process.h"
 #include "tests/support/temporary_directory.h"
 #include "utils/sdk/platform.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define IS_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define IS_SANITIZED 1
-#endif
-#endif
-#ifndef IS_SANITIZED
-#define IS_SANITIZED 0
-#endif
-
 namespace {
 
 using testing::HasSubstr;
-using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-// A test that hangs ends by a signal.
-class Watchdog : public testing::Environment {
- public:
-  void SetUp() override { alarm(120); }
-};
-const auto* const _watchdog = testing::AddGlobalTestEnvironment(new Watchdog);
-
-double secondsOf(const std::function<void()>& action) {
-  const auto begun = Clock::now();
-  action();
-  return std::chrono::duration<double>(Clock::now() - begun).count();
-}
+[[maybe_unused]] const unsigned _watchdog = alarm(120);  // a test that hangs ends by a signal
+const bool _isSanitized = dlsym(RTLD_DEFAULT, "__sanitizer_print_stack_trace") != nullptr;
 
 bool comesTrue(const std::function<bool()>& condition) {
   for (int i = 0; i < 5000; ++i) {
@@ -64,30 +44,23 @@ bool comesTrue(const std::function<bool()>& condition) {
 }
 
 bool isAsleep(unsigned long task) {
-  const std::string stat = "/proc/self/task/" + std::to_string(task) + "/stat";
-  std::ifstream file(stat);
+  std::ifstream file("/proc/self/task/" + std::to_string(task) + "/stat");
   const std::string text{std::istreambuf_iterator<char>(file), {}};
-  const size_t end = text.rfind(')');
-  return end != std::string::npos && text.compare(end, 3, ") S") == 0;
+  return text.find(") S ") != std::string::npos;
 }
 
-// Threads that all do the same; joined at the end.
+// Threads that all do the same, each with its number; they are joined at the end.
 class Tasks {
  public:
-  Tasks(int count, const std::function<void(int)>& body) : ids_(static_cast<size_t>(count)) {
-    for (int i = 0; i < count; ++i) {
+  Tasks(unsigned count, const std::function<void(unsigned)>& body) : ids_(count) {
+    for (unsigned i = 0; i < count; ++i) {
       threads_.emplace_back([this, i, body] {
-        ids_[static_cast<size_t>(i)] = YIF_CurrentTaskId();
+        ids_[i] = YIF_CurrentTaskId();
         body(i);
       });
     }
   }
-  ~Tasks() { join(); }
-  void join() {
-    for (std::thread& thread : threads_) {
-      if (thread.joinable()) thread.join();
-    }
-  }
+  void join() { threads_.clear(); }
   bool fallAsleep() const {
     return std::ranges::all_of(ids_, [](const std::atomic<unsigned long>& id) {
       return comesTrue([&] { return id != 0 && isAsleep(id); });
@@ -96,7 +69,7 @@ class Tasks {
 
  private:
   std::vector<std::atomic<unsigned long>> ids_;
-  std::vector<std::thread> threads_;
+  std::vector<std::jthread> threads_;
 };
 
 class Variable {
@@ -105,41 +78,42 @@ class Variable {
     setenv(name, value.c_str(), 1);
   }
   ~Variable() { unsetenv(name_); }
-  Variable(const Variable&) = delete;
-  Variable& operator=(const Variable&) = delete;
+  Variable& operator=(Variable&&) = delete;
 
  private:
   const char* name_;
 };
 
-class Death : public testing::Test {
- protected:
-  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-};
+void expectStop(const std::function<void()>& action, const std::string& message) {
+  const auto child = runInChild([&] {
+    action();
+    return 0;
+  });
+  EXPECT_EQ(child.status, -SIGABRT) << message;
+  EXPECT_THAT(child.errorOutput, testing::StartsWith(message));
+}
 
 // --- Task identity ---
 
-TEST(TaskId, DiffersAmongLivingTasksAndStays) {
-  std::vector<unsigned long> ids(8);
+TEST(TaskId, DiffersAmongLivingTasksAndStaysAndIsNewInTheChildOfAFork) {
+  const unsigned long mine = YIF_CurrentTaskIdCoop();
+  std::set<unsigned long> ids = {mine, static_cast<unsigned long>(-1)};
+  std::atomic<unsigned long> theirs[8];
   std::atomic<int> arrived{0};
-  Tasks(8, [&](int i) {
-    ids[static_cast<size_t>(i)] = YIF_CurrentTaskIdCoop();
+  Tasks(8, [&](unsigned i) {
+    theirs[i] = YIF_CurrentTaskIdCoop();
     ++arrived;
     EXPECT_TRUE(comesTrue([&] { return arrived == 8; }));
-    EXPECT_EQ(YIF_CurrentTaskIdCoop(), ids[static_cast<size_t>(i)]);
-  }).join();
-  ids.push_back(YIF_CurrentTaskIdCoop());
-  EXPECT_EQ(std::set<unsigned long>(ids.begin(), ids.end()).size(), 9u);
-  EXPECT_EQ(std::ranges::count(ids, static_cast<unsigned long>(-1)), 0);
-}
-
-TEST(TaskId, IsNewInTheChildOfAFork) {
-  const unsigned long parent = YIF_CurrentTaskIdCoop();
-  const auto child = runInChild([&] {
-    const bool isNew = YIF_CurrentTaskIdCoop() != parent && YIF_CurrentTaskId() != parent;
-    return isNew && YIF_CurrentTaskId() == static_cast<unsigned long>(gettid()) ? 0 : 1;
+    EXPECT_EQ(YIF_CurrentTaskIdCoop(), theirs[i]);
   });
-  EXPECT_EQ(child.status, 0);
+  ids.insert(std::begin(theirs), std::end(theirs));
+  EXPECT_EQ(ids.size(), 10u);
+  const auto isNew = [&](unsigned long id) {
+    return id != mine && id == static_cast<unsigned long>(gettid());
+  };
+  const auto child =
+      runInChild([&] { return isNew(YIF_CurrentTaskIdCoop()) && isNew(YIF_CurrentTaskId()); });
+  EXPECT_EQ(child.status, 1);
 }
 
 // --- Mutexes and critical sections ---
@@ -151,105 +125,74 @@ struct LockKind {
   void (*exit)(YIF_Handle) noexcept;
 };
 
+// An event that is set serves as the ticket of a lock.
+constexpr LockKind LOCKS[] = {{YIF_CreateMutex, YIF_DestroyMutex, YIF_EnterMutex, YIF_ExitMutex},
+                              {YIF_CreateCriticalSection, YIF_DestroyCriticalSection,
+                               YIF_EnterCriticalSection, YIF_ExitCriticalSection},
+                              {[]() noexcept { return YIF_CreateEvent(0, 1); }, YIF_DestroyEvent,
+                               YIF_WaitEvent, YIF_SetEvent},
+                              {[]() noexcept { return YIF_CreateEventCoop(0, 1); },
+                               YIF_DestroyEventCoop, YIF_WaitEventCoop, YIF_SetEventCoop}};
+
 class Locks : public testing::TestWithParam<LockKind> {
  protected:
-  void SetUp() override { lock_ = GetParam().create(); }
   void TearDown() override { GetParam().destroy(lock_); }
   void enter() { GetParam().enter(lock_); }
   void exit() { GetParam().exit(lock_); }
 
-  YIF_Handle lock_ = 0;
+  const YIF_Handle lock_ = GetParam().create();
 };
+using LocksAndTickets = Locks;
+INSTANTIATE_TEST_SUITE_P(Both, Locks, testing::ValuesIn(LOCKS, LOCKS + 2));
+INSTANTIATE_TEST_SUITE_P(All, LocksAndTickets, testing::ValuesIn(LOCKS));
 
-INSTANTIATE_TEST_SUITE_P(
-    Both, Locks,
-    testing::Values(LockKind{YIF_CreateMutex, YIF_DestroyMutex, YIF_EnterMutex, YIF_ExitMutex},
-                    LockKind{YIF_CreateCriticalSection, YIF_DestroyCriticalSection,
-                             YIF_EnterCriticalSection, YIF_ExitCriticalSection}),
-    [](const auto& kind) { return kind.index == 0 ? "Mutex" : "CriticalSection"; });
-
-TEST_P(Locks, LetOneTaskIn) {
+TEST_P(LocksAndTickets, LetOneTaskIn) {
   int count = 0;
-  Tasks(4, [&](int) {
-    for (int i = 0; i < 20000; ++i) {
+  Tasks(4, [&](unsigned) {
+    for (int i = 0; i < 10000; ++i) {
       enter();
       ++count;
       exit();
     }
-  }).join();
-  EXPECT_EQ(count, 80000);
+  });
+  EXPECT_EQ(count, 40000);
 }
 
-TEST_P(Locks, AreFreeAfterAsManyExitsAsEnters) {
-  std::atomic<bool> isIn{false};
+TEST_P(Locks, AreFreeInTheChildOfAForkAndAfterAsManyExitsOfTheHolderAsEnters) {
+  const Variable goOn("YSYS_ASSERT", "continue");
+  const auto isReport = HasSubstr("assertion failed: held by the calling task, ysys/lock:");
+  testing::internal::CaptureStderr();
+  std::atomic<int> isIn{0};
   for (int i = 0; i < 3; ++i) enter();
-  Tasks other(1, [&](int) {
+  Tasks others(2, [&](unsigned) {
+    exit();  // is reported and changes nothing
     enter();
-    isIn = true;
+    ++isIn;
     exit();
   });
   for (int i = 0; i < 3; ++i) {
-    EXPECT_TRUE(other.fallAsleep());
-    EXPECT_FALSE(isIn);
+    EXPECT_TRUE(others.fallAsleep());
+    EXPECT_EQ(isIn, 0);
+    const auto child = runInChild([&] {
+      enter();
+      for (int exits = 0; exits < 2; ++exits) exit();
+      return 0;
+    });
+    EXPECT_EQ(child.status, 0);
+    EXPECT_THAT(child.errorOutput, isReport);
     exit();
   }
-  other.join();
-  EXPECT_TRUE(isIn);
-}
-
-TEST_P(Locks, ReportTheExitOfATaskThatIsNotIn) {
-  const Variable goOn("YSYS_ASSERT", "continue");
-  std::atomic<bool> isIn{false};
-  enter();
-  testing::internal::CaptureStderr();
-  Tasks(1, [&](int) { exit(); }).join();
-  const std::string report = testing::internal::GetCapturedStderr();
-  EXPECT_THAT(report, HasSubstr("assertion failed: held by the calling task, ysys/lock:"));
-  Tasks other(1, [&](int) {
-    enter();
-    isIn = true;
-    exit();
-  });
-  EXPECT_TRUE(other.fallAsleep());
-  EXPECT_FALSE(isIn);
-  exit();
-}
-
-TEST_P(Locks, AreFreeInTheChildOfAFork) {
-  std::atomic<bool> isIn{false}, mayLeave{false};
-  Tasks holder(1, [&](int) {
-    enter();
-    enter();
-    isIn = true;
-    EXPECT_TRUE(comesTrue([&] { return mayLeave.load(); }));
-    exit();
-    exit();
-  });
-  EXPECT_TRUE(comesTrue([&] { return isIn.load(); }));
-  Tasks waiting(2, [&](int) {
-    enter();
-    exit();
-  });
-  EXPECT_TRUE(waiting.fallAsleep());
-  const auto child = runInChild([&] {
-    enter();
-    exit();
-    setenv("YSYS_ASSERT", "continue", 1);
-    exit();
-    return 0;
-  });
-  mayLeave = true;
-  EXPECT_EQ(child.status, 0);
-  EXPECT_THAT(child.errorOutput, HasSubstr("held by the calling task"));
+  others.join();
+  EXPECT_EQ(isIn, 2);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), isReport);
 }
 
 // --- Handles ---
 
 TEST(Handles, OfLivingObjectsDifferAndOldOnesDoNotComeBackSoon) {
-  std::set<YIF_Handle> seen;
-  std::vector<YIF_Handle> living;
-  for (int i = 0; i < 700; ++i) living.push_back(YIF_CreateEvent(0, 0));
-  seen.insert(living.begin(), living.end());
+  std::set<YIF_Handle> living, seen;
+  while (living.size() < 700) living.insert(YIF_CreateEvent(0, 0));
+  seen = living;
   for (int i = 0; i < 5000; ++i) {
     const YIF_Handle event = YIF_CreateEvent(0, 1);
     EXPECT_TRUE(seen.insert(event).second);
@@ -257,28 +200,26 @@ TEST(Handles, OfLivingObjectsDifferAndOldOnesDoNotComeBackSoon) {
     EXPECT_EQ(YIF_WaitEventTimed(event, 0), 1);
     YIF_DestroyEvent(event);
   }
-  for (YIF_Handle event : living) YIF_DestroyEvent(event);
+  const YIF_Handle event = *living.insert(YIF_CreateEvent(0, 0)).first;
+  const auto formerlyInItsPlace = std::ranges::find_if(
+      seen, [&](YIF_Handle each) { return each % (1u << 22) == event % (1u << 22); });
+  ASSERT_NE(formerlyInItsPlace, seen.end());
+  expectStop([&] { YIF_SetEvent(*formerlyInItsPlace); }, "ysys: YIF_SetEvent: 0x3");
+  for (YIF_Handle each : living) YIF_DestroyEvent(each);
 }
 
-using HandleDeath = Death;
-
-TEST_F(HandleDeath, StaleHandleIsCaught) {
-  const YIF_Handle event = YIF_CreateEvent(0, 0);
-  const YIF_Handle mutex = YIF_CreateMutex();
+TEST(Handles, StaleAndForeignOnesAreCaught) {
+  const YIF_Handle event = YIF_CreateEvent(0, 0), mutex = YIF_CreateMutex();
+  const YIF_Handle section = YIF_CreateCriticalSection(), coop = YIF_CreateEventCoop(0, 1);
   YIF_DestroyEvent(event);
   YIF_DestroyMutex(mutex);
-  EXPECT_DEATH(YIF_SetEvent(event), "YIF_SetEvent: 0x[0-9a-f]+ is no handle");
-  EXPECT_DEATH(YIF_DestroyEvent(event), "YIF_DestroyEvent: 0x");
-  EXPECT_DEATH(YIF_EnterMutex(mutex), "YIF_EnterMutex: 0x");
-}
-
-TEST_F(HandleDeath, HandleOfAnotherFamilyIsCaught) {
-  const YIF_Handle section = YIF_CreateCriticalSection();
-  const YIF_Handle coop = YIF_CreateEventCoop(0, 1);
-  EXPECT_DEATH(YIF_EnterMutex(section), "YIF_EnterMutex: 0x");
-  EXPECT_DEATH(YIF_WaitEvent(coop), "YIF_WaitEvent: 0x");
-  EXPECT_DEATH(YIF_SetEventCoop(0), "YIF_SetEventCoop: 0x0 is");
-  EXPECT_DEATH(YIF_Write(YIF_NO_FILE, "x", 1), "YIF_Write: 0xffffffff is");
+  expectStop([&] { YIF_SetEvent(event); }, "ysys: YIF_SetEvent: 0x3");
+  expectStop([&] { YIF_DestroyEvent(event); }, "ysys: YIF_DestroyEvent: 0x3");
+  expectStop([&] { YIF_EnterMutex(mutex); }, "ysys: YIF_EnterMutex: 0x1");
+  expectStop([&] { YIF_EnterMutex(section); }, "ysys: YIF_EnterMutex: 0x2");
+  expectStop([&] { YIF_WaitEvent(coop); }, "ysys: YIF_WaitEvent: 0x4");
+  expectStop([&] { YIF_SetEventCoop(0); }, "ysys: YIF_SetEventCoop: 0x0 is no handle");
+  expectStop([] { YIF_Write(YIF_NO_FILE, "x", 1); }, "ysys: YIF_Write: 0xffffffff is no handle");
   YIF_DestroyCriticalSection(section);
   YIF_DestroyEventCoop(coop);
 }
@@ -289,8 +230,7 @@ class Event {
  public:
   Event(int manualReset, int initiallySet) : handle_(YIF_CreateEvent(manualReset, initiallySet)) {}
   ~Event() { YIF_DestroyEvent(handle_); }
-  Event(const Event&) = delete;
-  Event& operator=(const Event&) = delete;
+  Event& operator=(Event&&) = delete;
   void set() { YIF_SetEvent(handle_); }
   void reset() { YIF_ResetEvent(handle_); }
   void wait() { YIF_WaitEvent(handle_); }
@@ -300,75 +240,53 @@ class Event {
   YIF_Handle handle_;
 };
 
-TEST(Events, StartAsAsked) {
-  for (int set : {0, 1}) {
-    Event once(0, set), manual(1, set);
-    EXPECT_EQ(once.wait(0), set);
-    EXPECT_EQ(once.wait(0), 0);
-    for (int i = 0; i < 2; ++i) EXPECT_EQ(manual.wait(0), set);
-    manual.reset();
-    EXPECT_EQ(manual.wait(0), 0);
+TEST(Events, StartAsAskedAndRememberOneSet) {
+  for (int kind = 0; kind < 4; ++kind) {
+    const bool isManual = kind / 2 == 1;
+    int isSet = kind % 2;
+    Event event(isManual, isSet);
+    for (char step : std::string("wwsswwwsrwssrrwwsw")) {
+      if (step == 's') event.set();
+      if (step == 'r') event.reset();
+      if (step != 'w') isSet = step == 's';
+      EXPECT_TRUE(step != 'w' || event.wait(0) == isSet);
+      if (step == 'w' && !isManual) isSet = 0;
+    }
   }
 }
 
-TEST(Events, RememberOneSet) {
-  Event event(0, 0);
-  event.set();
-  event.set();
-  EXPECT_EQ(event.wait(0), 1);
-  EXPECT_EQ(event.wait(0), 0);
-  event.set();
-  event.reset();
-  EXPECT_EQ(event.wait(0), 0);
-}
-
-// Six tasks wait; three sets let three of them through, three more the rest.
-void expectOneThroughForEachSet(const std::function<void()>& wait, const std::function<void()>& set,
-                                const std::function<void()>& afterSets) {
-  std::atomic<int> through{0};
-  Tasks waiting(6, [&](int) {
-    wait();
-    ++through;
-  });
-  ASSERT_TRUE(waiting.fallAsleep());
-  for (int expected : {3, 6}) {
-    for (int i = 0; i < 3; ++i) set();
-    afterSets();
-    EXPECT_TRUE(comesTrue([&] { return through == expected; }));
-    std::this_thread::sleep_for(20ms);
-    EXPECT_EQ(through, expected);
-  }
-}
-
+// Six tasks wait; three sets let three of them through, three more the rest. What they have coming
+// no newcomer takes and no reset, where there are such. A limit of 31 years is none.
 TEST(Events, LetOneWaiterThroughForEachSet) {
   Event event(0, 0);
-  const auto nothing = [] {};
-  const auto wait = [&] { event.wait(); };
-  const auto set = [&] { event.set(); };
-  expectOneThroughForEachSet(wait, set, nothing);
-  EXPECT_EQ(event.wait(0), 0);
-  expectOneThroughForEachSet(wait, set, [&] { event.reset(); });
   const YIF_Handle coop = YIF_CreateEventCoop(0, 0);
-  expectOneThroughForEachSet([&] { YIF_WaitEventCoop(coop); }, [&] { YIF_SetEventCoop(coop); },
-                             nothing);
-  YIF_DestroyEventCoop(coop);
-}
-
-TEST(Events, LetTheWaiterThroughAndNotTheNewcomer) {
-  Event event(0, 0);
-  for (int i = 0; i < 20; ++i) {
-    Tasks waiting(1, [&](int) { event.wait(); });
-    ASSERT_TRUE(waiting.fallAsleep());
-    event.set();
+  for (bool isCoop : {false, true, false, true, false, false}) {
+    std::atomic<int> through{0};
+    Tasks waiting(6, [&](unsigned i) {
+      const double limits[] = {INFINITY, 1e300, 9.3e9, 1e9};
+      if (isCoop) YIF_WaitEventCoop(coop);
+      if (!isCoop && i >= 4) event.wait();
+      through += isCoop || i >= 4 || event.wait(limits[i]) == 1;
+    });
+    EXPECT_TRUE(waiting.fallAsleep());
+    for (int expected : {3, 6}) {
+      for (int i = 0; i < 3; ++i) isCoop ? YIF_SetEventCoop(coop) : event.set();
+      if (expected == 3) event.reset();
+      EXPECT_EQ(event.wait(0), 0);
+      EXPECT_TRUE(comesTrue([&] { return through == expected; }));
+      std::this_thread::sleep_for(20ms);
+      EXPECT_EQ(through, expected);
+    }
     EXPECT_EQ(event.wait(0), 0);
   }
+  YIF_DestroyEventCoop(coop);
 }
 
 TEST(Events, ManualSetLetsAllThroughThoughResetAtOnce) {
   Event event(1, 0);
   for (int i = 0; i < 20; ++i) {
-    Tasks waiting(3, [&](int) { EXPECT_EQ(event.wait(10), 1); });
-    ASSERT_TRUE(waiting.fallAsleep());
+    Tasks waiting(3, [&](unsigned) { EXPECT_EQ(event.wait(10), 1); });
+    EXPECT_TRUE(waiting.fallAsleep());
     event.set();
     event.reset();
     waiting.join();
@@ -379,61 +297,18 @@ TEST(Events, ManualSetLetsAllThroughThoughResetAtOnce) {
 TEST(Events, TimedWaitEndsInTimeAndSleeps) {
   for (int manualReset : {0, 1}) {
     Event event(manualReset, 0);
-    for (double none : {0.0, -1.0, -HUGE_VAL, std::nan("")}) {
-      EXPECT_LT(secondsOf([&] { EXPECT_EQ(event.wait(none), 0); }), 0.05);
-    }
-    const clock_t begun = clock();
-    const double waited = secondsOf([&] { EXPECT_EQ(event.wait(0.2), 0); });
-    EXPECT_GE(waited, 0.2);
-    EXPECT_LT(waited, 2);
-    EXPECT_LT(static_cast<double>(clock() - begun) / CLOCKS_PER_SEC, 0.1);
-    EXPECT_EQ(event.wait(1e-12), 0);
+    const auto begun = std::chrono::steady_clock::now();
+    const auto passed = [&] { return (std::chrono::steady_clock::now() - begun) / 1.0s; };
+    const clock_t busy = clock();
+    for (double none : {0.0, -1.0, -HUGE_VAL, std::nan(""), 1e-12}) EXPECT_EQ(event.wait(none), 0);
+    EXPECT_LT(passed(), 0.1);
+    EXPECT_EQ(event.wait(0.2), 0);
+    EXPECT_GE(passed(), 0.2);
+    EXPECT_LT(passed(), 2);
+    EXPECT_LT(clock() - busy, CLOCKS_PER_SEC / 10);
     event.set();
     EXPECT_EQ(event.wait(1e-12), 1);
   }
-}
-
-TEST(Events, HugeLimitsAreNone) {
-  Event event(0, 0);
-  std::atomic<int> through{0};
-  const double limits[] = {INFINITY, 1e300, 9.3e9, 1e9};
-  Tasks waiting(4, [&](int i) { through += event.wait(limits[i]); });
-  EXPECT_TRUE(waiting.fallAsleep());
-  EXPECT_EQ(through, 0);
-  for (int i = 0; i < 4; ++i) event.set();
-  waiting.join();
-  EXPECT_EQ(through, 4);
-}
-
-TEST(Events, HandOverWhatWasWrittenBeforeTheSet) {
-  Event there(0, 0), back(0, 0);
-  int value = 0;
-  Tasks other(1, [&](int) {
-    for (int i = 0; i < 3000; ++i) {
-      there.wait();
-      ++value;
-      back.set();
-    }
-  });
-  for (int i = 0; i < 3000; ++i) {
-    there.set();
-    back.wait();
-    ASSERT_EQ(value, i + 1);
-  }
-}
-
-TEST(Events, CooperativeEventServesAsTheTicketOfALock) {
-  const YIF_Handle ticket = YIF_CreateEventCoop(0, 1);
-  int count = 0;
-  Tasks(4, [&](int) {
-    for (int i = 0; i < 10000; ++i) {
-      YIF_WaitEventCoop(ticket);
-      ++count;
-      YIF_SetEventCoop(ticket);
-    }
-  }).join();
-  EXPECT_EQ(count, 40000);
-  YIF_DestroyEventCoop(ticket);
 }
 
 // Some waits run out of time as they are let through; none of the passes is lost or doubled.
@@ -441,80 +316,56 @@ TEST(Events, TimeoutsLoseNoSet) {
   Event event(0, 0);
   std::atomic<int> through{0};
   std::atomic<bool> done{false};
-  Tasks waiting(3, [&](int) {
+  Tasks waiting(3, [&](unsigned) {
     while (!done) through += event.wait(2e-5);
   });
-  int stocked = 0;
-  for (int i = 0; i < 500; ++i) {
-    const int before = through;
+  for (int sets = 1; sets <= 500; ++sets) {
     event.set();
-    EXPECT_TRUE(comesTrue([&] { return through == before + 1; }));
-    ++stocked;
+    EXPECT_TRUE(comesTrue([&] { return through == sets; }));
   }
   done = true;
   waiting.join();
-  EXPECT_EQ(through, stocked);
+  EXPECT_EQ(through, 500);
 }
 
 TEST(Events, KeepTheirStateInTheChildOfAFork) {
-  Event set(0, 1), waitedFor(0, 0), manual(1, 1);
-  Tasks waiting(2, [&](int) { waitedFor.wait(); });
+  Event set(0, 1), manual(1, 1), waitedFor(0, 0);
+  Tasks waiting(2, [&](unsigned) { waitedFor.wait(); });
   EXPECT_TRUE(waiting.fallAsleep());
   const auto child = runInChild([&] {
     if (set.wait(0) != 1 || set.wait(0) != 0 || manual.wait(0) != 1) return 1;
-    waitedFor.set();
-    waitedFor.set();
-    if (waitedFor.wait(0) != 1) return 2;
-    return waitedFor.wait(0) == 0 ? 0 : 3;
+    for (int i = 0; i < 2; ++i) waitedFor.set();
+    return waitedFor.wait(0) == 1 && waitedFor.wait(0) == 0 ? 0 : 2;
   });
   EXPECT_EQ(child.status, 0);
-  waitedFor.set();
-  waitedFor.set();
+  for (int i = 0; i < 2; ++i) waitedFor.set();
 }
 
 // --- Raw memory ---
 
-TEST(Memory, ChunksAreContiguousAlignedAndClear) {
+TEST(Memory, ChunksAreContiguousAlignedAndClearAndLargeOnesApart) {
   char* next = static_cast<char*>(YIF_MemAlloc(0)) + 16;
-  for (unsigned size : {1u, 16u, 17u, 4096u, 3u << 20, 100u, 1u << 26}) {
+  for (unsigned size : {1u, 16u, 17u, 4096u, 3u << 20, (1u << 26) + 1, 100u, 1u << 26, 16u}) {
+    YIF_MemInit(0);
     char* chunk = static_cast<char*>(YIF_MemAlloc(size));
-    ASSERT_EQ(chunk, next);
+    ASSERT_NE(chunk, nullptr);
+    ASSERT_EQ(chunk == next, size <= 1u << 26) << size;
     EXPECT_EQ(reinterpret_cast<uintptr_t>(chunk) % 16, 0u);
     EXPECT_EQ(chunk[0] | chunk[size / 2] | chunk[size - 1], 0);
     chunk[0] = chunk[size - 1] = 'x';
-    next = chunk + (size + 15) / 16 * 16;
+    if (chunk == next) next += (size + 15) / 16 * 16;
   }
-}
-
-TEST(Memory, LargeRequestsLieApart) {
-  char* before = static_cast<char*>(YIF_MemAlloc(16));
-  char* large = static_cast<char*>(YIF_MemAlloc((1u << 26) + 1));
-  ASSERT_NE(large, nullptr);
-  large[0] = large[1u << 26] = 'x';
-  EXPECT_EQ(static_cast<char*>(YIF_MemAlloc(16)), before + 16);
-  EXPECT_EQ(reinterpret_cast<uintptr_t>(large) % 16, 0u);
-  if constexpr (sizeof(void*) == 4) {
-    EXPECT_EQ(YIF_MemAlloc(UINT_MAX), nullptr);
-  }
+  EXPECT_TRUE(sizeof(void*) > 4 || YIF_MemAlloc(UINT_MAX) == nullptr);
 }
 
 TEST(Memory, TasksNeverShareAChunk) {
-  constexpr int EACH = 2000;
-  std::vector<std::vector<uintptr_t>> given(4);
-  Tasks(4, [&](int i) {
-    for (int n = 0; n < EACH; ++n) {
-      void* chunk = YIF_MemAlloc(static_cast<unsigned>(64 + i * 16));
-      given[static_cast<size_t>(i)].push_back(reinterpret_cast<uintptr_t>(chunk));
-      *static_cast<int*>(chunk) = i;
-    }
-  }).join();
-  std::vector<std::pair<uintptr_t, uintptr_t>> chunks;
-  for (size_t i = 0; i < 4; ++i) {
-    for (uintptr_t at : given[i]) chunks.emplace_back(at, at + 64 + i * 16);
-  }
-  std::ranges::sort(chunks);
-  ASSERT_EQ(chunks.size(), 4u * EACH);
-  for (size_t i = 1; i < chunks.size(); ++i) ASSERT_LE(chunks[i - 1].second, chunks[i].first);
+  std::vector<void*> given(80000);
+  std::atomic<int> arrived{0};
+  Tasks(4, [&](unsigned i) {
+    for (++arrived; arrived < 4;) std::this_thread::yield();
+    for (unsigned n = 0; n < 20000; ++n) given[i * 20000 + n] = YIF_MemAlloc(64);
+  });
+  EXPECT_EQ(std::set<void*>(given.begin(), given.end()).size(), given.size());
 }
 
 TEST(Memory, AnExhaustedWindowGivesNull) {
@@ -523,171 +374,109 @@ TEST(Memory, AnExhaustedWindowGivesNull) {
     for (unsigned size = 1u << 26; size != 0; size /= 2) {
       while (YIF_MemAlloc(size) != nullptr) ++chunks;
     }
-    const bool isEmpty = YIF_MemAlloc(1) == nullptr && YIF_MemAlloc(0) == nullptr;
-    return isEmpty && chunks > 2 ? 0 : 1;
+    return YIF_MemAlloc(0) == nullptr && chunks > 2 ? 0 : 1;
   });
   EXPECT_EQ(child.status, 0);
 }
 
-TEST(Memory, ARefusalChangesNothing) {
-  if (IS_SANITIZED) GTEST_SKIP() << "a sanitizer needs the memory that is refused here";
-  const auto child = runInChild([] {
-    char* before = static_cast<char*>(YIF_MemAlloc(16));
-    const rlimit none = {1, RLIM_INFINITY}, all = {RLIM_INFINITY, RLIM_INFINITY};
-    setrlimit(RLIMIT_DATA, &none);
-    if (YIF_MemAlloc(1u << 25) != nullptr || YIF_MemAlloc(1u << 27) != nullptr) return 1;
-    setrlimit(RLIMIT_DATA, &all);
-    return YIF_MemAlloc(1u << 25) == before + 16 ? 0 : 2;
-  });
-  EXPECT_EQ(child.status, 0);
-}
-
-// Run by the next test in a process that has 700 MiB of addresses, so it is disabled by itself.
-TEST(Memory, DISABLED_WorksInNarrowAddresses) {
+// In a process that has no window yet.
+int useScarceMemory() {
+  const rlimit narrow = {700u << 20, RLIM_INFINITY}, none = {1, RLIM_INFINITY};
+  setrlimit(RLIMIT_AS, &narrow);
   char* chunk = static_cast<char*>(YIF_MemAlloc(4u << 20));
-  ASSERT_NE(chunk, nullptr);
-  EXPECT_EQ(YIF_MemAlloc(16), chunk + (4u << 20));
+  if (chunk == nullptr || YIF_MemAlloc(16) != chunk + (4u << 20)) return 1;
   void* others = mmap(nullptr, 300u << 20, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  EXPECT_NE(others, MAP_FAILED);
+  if (others == MAP_FAILED) return 2;
+  setrlimit(RLIMIT_DATA, &none);
+  if (YIF_MemAlloc(1u << 25) != nullptr || YIF_MemAlloc((1u << 26) + 1) != nullptr) return 3;
+  const rlimit all = {RLIM_INFINITY, RLIM_INFINITY};
+  setrlimit(RLIMIT_DATA, &all);
+  return YIF_MemAlloc(1u << 25) == chunk + (4u << 20) + 16 ? 0 : 4;
 }
 
-TEST(Memory, WorksInNarrowAddresses) {
-  if (IS_SANITIZED) GTEST_SKIP() << "a sanitizer needs more addresses";
-  const auto child = runInChild([] {
-    const rlimit narrow = {700u << 20, 700u << 20};
-    setrlimit(RLIMIT_AS, &narrow);
-    dup2(STDERR_FILENO, STDOUT_FILENO);
-    execl("/proc/self/exe", "ysys_test", "--gtest_also_run_disabled_tests",
-          "--gtest_filter=Memory.DISABLED_WorksInNarrowAddresses", nullptr);
-    return 1;
-  });
-  EXPECT_EQ(child.status, 0) << child.errorOutput;
+TEST(Memory, LeavesRoomForOthersAndIsUnchangedByARefusal) {
+  if (_isSanitized) GTEST_SKIP() << "a sanitizer needs the memory that is refused here";
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(_exit(useScarceMemory()), testing::ExitedWithCode(0), "");
 }
 
 // --- Configuration ---
 
-constexpr const char* UNTOUCHED = "untouched";
-
-// The text of a setting or UNTOUCHED; checks that the result says the same.
-std::string stringSetting(const char* key, unsigned capacity = 1024) {
-  char buffer[1024] = "untouched";
-  const int result = YIF_GetConfigString(key, buffer, capacity);
-  EXPECT_EQ(result != 0, buffer == std::string(UNTOUCHED));
+// The text of a setting, "?" when it is absent; checks that the result says the same.
+std::string textOf(const std::string& key, unsigned capacity = 1024) {
+  char buffer[1024] = "?";
+  const bool isAbsent = YIF_GetConfigString(key.c_str(), buffer, capacity) != 0;
+  EXPECT_EQ(isAbsent, buffer == std::string("?"));
   return buffer;
-}
-
-int numberSetting(const char* key) {
-  int value = -777;
-  const int result = YIF_GetConfigNumber(key, &value);
-  EXPECT_EQ(result != 0, value == -777);
-  return value;
 }
 
 TEST(Config, FileIsReadLineByLine) {
   const TemporaryDirectory directory;
-  const std::string longLine(5000, 'l');
+  const std::string longLine(5000, 'l'), longValue(1000, 'v'), blanks(3000, ' ');
   const std::string path = directory.write(
       "settings", "# A.Comment = 1\n\n  Plain=text\nSpaced \t=  two words \t\r\nPlain = second\n" +
-                      longLine + " Inside = 1\nLong = " + std::string(1000, 'v') +
+                      longLine + " Inside = 1\nLong = " + longValue +
                       "  \nPrefix.More = 1\nEmpty =\nEmpty.Spaces =   \nNoValue\nEquals = a=b#c\n" +
-                      std::string(3000, ' ') + "Far = end\r\nLast = no line end");
+                      blanks + "Far = end\r\nLast = no line end");
   const Variable file("YSYS_CONFIG", path);
-  const std::pair<const char*, std::string> settings[] = {
-      {"Plain", "text"},
-      {"Spaced", "two words"},
-      {"Long", std::string(1000, 'v')},
-      {"Prefix.More", "1"},
-      {"Prefix", UNTOUCHED},
-      {"Prefix.More.Still", UNTOUCHED},
-      {"Empty", ""},
-      {"Empty.Spaces", ""},
-      {"NoValue", UNTOUCHED},
-      {"Equals", "a=b#c"},
-      {"Far", "end"},
-      {"Last", "no line end"},
-      {"A.Comment", UNTOUCHED},
-      {"# A.Comment", UNTOUCHED},
-      {"Inside", UNTOUCHED},
-      {"plain", UNTOUCHED},
-      {"", UNTOUCHED},
-      {"Missing", UNTOUCHED},
-  };
-  for (const auto& [key, value] : settings) EXPECT_EQ(stringSetting(key), value) << key;
+  std::string texts;
+  for (const char* key :
+       {"Plain", "Spaced", "Prefix.More", "Empty", "Empty.Spaces", "Equals", "Far", "Last"})
+    texts += textOf(key) + "|";
+  EXPECT_EQ(texts, "text|two words|1|||a=b#c|end|no line end|");
+  EXPECT_EQ(textOf("Long"), longValue);
+  for (const char* key : {"Prefix", "Prefix.More.Still", "NoValue", "A.Comment", "# A.Comment",
+                          "Inside", "plain", "", "Missing"})
+    EXPECT_EQ(textOf(key), "?") << key;
 }
 
-TEST(Config, EnvironmentGoesBeforeTheFileAndTheExactNameFirst) {
+TEST(Config, EnvironmentGoesBeforeTheFileTheExactNameFirstAndNoFileIsWaitedFor) {
   const TemporaryDirectory directory;
   const Variable file("YSYS_CONFIG", directory.write("settings", "Test.Order.One = file\n"));
-  EXPECT_EQ(stringSetting("Test.Order.One"), "file");
+  EXPECT_EQ(textOf("Test.Order.One"), "file");
   const Variable underscored("Test_Order_One", " underscored ");
-  EXPECT_EQ(stringSetting("Test.Order.One"), " underscored ");
+  EXPECT_EQ(textOf("Test.Order.One"), " underscored ");
   const Variable exact("Test.Order.One", "");
-  EXPECT_EQ(stringSetting("Test.Order.One"), "");
-}
-
-TEST(Config, AFileThatCannotBeReadIsNone) {
-  const TemporaryDirectory directory;
+  EXPECT_EQ(textOf("Test.Order.One"), "");
   mkfifo(directory.pathOf("fifo").c_str(), 0600);
   for (const char* name : {"missing", "fifo", "."}) {
-    const Variable file("YSYS_CONFIG", directory.pathOf(name));
-    EXPECT_EQ(stringSetting("Key"), UNTOUCHED) << name;
+    const Variable unreadable("YSYS_CONFIG", directory.pathOf(name));
+    EXPECT_EQ(textOf("Key"), "?") << name;
   }
 }
 
-TEST(Config, NumbersAreDecimalAndOf32Bits) {
-  const TemporaryDirectory directory;
-  constexpr int NONE = -777;
-  const std::pair<const char*, int> texts[] = {
-      {"0", 0},
-      {"42", 42},
-      {"+7", 7},
-      {"-7", -7},
-      {" 12\t", 12},
-      {"007", 7},
-      {"2147483647", INT_MAX},
-      {"2147483648", NONE},
-      {"-2147483648", INT_MIN},
-      {"-2147483649", NONE},
-      {"99999999999999999999999", NONE},
-      {"", NONE},
-      {" ", NONE},
-      {"-", NONE},
-      {"+-1", NONE},
-      {"0x10", NONE},
-      {"1 2", NONE},
-      {"3a", NONE},
-      {"- 1", NONE},
-  };
-  const auto child = runInChild([&] {
-    for (const auto& [text, number] : texts) {
-      const std::string line = std::string("Test.Number = ") + text + "\n";
-      const Variable file("YSYS_CONFIG", directory.write("settings", line));
-      EXPECT_EQ(numberSetting("Test.Number"), number) << text;
-      const Variable variable("Test_Number", text);
-      EXPECT_EQ(numberSetting("Test.Number"), number) << text;
-    }
-    return HasFailure() ? 1 : 0;
-  });
-  EXPECT_EQ(child.status, 0);
-  EXPECT_EQ(child.errorOutput,
-            "ysys: setting Test.Number is not a 32-bit decimal number; it is not used\n");
+void expectNumber(const TemporaryDirectory& directory, const char* text, int expected,
+                  bool isThere) {
+  const Variable file("YSYS_CONFIG", directory.write("settings", std::string("A.B = ") + text));
+  for (const char* other : {"A_Other", "A_B"}) {  // in the file, then in the environment
+    const Variable variable(other, text);
+    int value = -777;
+    EXPECT_EQ(YIF_GetConfigNumber("A.B", &value) == 0, isThere) << text;
+    EXPECT_EQ(value, isThere ? expected : -777) << text;
+  }
 }
 
-TEST(Config, CapacityIsExactAndTellsOnce) {
+TEST(Config, WhatDoesNotFitIsToldOnceAndAbsent) {
   const TemporaryDirectory directory;
-  const std::string path = directory.write("settings", "Test.InFile = 1234567\n");
-  const Variable file("YSYS_CONFIG", path), variable("Test.InEnvironment", "1234567");
   const auto child = runInChild([&] {
-    for (const char* key : {"Test.InFile", "Test.InEnvironment"}) {
-      EXPECT_EQ(stringSetting(key, 8), "1234567");
-      for (unsigned capacity : {7u, 1u, 0u}) EXPECT_EQ(stringSetting(key, capacity), UNTOUCHED);
+    for (const char* text : {"0", "42", "+7", "-7", " 12\t", "007", "2147483647", "-2147483648"})
+      expectNumber(directory, text, atoi(text), true);
+    for (const char* text : {"2147483648", "-2147483649", "99999999999999999999999", "", " ", "-",
+                             "+-1", "0x10", "1 2", "3a", "- 1"})
+      expectNumber(directory, text, 0, false);
+    const Variable file("YSYS_CONFIG", directory.write("settings", "In.File = 1234567\n"));
+    const Variable variable("In.Environment", "1234567");
+    for (const char* key : {"In.File", "In.Environment"}) {
+      EXPECT_EQ(textOf(key, 8), "1234567");
+      for (unsigned capacity : {7u, 1u, 0u}) EXPECT_EQ(textOf(key, capacity), "?");
     }
     return HasFailure() ? 1 : 0;
   });
   EXPECT_EQ(child.status, 0);
   EXPECT_EQ(child.errorOutput,
-            "ysys: setting Test.InFile is too long a text; it is not used\n"
-            "ysys: setting Test.InEnvironment is too long a text; it is not used\n");
+            "ysys: setting A.B is not a 32-bit decimal number; it is not used\n"
+            "ysys: setting In.File is too long a text; it is not used\n"
+            "ysys: setting In.Environment is too long a text; it is not used\n");
 }
 
 // --- Time ---
@@ -697,10 +486,9 @@ TEST(Clock, TellsTheTimeOfDayWithAFraction) {
   const double first = YIF_CurrentTime();
   std::this_thread::sleep_for(5ms);
   const double second = YIF_CurrentTime();
-  EXPECT_GE(first, static_cast<double>(before));
+  EXPECT_LE(static_cast<double>(before), first);
+  EXPECT_LT(first, second);
   EXPECT_LE(second, static_cast<double>(time(nullptr) + 1));
-  EXPECT_NEAR(second - first, 0.005, 1);
-  EXPECT_NE(first, second);
 }
 
 // --- Files ---
@@ -709,131 +497,91 @@ void writeText(YIF_Handle file, const std::string& text) {
   YIF_Write(file, text.data(), static_cast<unsigned>(text.size()));
 }
 
-void writeFile(const std::string& path, int mode, const std::string& text) {
-  const YIF_Handle file = YIF_Open(path.c_str(), mode, 1);
-  ASSERT_NE(file, YIF_NO_FILE);
-  writeText(file, text);
-  YIF_Flush(file);
-  YIF_Close(file);
-}
+// A FIFO with a reader that does not wait.
+class Fifo {
+ public:
+  Fifo() { mkfifo(path_.c_str(), 0600); }
+  ~Fifo() { close(reader_); }
+  const std::string& path() const { return path_; }
+  int openReader() { return reader_ = open(path_.c_str(), O_RDONLY | O_NONBLOCK); }
+  void closeReader() { close(std::exchange(reader_, -1)); }
+  std::string read() {
+    char part[10000];
+    return {part, static_cast<size_t>(std::max<ssize_t>(::read(reader_, part, sizeof part), 0))};
+  }
 
-TEST(Files, AppendKeepsAndReplaceEmpties) {
+ private:
+  TemporaryDirectory directory_;
+  std::string path_ = directory_.pathOf("fifo");
+  int reader_ = -1;
+};
+
+TEST(Files, AppendKeepsReplaceEmptiesAndNeitherPassesToPrograms) {
   const TemporaryDirectory directory;
   const std::string path = directory.pathOf("log");
-  writeFile(path, YIF_OPEN_APPEND, "first\n");
-  writeFile(path, YIF_OPEN_APPEND, "second\n");
-  writeFile(path, 0, "third\n");
-  EXPECT_EQ(directory.read("log"), "first\nsecond\nthird\n");
-  writeFile(path, YIF_OPEN_REPLACE, "new\n");
-  EXPECT_EQ(directory.read("log"), "new\n");
+  const std::pair<int, const char*> steps[] = {
+      {YIF_OPEN_APPEND, "1"}, {YIF_OPEN_APPEND, "12"}, {0, "123"}, {YIF_OPEN_REPLACE, "4"}};
+  for (const auto& [mode, content] : steps) {
+    const int lowest = open("/dev/null", O_RDONLY);
+    close(lowest);
+    const YIF_Handle file = YIF_Open(path.c_str(), mode, 1);
+    EXPECT_EQ(fcntl(lowest, F_GETFD), FD_CLOEXEC);
+    YIF_Write(file, content + strlen(content) - 1, 1);
+    YIF_Flush(file);
+    EXPECT_EQ(directory.read("log"), content);
+    YIF_Close(file);
+  }
+  const YIF_Handle replaced = YIF_Open(path.c_str(), YIF_OPEN_REPLACE, 1);
+  const YIF_Handle appended = YIF_Open(path.c_str(), YIF_OPEN_APPEND, 1);
+  for (YIF_Handle file : {replaced, appended, replaced}) writeText(file, "x");
+  EXPECT_EQ(directory.read("log"), "xxx");
+  for (YIF_Handle file : {replaced, appended}) YIF_Close(file);
 }
 
 TEST(Files, WhatCannotBeOpenedIsNoFile) {
-  const TemporaryDirectory directory;
-  mkfifo(directory.pathOf("fifo").c_str(), 0600);
-  for (const char* name : {"", "no/such/place", "fifo"}) {
-    EXPECT_EQ(YIF_Open(directory.pathOf(name).c_str(), YIF_OPEN_APPEND, 1), YIF_NO_FILE) << name;
-  }
+  const Fifo fifo;
+  for (const std::string& path : {std::string(), std::string("/"), fifo.path() + "/x", fifo.path()})
+    EXPECT_EQ(YIF_Open(path.c_str(), YIF_OPEN_APPEND, 1), YIF_NO_FILE) << path;
   EXPECT_EQ(YIF_Open(nullptr, YIF_OPEN_APPEND, 1), YIF_NO_FILE);
 }
 
-TEST(Files, ProcessesThatAppendLoseNoLine) {
+TEST(Files, ProcessesThatWriteLoseNoLine) {
   const TemporaryDirectory directory;
-  const std::string path = directory.pathOf("log");
-  const auto append = [&](const std::string& line) {
-    const YIF_Handle file = YIF_Open(path.c_str(), YIF_OPEN_APPEND, 1);
-    for (int i = 0; i < 500; ++i) writeText(file, line);
+  const auto write = [&](YIF_Handle file, const std::string& line) {
+    for (int i = 0; i < 500; ++i) writeText(file, line + "\n");
     YIF_Close(file);
     return 0;
   };
-  const std::string ours(60, 'a'), theirs(90, 'b');
-  const pid_t child = startChild([&] { return append(theirs + "\n"); });
-  append(ours + "\n");
+  const std::string path = directory.pathOf("log"), ours(60, 'a'), theirs(90, 'b');
+  const YIF_Handle file = YIF_Open(path.c_str(), YIF_OPEN_APPEND, 1);
+  const pid_t child =
+      startChild([&] { return write(YIF_Open(path.c_str(), YIF_OPEN_APPEND, 1), theirs); });
+  write(file, ours);
   EXPECT_EQ(waitForChild(child), 0);
   std::ifstream log(path);
-  std::multiset<std::string> lines;
-  for (std::string line; std::getline(log, line);) lines.insert(line);
-  EXPECT_EQ(lines.count(ours), 500u);
-  EXPECT_EQ(lines.count(theirs), 500u);
-  EXPECT_EQ(lines.size(), 1000u);
-}
-
-TEST(Files, DoNotPassToProgramsThatAreStarted) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.pathOf("log");
-  const YIF_Handle file = YIF_Open(path.c_str(), YIF_OPEN_APPEND, 1);
-  int found = 0;
-  for (int descriptor = 0; descriptor < 100; ++descriptor) {
-    std::error_code error;
-    const auto link = "/proc/self/fd/" + std::to_string(descriptor);
-    if (std::filesystem::read_symlink(link, error) != path) continue;
-    ++found;
-    EXPECT_NE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
-  }
-  EXPECT_EQ(found, 1);
-  YIF_Close(file);
-}
-
-bool pipeSignalIsPending() {
-  sigset_t pending;
-  sigpending(&pending);
-  return sigismember(&pending, SIGPIPE) == 1;
-}
-
-TEST(Files, AReaderThatHasGoneRaisesNoSignal) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.pathOf("fifo");
-  mkfifo(path.c_str(), 0600);
-  const int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK);
-  const YIF_Handle file = YIF_Open(path.c_str(), YIF_OPEN_APPEND, 1);
-  ASSERT_NE(file, YIF_NO_FILE);
-  writeText(file, "read");
-  char text[8] = {};
-  EXPECT_EQ(read(reader, text, sizeof text), 4);
-  close(reader);
-  errno = 12345;
-  writeText(file, "dropped");
-  EXPECT_EQ(errno, 12345);
-  EXPECT_FALSE(pipeSignalIsPending());
-  sigset_t pipe, before;
-  sigemptyset(&pipe);
-  sigaddset(&pipe, SIGPIPE);
-  pthread_sigmask(SIG_BLOCK, &pipe, &before);
-  raise(SIGPIPE);
-  writeText(file, "dropped");
-  EXPECT_TRUE(pipeSignalIsPending());
-  int signal = 0;
-  sigwait(&pipe, &signal);
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  YIF_Close(file);
+  std::map<std::string, int> lines;
+  for (std::string line; std::getline(log, line);) ++lines[line];
+  EXPECT_EQ(lines, (std::map<std::string, int>{{ours, 500}, {theirs, 500}}));
 }
 
 // A slow reader and a timer's signals make the system take the bytes in many parts.
-TEST(Files, InterruptedWritesAreFinished) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.pathOf("fifo");
-  mkfifo(path.c_str(), 0600);
-  const int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK);
-  const YIF_Handle file = YIF_Open(path.c_str(), YIF_OPEN_APPEND, 1);
-  ASSERT_NE(file, YIF_NO_FILE);
+TEST(Files, InterruptedWritesToAFifoAreFinished) {
+  Fifo fifo;
+  pollfd ready = {fifo.openReader(), POLLIN, 0};
+  const YIF_Handle file = YIF_Open(fifo.path().c_str(), YIF_OPEN_APPEND, 1);
   std::string sent(1 << 20, '\0'), received;
   for (size_t i = 0; i < sent.size(); ++i) sent[i] = static_cast<char>(i * 7 + i / 4096);
   struct sigaction tick = {}, usual;
   tick.sa_handler = [](int) {};
   sigaction(SIGVTALRM, &tick, &usual);
   std::atomic<bool> done{false};
-  const pthread_t writer = pthread_self();
-  Tasks tasks(2, [&](int i) {
+  Tasks tasks(2, [&, writer = pthread_self()](unsigned i) {
     while (i == 0 && !done) {
       pthread_kill(writer, SIGVTALRM);
       std::this_thread::sleep_for(300us);
     }
-    char part[10000];
-    while (i == 1 && received.size() < sent.size()) {
-      pollfd ready = {reader, POLLIN, 0};
-      if (poll(&ready, 1, 5000) != 1) break;
-      received.append(part,
-                      static_cast<size_t>(std::max<ssize_t>(read(reader, part, sizeof part), 0)));
+    while (i == 1 && received.size() < sent.size() && poll(&ready, 1, 5000) == 1) {
+      received += fifo.read();
       std::this_thread::sleep_for(200us);
     }
   });
@@ -843,37 +591,39 @@ TEST(Files, InterruptedWritesAreFinished) {
   sigaction(SIGVTALRM, &usual, nullptr);
   EXPECT_TRUE(received == sent);
   YIF_Close(file);
-  close(reader);
+}
+
+TEST(Files, AReaderThatHasGoneRaisesNoSignal) {
+  Fifo fifo;
+  fifo.openReader();
+  const YIF_Handle file = YIF_Open(fifo.path().c_str(), YIF_OPEN_APPEND, 1);
+  fifo.closeReader();
+  errno = 12345;
+  writeText(file, "dropped");
+  EXPECT_EQ(errno, 12345);
+  sigset_t pipe;
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+  const timespec atOnce = {};
+  for (int expected : {-1, SIGPIPE}) {  // the host's own signal stays
+    if (expected == SIGPIPE) raise(SIGPIPE);
+    writeText(file, "dropped");
+    EXPECT_EQ(sigtimedwait(&pipe, nullptr, &atOnce), expected);
+  }
+  pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
+  YIF_Close(file);
 }
 
 // --- Assertions ---
 
-// The library's own operation, also where the program has put another in its place.
-template <class Operation>
-Operation* ofLibrary(const char* name) {
-  return reinterpret_cast<Operation*>(dlsym(RTLD_NEXT, name));
-}
-using Report = void(const char*, const char*, unsigned);
-void report(const char* condition, const char* file, unsigned line) {
-  ofLibrary<Report>("YfAssert__")(condition, file, line);
-}
-void outputDebugString(const char* text) {
-  ofLibrary<void(const char*)>("OutputDebugStringA")(text);
-}
-
-using AssertionDeath = Death;
-
-TEST_F(AssertionDeath, StopsTheProcess) {
-  EXPECT_EXIT(report("a < b", "some/file", 17), testing::KilledBySignal(SIGABRT),
-              "assertion failed: a < b, some/file:17");
-  EXPECT_EXIT(_assert("b < c", "other/file", 18), testing::KilledBySignal(SIGABRT),
-              "assertion failed: b < c, other/file:18");
-}
-
-TEST(Assertion, GoesOnWhenAskedTo) {
+TEST(Assertion, StopsTheProcessUnlessAskedToGoOn) {
+  expectStop([] { YfAssert__("a < b", "some/file", 17); },
+             "assertion failed: a < b, some/file:17\n");
+  expectStop([] { _assert("b < c", "file", 18); }, "assertion failed: b < c, file:18\n");
   const Variable goOn("YSYS_ASSERT", "continue");
   testing::internal::CaptureStderr();
-  report("a < b", "some/file", 17);
+  YfAssert__("a < b", "some/file", 17);
   _assert(nullptr, nullptr, UINT_MAX);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "assertion failed: a < b, some/file:17\nassertion failed: , :4294967295\n");
@@ -883,159 +633,100 @@ TEST(Assertion, GoesOnWhenAskedTo) {
 
 std::string debugOutputToStandardError(const char* text) {
   testing::internal::CaptureStderr();
-  outputDebugString(text);
+  OutputDebugStringA(text);
   return testing::internal::GetCapturedStderr();
 }
 
-TEST(DebugChannel, IsStandardErrorUnlessNamed) {
+TEST(DebugChannel, IsTheFileThatIsNamedElseStandardError) {
   EXPECT_EQ(debugOutputToStandardError("100%s\n"), "100%s\n");
   EXPECT_EQ(debugOutputToStandardError(nullptr), "");
-  const Variable channel("YSYS_DEBUG_CHANNEL", "/no/such/place");
+  const TemporaryDirectory directory;
+  const Variable channel("YSYS_DEBUG_CHANNEL", directory.pathOf("debug"));
+  for (const char* text : {"one\n", "two\n"}) EXPECT_EQ(debugOutputToStandardError(text), "");
+  EXPECT_EQ(directory.read("debug"), "one\ntwo\n");
+  const Variable nowhere("YSYS_DEBUG_CHANNEL", "/no/such/place");
   EXPECT_EQ(debugOutputToStandardError("text"), "text");
 }
 
-TEST(DebugChannel, AppendsToAFile) {
-  const TemporaryDirectory directory;
-  const Variable channel("YSYS_DEBUG_CHANNEL", directory.pathOf("debug"));
-  EXPECT_EQ(debugOutputToStandardError("one\n"), "");
-  EXPECT_EQ(debugOutputToStandardError("two\n"), "");
-  EXPECT_EQ(directory.read("debug"), "one\ntwo\n");
-}
-
 TEST(DebugChannel, NeverWaitsForTheReaderOfAFifo) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.pathOf("fifo");
-  mkfifo(path.c_str(), 0600);
-  const Variable channel("YSYS_DEBUG_CHANNEL", path);
+  Fifo fifo;
+  const Variable channel("YSYS_DEBUG_CHANNEL", fifo.path());
   EXPECT_EQ(debugOutputToStandardError("no reader"), "no reader");
-  const int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK);
+  fifo.openReader();
   EXPECT_EQ(debugOutputToStandardError("read"), "");
-  char text[8] = {};
-  EXPECT_EQ(read(reader, text, sizeof text), 4);
-  EXPECT_STREQ(text, "read");
+  EXPECT_EQ(fifo.read(), "read");
   const std::string tooMuch(1 << 20, 'x');
   const size_t left = debugOutputToStandardError(tooMuch.c_str()).size();
   EXPECT_GT(left, 0u);
   EXPECT_LT(left, tooMuch.size());
-  close(reader);
 }
 
 // --- Messages ---
 
-const char* const _message = "--help <b>&\"$(touch x)`\n'C:\\new'";
+const std::string _message = "--help <b>&\"$(touch x)`\n'C:\\new'";
 
-// A directory that is the whole PATH of a child whose display exists and whose dialogs are scripts.
-class Dialogs {
- public:
-  void add(const char* program, const std::string& script) {
-    const std::string path = directory_.write(program, "#!/bin/sh\n" + script + "\n");
-    chmod(path.c_str(), 0755);
-  }
-  std::string recorded() const { return directory_.read("record"); }
-  ChildResult show() const {
-    return runInChild([this] {
-      setsid();
-      setenv("PATH", directory_.pathOf("").c_str(), 1);
-      setenv("RECORD", directory_.pathOf("record").c_str(), 1);
-      setenv("DISPLAY", ":77", 1);
-      return MessageBoxA(nullptr, _message, "Caption", 0) == 1 ? 0 : 1;
-    });
-  }
-
- private:
-  TemporaryDirectory directory_;
-};
-
-TEST(Message, IsPassedToADialogAsItIs) {
-  Dialogs dialogs;
-  dialogs.add("zenity", "for each; do printf '%s|' \"$each\"; done > \"$RECORD\"");
-  dialogs.add("kdialog", "echo second >> \"$RECORD\"");
-  const ChildResult child = dialogs.show();
-  EXPECT_EQ(child.status, 0);
-  EXPECT_EQ(child.errorOutput, "");
-  EXPECT_EQ(dialogs.recorded(),
-            "--info|--no-markup|--title|Caption|--text|--help <b>&\"$(touch x)`\n'C:\\\\new'|");
-}
-
-TEST(Message, GoesToTheNextDialogWhenOneCannotShow) {
-  Dialogs dialogs;
-  dialogs.add("zenity", "exit 1");
-  dialogs.add("kdialog", "kill -ABRT $$");
-  dialogs.add("gxmessage", "/bin/cat > /dev/null; exit 1");
-  dialogs.add("xmessage", "echo $4 > \"$RECORD\"; /bin/cat >> \"$RECORD\"");
-  const ChildResult child = dialogs.show();
-  EXPECT_EQ(child.status, 0);
-  EXPECT_EQ(child.errorOutput, "");
-  EXPECT_EQ(dialogs.recorded(), std::string("-\n") + _message);
-}
-
-TEST(Message, ADialogThatWasClosedIsAnswered) {
-  Dialogs dialogs;
-  dialogs.add("zenity", "/bin/sleep 0.4; exit 1");
-  dialogs.add("kdialog", "echo second > \"$RECORD\"");
-  EXPECT_EQ(dialogs.show().errorOutput, "");
-  EXPECT_EQ(dialogs.recorded(), "");
-}
-
-TEST(Message, IsPrintedWhereNobodyCanAnswer) {
-  const std::string printed = std::string("Caption: ") + _message + "\n";
-  EXPECT_EQ(Dialogs().show().errorOutput, printed);
-  const auto child = runInChild([] {
+// Shows the message where there is a display and the scripts are the only programs; checks what
+// they have recorded and what was printed.
+void expectDialogs(const std::map<std::string, std::string>& scripts, const std::string& recorded,
+                   const std::string& printed) {
+  const TemporaryDirectory directory;
+  for (const auto& [program, script] : scripts)
+    chmod(directory.write(program, "#!/bin/sh\n" + script + "\n").c_str(), 0755);
+  const auto child = runInChild([&] {
     setsid();
-    unsetenv("DISPLAY");
-    unsetenv("WAYLAND_DISPLAY");
-    return MessageBoxA(nullptr, nullptr, nullptr, 0);
+    setenv("PATH", directory.pathOf("").c_str(), 1);
+    setenv("RECORD", directory.pathOf("record").c_str(), 1);
+    setenv("DISPLAY", ":77", 1);
+    return MessageBoxA(nullptr, _message.c_str(), "Caption", 0);
   });
   EXPECT_EQ(child.status, 1);
-  EXPECT_EQ(child.errorOutput, ": \n");
+  EXPECT_EQ(child.errorOutput, printed);
+  EXPECT_EQ(directory.read("record"), recorded);
 }
 
-// Reads until the terminal has shown the text, or for 5 seconds.
-bool terminalShows(int terminal, const std::string& text) {
-  std::string shown;
-  pollfd ready = {terminal, POLLIN, 0};
-  while (shown.find(text) == std::string::npos && poll(&ready, 1, 5000) == 1) {
-    char part[256];
-    const ssize_t count = read(terminal, part, sizeof part);
-    if (count <= 0) return false;
-    shown.append(part, static_cast<size_t>(count));
-  }
-  return shown.find(text) != std::string::npos;
+TEST(Message, GoesAsItIsToTheFirstDialogThatCanShowIt) {
+  expectDialogs({{"zenity", "for each; do printf '%s|' \"$each\"; done > \"$RECORD\""},
+                 {"kdialog", "echo second >> \"$RECORD\""}},
+                "--info|--no-markup|--title|Caption|--text|"
+                "--help <b>&\"$(touch x)`\n'C:\\\\new'|",
+                "");
+  expectDialogs({{"zenity", "exit 1"},
+                 {"kdialog", "kill -ABRT $$"},
+                 {"gxmessage", "/bin/cat > /dev/null; exit 1"},
+                 {"xmessage", "echo $4 > \"$RECORD\"; /bin/cat >> \"$RECORD\""}},
+                "-\n" + _message, "");
+  // One that is closed only after a while was seen.
+  expectDialogs({{"zenity", "/bin/sleep 0.4; exit 1"}, {"kdialog", "echo second > \"$RECORD\""}},
+                "", "");
+  expectDialogs({}, "", "Caption: " + _message + "\n");
 }
 
-int showWithoutDisplay() {
-  alarm(20);
-  unsetenv("DISPLAY");
-  unsetenv("WAYLAND_DISPLAY");
-  return MessageBoxA(nullptr, "Text", "Caption", 0);
-}
-
-TEST(Message, AsksOnTheTerminalAndWaitsForEnter) {
-  int terminal = -1;
-  const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
-  if (child == -1) GTEST_SKIP() << "this system gives no terminals";
-  if (child == 0) _exit(showWithoutDisplay());
-  EXPECT_TRUE(terminalShows(terminal, "Press Enter"));
-  std::this_thread::sleep_for(30ms);
-  EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0);
-  EXPECT_EQ(write(terminal, "yes\n", 4), 4);
-  EXPECT_EQ(waitForChild(child), 1);
-  close(terminal);
-}
-
-TEST(Message, DoesNotAskFromTheBackgroundOfATerminal) {
-  int terminal = -1;
-  const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
-  if (child == -1) GTEST_SKIP() << "this system gives no terminals";
-  if (child == 0) {
-    _exit(waitForChild(startChild([] {
+TEST(Message, AsksOnTheTerminalUnlessFromItsBackground) {
+  for (bool isInFront : {true, false}) {
+    const auto show = [&] {
+      alarm(20);
+      for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY"}) unsetenv(name);
+      if (isInFront) return MessageBoxA(nullptr, "Text", "Caption", 0);
       setpgid(0, 0);
-      return showWithoutDisplay();
-    })));
+      return MessageBoxA(nullptr, nullptr, nullptr, 0);
+    };
+    int terminal = -1;
+    const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (child == -1) GTEST_SKIP() << "this system gives no terminals";
+    if (child == 0) _exit(isInFront ? show() : waitForChild(startChild(show)));
+    const std::string expected = isInFront ? "Caption\r\n\r\nText\r\n\r\nPress Enter" : ": \r\n";
+    std::string shown;
+    for (char byte; shown.find(expected) == std::string::npos && read(terminal, &byte, 1) == 1;)
+      shown += byte;
+    EXPECT_THAT(shown, HasSubstr(expected));
+    std::this_thread::sleep_for(30ms);
+    if (isInFront) {
+      EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0);
+      EXPECT_EQ(write(terminal, "yes\n", 4), 4);
+    }
+    EXPECT_EQ(waitForChild(child), 1);
+    close(terminal);
   }
-  EXPECT_TRUE(terminalShows(terminal, "Caption: Text"));
-  EXPECT_EQ(waitForChild(child), 1);
-  close(terminal);
 }
 
 TEST(Platform, LibraryCallsAreGivenUp) { EXPECT_EQ(DisableThreadLibraryCalls(nullptr), 1); }

@@ -2,9 +2,7 @@
 #include "utils/sdk/allocator.h"
 
 extern "C" {
-[[gnu::visibility("default")]] void* pluginAllocator() {
-  return Utils::Allocator::theAllocator();
-}
+[[gnu::visibility("default")]] void* pluginAllocator() { return Utils::Allocator::theAllocator(); }
 [[gnu::visibility("default")]] void* pluginAlloc(unsigned size) {
   return Utils::Allocator::theAllocator()->alloc(size, 7);
 }

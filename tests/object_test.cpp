@@ -127,13 +127,7 @@ TEST(Exhaustion, GivesNullAndKeepsWhatWasThere) {
   AssertionRecorder recorder;
   Problem kept("kept");
   const Problem longer("%s", std::string(100, 'y').c_str());
-  Allocator* allocator = Allocator::theAllocator();
-  SystemMemory::reset();
-  SystemMemory::failFrom_ = 1;
-  std::vector<void*> taken;
-  for (unsigned size = 20000000; size > 0; size /= 2) {
-    while (void* mem = allocator->alloc(size)) taken.push_back(mem);
-  }
+  TakenMemory taken;
   Probe::made_ = 0;
   EXPECT_EQ(new Probe, nullptr);
   EXPECT_EQ(Probe::made_, 0) << "no constructor runs on nothing";
@@ -142,15 +136,14 @@ TEST(Exhaustion, GivesNullAndKeepsWhatWasThere) {
   EXPECT_STREQ(kept.msg(), "kept");
   const Problem failed("text");
   EXPECT_STREQ(failed.msg(), "out of memory for the message");
-  SystemMemory::failFrom_ = 0;
-  for (void* mem : taken) allocator->free(mem);
+  taken.giveBack();
   kept = longer;
   EXPECT_STREQ(kept.msg(), longer.msg());
   if constexpr (sizeof(std::size_t) > 4) {
     EXPECT_EQ(Object::operator new(static_cast<std::size_t>(1) << (sizeof(std::size_t) * 4)),
               nullptr);
   }
-  static_cast<Utils::MemoryAllocator*>(allocator)->checkArena();
+  static_cast<Utils::MemoryAllocator*>(Allocator::theAllocator())->checkArena();
   EXPECT_THAT(recorder.take(), testing::Each(testing::AnyOf("m", "h")));
 }
 

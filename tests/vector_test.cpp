@@ -284,13 +284,7 @@ TEST(Exhaustion, OfTheProcessAllocator) {
   Vector<Counted> full, empty;
   for (int i = 1; i <= 4; i++) full.add(i);
   Vector<int> numbers;
-  Allocator* allocator = Allocator::theAllocator();
-  SystemMemory::reset();
-  SystemMemory::failFrom_ = 1;
-  std::vector<void*> taken;
-  for (unsigned size = 20000000; size > 0; size /= 2) {
-    while (void* mem = allocator->alloc(size)) taken.push_back(mem);
-  }
+  TakenMemory taken;
   EXPECT_EQ(full.add(5), NONE);
   EXPECT_EQ(empty.add(5), NONE);
   EXPECT_EQ(numbers.add(5), NONE);
@@ -302,8 +296,7 @@ TEST(Exhaustion, OfTheProcessAllocator) {
   EXPECT_EQ(full.compare(make<Counted>(Values{1, 2, 3, 4}).data(), 4), 0);
   full.sizeToExact(0);  // needs none
   EXPECT_EQ(Counted::live_, 0);
-  SystemMemory::failFrom_ = 0;
-  for (void* mem : taken) allocator->free(mem);
+  taken.giveBack();
   EXPECT_EQ(full.add(5), 0u);
   EXPECT_THAT(recorder.take(), Each(testing::AnyOf("m", "h")));
 }

@@ -2,11 +2,26 @@
 
 #include <dlfcn.h>
 
+#include "utils/sdk/allocator.h"
 #include "utils/sdk/ysys.h"
 
 unsigned SystemMemory::inits_ = 0;
 std::vector<unsigned> SystemMemory::sizes_;
 unsigned SystemMemory::failFrom_ = 0;
+
+TakenMemory::TakenMemory() {
+  SystemMemory::reset();
+  SystemMemory::failFrom_ = 1;
+  for (unsigned size = 20000000; size > 0; size /= 2) {
+    while (void* mem = Utils::Allocator::theAllocator()->alloc(size)) blocks_.push_back(mem);
+  }
+}
+
+void TakenMemory::giveBack() {
+  SystemMemory::failFrom_ = 0;
+  for (void* mem : blocks_) Utils::Allocator::theAllocator()->free(mem);
+  blocks_.clear();
+}
 
 namespace {
 

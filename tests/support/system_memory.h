@@ -16,3 +16,16 @@ struct SystemMemory {
     sizes_.clear();
   }
 };
+
+// Takes all that the process allocator has, the system layer giving no more, until it is given
+// back.
+struct TakenMemory {
+  TakenMemory();
+  ~TakenMemory() { giveBack(); }
+  TakenMemory(const TakenMemory&) = delete;
+  TakenMemory& operator=(const TakenMemory&) = delete;
+
+  void giveBack();
+
+  std::vector<void*> blocks_;
+};

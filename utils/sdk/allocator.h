@@ -84,7 +84,7 @@ struct YUTILS_EXPORT HostAllocator : Allocator {
 struct YUTILS_EXPORT AllocationLimiter : Allocator {
   AllocationLimiter(unsigned poolSize);
 
-  // The limiter that a program built on the library has put into theLimiter_; null else.
+  // theLimiter_, which is null: the library makes no limiter.
   static AllocationLimiter* theLimiter();
 
   using Allocator::alloc;

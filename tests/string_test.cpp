@@ -595,6 +595,8 @@ TEST(String, ReadsWithoutTakingMemory) {
   EXPECT_EQ(std::string_view(s), "some text");
   EXPECT_EQ(s.textAt(0), shared.textAt(0));
   EXPECT_EQ(YfTotalStringMemory(), total);
+  EXPECT_EQ(s + s[5] + 'c', "some texttc");
+  EXPECT_EQ('c' + (s[5] + s), "ctsome text");
 }
 
 template <class Integer>
@@ -711,7 +713,9 @@ TEST(String, RefusesLengthsThatDoNotFit) {
 struct OpenRep : StringRep {
   using StringRep::operator=;
   using StringRep::consume;
+  using StringRep::create;
   using StringRep::decRef;
+  using StringRep::destroy;
   using StringRep::donate;
   using StringRep::resizeFor;
   using StringRep::size;
@@ -741,6 +745,11 @@ TEST(StringRep, StandsAlone) {
     rep = 'c';
     EXPECT_EQ(YfTotalStringMemory() - total, 16u);
     EXPECT_EQ(rep.decRef(), 0u);
+    OpenRep* inOneBlock = static_cast<OpenRep*>(OpenRep::create("short", 5));
+    char* const buffer = inOneBlock->donate();
+    OpenRep::destroy(inOneBlock);
+    EXPECT_STREQ(buffer, "short");
+    Allocator::theAllocator()->free(buffer);
   }
   EXPECT_EQ(YfTotalStringMemory(), total);
   EXPECT_EQ(Allocator::theAllocator()->allocatedMemory(), held);

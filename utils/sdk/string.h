@@ -99,7 +99,7 @@ struct YUTILS_EXPORT StringRep {
   void rotateLeft(unsigned n);
   void trim();
   // The buffer, which is the caller's from then on, out of the total; where there is none the empty
-  // text, which is not the caller's.
+  // text, which is not the caller's. Null when there is no memory for a buffer that can leave.
   char* donate();
   // Adopts a text from theAllocator() and counts it, unless it is null, empty or too long.
   void consume(char* text);
@@ -324,6 +324,18 @@ struct YUTILS_EXPORT String {
 YUTILS_EXPORT String operator+(const String& a, const String& b);
 YUTILS_EXPORT String operator+(const String& a, const char* b);  // a null b adds nothing
 YUTILS_EXPORT String operator+(const char* a, const String& b);
+
+// Characters as they are, and no other integers: without these, s + t[0] would be an address.
+template <class Char, class = std::enable_if_t<std::is_same_v<Char, char>>>
+String operator+(const String& a, Char b) {
+  return String(a) += b;
+}
+template <class Char, class = std::enable_if_t<std::is_same_v<Char, char>>>
+String operator+(Char a, const String& b) {
+  return String(a) += b;
+}
+inline String operator+(const String& a, StringChar b) { return a + static_cast<char>(b); }
+inline String operator+(StringChar a, const String& b) { return static_cast<char>(a) + b; }
 
 inline int operator==(const char* a, const String& b) { return b == a; }
 inline int operator!=(const char* a, const String& b) { return b != a; }

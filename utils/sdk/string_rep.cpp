@@ -209,14 +209,15 @@ void StringRep::destroy(StringRep* rep) {
 }
 
 char* StringRep::donateAndDestroy(StringRep* rep) {
-  const bool whole = rep->liesBehindText();
-  char* text = rep->donate();
-  if (!whole) {
+  if (!rep->liesBehindText()) {
+    char* text = rep->donate();
     destroy(rep);
     return text;
   }
+  char* text = rep->text_;
+  _totalStringMemory -= rep->capacity_ + static_cast<unsigned>(sizeof(StringRep));
+  rep->init();
   rep->~StringRep();
-  _totalStringMemory -= static_cast<unsigned>(sizeof(StringRep));
   return text;
 }
 
@@ -390,6 +391,11 @@ void StringRep::trim() {
 
 char* StringRep::donate() {
   char* text = text_;
+  if (liesBehindText()) {
+    text = allocateBuffer(capacity_);
+    if (!text) return nullptr;
+    std::memcpy(text, text_, size_ + 1);
+  }
   _totalStringMemory -= capacity_;
   capacity_ = 0;
   resizeFor(0);

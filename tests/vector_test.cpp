@@ -13,10 +13,12 @@
 #include "support/nth_failure.h"
 #include "support/seed.h"
 #include "support/system_memory.h"
+#include "utils/sdk/time.h"
 
 template struct Utils::Vector<int>;
 template struct Utils::Vector<const char*>;
 template struct Utils::Vector<Counted>;
+template struct Utils::Vector<Utils::Time>;
 
 namespace {
 

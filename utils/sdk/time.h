@@ -17,7 +17,7 @@
 namespace Utils {
 
 struct YUTILS_EXPORT Time {
-  Time() {}  // without a value
+  Time() = default;  // without a value; Time() is 0
   Time(unsigned u) : value_(static_cast<long long>(u) * ONE) {}
   Time(int i) : value_(i * ONE) {}
   // Beyond 64 bits the nearest end of their range; 0 for what is not a number.

@@ -219,4 +219,10 @@ int MessageBoxA(void*, const char* text, const char* caption, unsigned int) noex
   return 1;
 }
 
+void YfWithoutPipeSignal(void (*step)(void*), void* argument) noexcept {
+  NoPipeSignal quiet;
+  step(argument);
+  quiet.takeBack();
+}
+
 int DisableThreadLibraryCalls(void*) noexcept { return 1; }

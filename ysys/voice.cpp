@@ -19,18 +19,15 @@ namespace {
 
 constexpr size_t PARTS_MAX = 12;
 
-class NoPipeSignal {
- public:
-  NoPipeSignal();
-  ~NoPipeSignal() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-  NoPipeSignal(const NoPipeSignal&) = delete;
-  NoPipeSignal& operator=(const NoPipeSignal&) = delete;
-  void takeBack();  // requires: a write has just failed
+// Looks at `errno` after a failed write; waits for room where that is wanted.
+bool canGoOn(int descriptor, WhenFull whenFull) {
+  if (errno == EINTR) return true;
+  if (errno != EAGAIN || whenFull == WhenFull::GIVE_UP) return false;
+  pollfd room = {descriptor, POLLOUT, 0};
+  return poll(&room, 1, -1) == 1 || errno == EINTR;
+}
 
- private:
-  sigset_t pipe_, before_;
-  bool wasPending_;
-};
+}  // namespace
 
 NoPipeSignal::NoPipeSignal() {
   sigset_t pending;
@@ -47,16 +44,6 @@ void NoPipeSignal::takeBack() {
   while (sigtimedwait(&pipe_, nullptr, &atOnce) == -1 && errno == EINTR) {
   }
 }
-
-// Looks at `errno` after a failed write; waits for room where that is wanted.
-bool canGoOn(int descriptor, WhenFull whenFull) {
-  if (errno == EINTR) return true;
-  if (errno != EAGAIN || whenFull == WhenFull::GIVE_UP) return false;
-  pollfd room = {descriptor, POLLOUT, 0};
-  return poll(&room, 1, -1) == 1 || errno == EINTR;
-}
-
-}  // namespace
 
 NumberText::NumberText(unsigned number, unsigned base) {
   char* at = room_ + sizeof room_ - 1;

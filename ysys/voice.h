@@ -28,6 +28,20 @@ class KeepErrno {
   int saved_ = errno;
 };
 
+// Holds back the signal that a write to a pipe without a reader sends to the calling task.
+class NoPipeSignal {
+ public:
+  NoPipeSignal();
+  ~NoPipeSignal() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  NoPipeSignal(const NoPipeSignal&) = delete;
+  NoPipeSignal& operator=(const NoPipeSignal&) = delete;
+  void takeBack();  // the one that a write has caused; `errno` tells whether any has failed
+
+ private:
+  sigset_t pipe_, before_;
+  bool wasPending_;
+};
+
 // The text of a number, digits of base 10 or 16 (the latter behind "0x").
 class NumberText {
  public:

@@ -18,6 +18,10 @@ void OutputDebugStringA(const char* text) noexcept;
 // at.
 int MessageBoxA(void* owner, const char* text, const char* caption, unsigned int type) noexcept;
 
+// Calls step(argument), which writes to a stream of the runtime library: where that is a pipe whose
+// reader has gone, the write fails and no signal ends the process.
+void YfWithoutPipeSignal(void (*step)(void*), void* argument) noexcept;
+
 // Gives up the notifications of task start and end for a library. There are none here; gives 1.
 int DisableThreadLibraryCalls(void* library) noexcept;
 

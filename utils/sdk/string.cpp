@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "utils/sdk/load_order.h"
+
 namespace Utils {
 
 // --- The string without a representation ---
@@ -28,7 +30,7 @@ struct NullText {
   ~NullText() { const_cast<String&>(String::null()) = String(); }
 };
 
-[[gnu::init_priority(101)]] NullText _nullText;
+[[gnu::init_priority(LOADED_NULL_STRING)]] NullText _nullText;
 
 }  // namespace
 

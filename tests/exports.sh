@@ -8,10 +8,12 @@ export LC_ALL=C
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# Names without their addresses and kinds; size_t is of another type on each pointer size.
+# Names without their addresses and kinds; size_t and va_list are of another type on each pointer size.
 names() {
   cut -d' ' -f2- | cut -c3- | c++filt |
-    sed -e 's/operator new(unsigned \(int\|long\)/operator new(size_t/' | sort -u
+    sed -e 's/operator new(unsigned \(int\|long\)/operator new(size_t/' \
+      -e 's/char const\*, \(__va_list_tag\*\|char\*\))/char const*, va_list)/' \
+      -e 's/char const\*, \(__va_list_tag (&) \[1\]\|char\*&\))/char const*, va_list\&)/' | sort -u
 }
 nm -D --defined-only "$1" | grep -v ' A ' >"$work/symbols"
 names <"$work/symbols" >"$work/all"

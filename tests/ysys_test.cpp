@@ -687,9 +687,9 @@ void expectDialogs(const std::map<std::string, std::string>& scripts, const std:
 TEST(Message, GoesAsItIsToTheFirstDialogThatCanShowIt) {
   expectDialogs({{"zenity", "for each; do printf '%s|' \"$each\"; done > \"$RECORD\""},
                  {"kdialog", "echo second >> \"$RECORD\""}},
-                "--info|--no-markup|--title|Caption|--text|"
-                "--help <b>&\"$(touch x)`\n'C:\\\\new'|",
-                "");
+                "--info|--no-markup|--title|Caption|--text|" + _message + "|", "");
+  expectDialogs({{"kdialog", "for each; do printf '%s|' \"$each\"; done > \"$RECORD\""}},
+                "--title|Caption|--msgbox|\u200b\n--help <b>&\"$(touch x)`\n'C:\\\\new'|", "");
   expectDialogs({{"zenity", "exit 1"},
                  {"kdialog", "kill -ABRT $$"},
                  {"gxmessage", "/bin/cat > /dev/null; exit 1"},

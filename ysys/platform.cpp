@@ -5,10 +5,10 @@
 // terminal, if the process is in its foreground; standard error. Nothing is kept between two calls.
 //
 // The dialog programs are started without a shell, and the text reaches them such that they show it
-// as it is. Three take it as an argument, in which a backslash begins an escape and a tag in the
-// first line turns on markup; they get backslashes doubled, and the one that cannot be told to
-// leave markup alone gets a line feed ahead. C:\new becomes C:\\new. The others read it from their
-// standard input.
+// as it is. Three take it as an argument. In two of these a backslash begins an escape, so they get
+// backslashes doubled: C:\new becomes C:\\new. One of them cannot be told to leave markup alone,
+// and looks for a tag in the first line that is not blank; it gets a line ahead that holds a space
+// of no width. The others read the text from their standard input.
 //
 // May be called from any task. A host that does not let its children be waited for (it ignores
 // SIGCHLD, or waits for all of them itself) hides how the program ended; then the dialog counts as
@@ -48,7 +48,7 @@ size_t writeToChannel(const char* path, const char* text, size_t length) {
 
 // --- Dialogs ---
 
-// The text with each backslash doubled and a line feed ahead, in pages of its own.
+// The text with each backslash doubled and a line ahead that shows nothing, in pages of its own.
 class EscapedText {
  public:
   explicit EscapedText(const char* text);
@@ -59,20 +59,21 @@ class EscapedText {
   EscapedText& operator=(const EscapedText&) = delete;
 
   bool isWhole() const { return room_ != MAP_FAILED; }
-  char* afterLineFeed() const { return text() + 1; }
+  char* afterFirstLine() const { return text() + sizeof FIRST_LINE - 1; }
   char* text() const { return static_cast<char*>(room_); }
 
  private:
+  static constexpr char FIRST_LINE[] = "\u200b\n";
+
   size_t size_;
   void* room_;
 };
 
 EscapedText::EscapedText(const char* text)
-    : size_(2 * strlen(text) + 2),
+    : size_(2 * strlen(text) + sizeof FIRST_LINE),
       room_(mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) {
   if (!isWhole()) return;
-  char* to = this->text();
-  *to++ = '\n';
+  char* to = stpcpy(this->text(), FIRST_LINE);
   for (; *text != '\0'; ++text) {
     if (*text == '\\') *to++ = '\\';
     *to++ = *text;
@@ -149,11 +150,11 @@ bool askInDialog(const char* caption, const char* text) {
   const EscapedText escaped(text);
   const InputFile input(text);
   if (!escaped.isWhole() || !input.isOpen()) return false;
-  const char* plain = escaped.afterLineFeed();
   const char* const programs[][10] = {
-      {"zenity", "--info", "--no-markup", "--title", caption, "--text", plain},
+      {"zenity", "--info", "--no-markup", "--title", caption, "--text", text},
       {"kdialog", "--title", caption, "--msgbox", escaped.text()},
-      {"yad", "--no-markup", "--title", caption, "--text", plain, "--button", "OK:0"},
+      {"yad", "--no-markup", "--title", caption, "--text", escaped.afterFirstLine(), "--button",
+       "OK:0"},
       {"gxmessage", "-title", caption, "-file", "-"},
       {"xmessage", "-title", caption, "-file", "-"},
   };

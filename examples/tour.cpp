@@ -7,6 +7,8 @@
 // the most frequent words, who holds how many bytes, how long each step took, and the allocator's
 // own report; then frees everything and shows that heap and strings are as they were. A file that
 // cannot be read is named on standard error, and the status is 1.
+//
+// What it does can be followed in the log: env YUtils.Log.Categories=tour#2 tour FILE...
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -16,6 +18,7 @@
 #include <vector>
 
 #include "utils/sdk/alloc.h"
+#include "utils/sdk/log.h"
 #include "utils/sdk/string.h"
 #include "utils/sdk/time.h"
 #include "utils/sdk/uid.h"
@@ -25,10 +28,14 @@
 
 namespace {
 
+using Utils::Log;
 using Utils::MemoryAllocator;
 using Utils::String;
 using Utils::SubString;
 using Utils::Time;
+
+constexpr char CATEGORY[] = "tour";
+constexpr char SOURCE[] = "examples/tour.cpp";
 
 // The process allocator, known to be the arena that can also be walked.
 MemoryAllocator& heap() { return *static_cast<MemoryAllocator*>(Utils::Allocator::theAllocator()); }
@@ -143,6 +150,9 @@ struct Files {
       texts_[i].toLower();
       if (!indexWords(texts_[i], index)) reason = "no memory for its words";
     }
+    Log::theLog()->print(Utils::Debug, CATEGORY, 2, SOURCE, __LINE__, "%s: %u bytes, %s",
+                         static_cast<const char*>(names_[i]), texts_[i].size(),
+                         reason ? reason : "all in the index");
     if (!reason) return true;
     std::fprintf(stderr, "tour: %s: %s\n", static_cast<const char*>(names_[i]), reason);
     texts_[i] = String();
@@ -161,6 +171,7 @@ struct Clock {
     const double now = YIF_CurrentTime();
     Time took(now - last_);
     std::printf("%-10s %8.4f s\n", step, static_cast<double>(took));
+    Log::theLog()->print(Utils::Debug, CATEGORY, 1, SOURCE, __LINE__, "%s is done", step);
     last_ = now;
   }
 
@@ -232,6 +243,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: tour FILE...\n");
     return 2;
   }
+  // The log stays to the end of the process, and so does its memory.
+  Log::theLog()->print(Utils::Debug, CATEGORY, 1, SOURCE, __LINE__, "%d files", argc - 1);
   const Held atFirst;
   std::printf("Run %s\n", static_cast<const char*>(Utils::UID().asText()));
   const bool allRead = tour(argc - 1, argv + 1);

@@ -20,9 +20,16 @@ expectLike '^ +1 +[1-9][0-9]+  one.txt$' out
 expectLike '^Strings hold [1-9][0-9]+ bytes of it.$' out
 expectLike '^Run C0D1F1ED[0-9A-F]{9,16}$' out
 expectLike '^Reading +[0-9]+\.[0-9]{4} s$' out
-expect 'Freed: 0 bytes are held, as at the start: 0; 0 by strings, as at the start: 0.' out
+expectLike '^Freed: ([0-9]+) bytes are held, as at the start: \1; 0 by strings, as at the start: 0\.' out
 expect 'The heap is whole.' out
 [ ! -s err ] || fail "something on standard error"
+
+env YUtils.Log.Categories=tour#2 "$tour" one.txt two.txt >out 2>err || fail "status $?"
+expect 'debug[2]|tour|one.txt: 29 bytes, all in the index' err
+expect 'debug[1]|tour|Freeing is done' err
+env YUtils_Log_Categories=tour#1 YUtils_Log_Verbosity=2 "$tour" one.txt >out 2>err || fail "status $?"
+expectLike '^debug\[1\]\|tour\|examples/tour\.cpp:[0-9]+\|[0-9]{10}\.[0-9]{6}\|[0-9]+\|Reading is done$' err
+[ "$(wc -l <err)" = 3 ] || fail "lines of a higher level"
 
 status=0
 "$tour" nosuch.txt one.txt . >out 2>err || status=$?

@@ -196,9 +196,13 @@ struct Line {
     put(text, size);
   }
   void add(const char* text) { add(text, std::strlen(text)); }
-  void add(char c) { add(&c, 1); }
+  void add(char c) {
+    if (used_ == sizeof room_) spill();
+    room_[used_++] = c;
+  }
   void addSafely(const char* text);
-  void add(unsigned long number, unsigned digits = 1);
+  void add(unsigned long number, unsigned digits);
+  void add(unsigned long number) { add(number, decimalSize(number)); }
   void addSeconds(double seconds);
 
   // The whole; null when there was no memory for it. Valid as long as this.
@@ -237,12 +241,10 @@ void Line::addSafely(const char* text) {
   add(text);
 }
 
-// At least that many digits.
 void Line::add(unsigned long number, unsigned digits) {
-  char text[DECIMAL_SIZE];
-  char* const end = text + sizeof text;
-  const char* first = decimalBefore(end, number, digits);
-  add(first, static_cast<std::size_t>(end - first));
+  if (sizeof room_ - used_ < digits) spill();
+  putDecimal(room_ + used_, number, digits);
+  used_ += digits;
 }
 
 // As "%f" writes it where the decimal point is a point. From 2^9 to 2^32 the fraction has no more

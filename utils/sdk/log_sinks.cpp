@@ -38,11 +38,13 @@ struct QuickText {
     return true;
   }
   bool putNumber(unsigned long number, bool isNegative = false) {
-    char digits[DECIMAL_SIZE + 1];
-    char* const end = digits + sizeof digits;
-    char* at = decimalBefore(end, isNegative ? 0ul - number : number);
-    if (isNegative) *--at = '-';
-    return put(at, static_cast<std::size_t>(end - at));
+    if (isNegative) number = 0ul - number;
+    const unsigned digits = decimalSize(number);
+    if (static_cast<std::size_t>(end_ - at_) < digits + isNegative) return false;
+    if (isNegative) *at_++ = '-';
+    putDecimal(at_, number, digits);
+    at_ += digits;
+    return true;
   }
 
   char* at_;

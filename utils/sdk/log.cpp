@@ -175,7 +175,7 @@ unsigned Log::getCategory(const char* name, int level, bool enabled) {
   return getCategory(name, level, enabled, verbosity_);
 }
 
-const char* Log::getCategory(unsigned cat) const {
+const char* Log::getCategory(unsigned cat) {
   return cat < categories_.size() ? categories_[cat]->name_ : nullptr;
 }
 
@@ -247,12 +247,12 @@ void Line::add(unsigned long number, unsigned digits) {
   used_ += digits;
 }
 
-// As "%f" writes it where the decimal point is a point. From 2^9 to 2^32 the fraction has no more
-// than 43 bits, and a million times as many units fit into 64: the digits come from one product,
-// rounded to even as printf does it, in a tenth of its time.
+// As "%f" writes it where the decimal point is a point. From 2^9 to 2^32 - 1 the fraction has no
+// more than 43 bits, and a million times as many units fit into 64: the digits come from one
+// product, rounded to even as printf does it, in a tenth of its time.
 void Line::addSeconds(double seconds) {
   constexpr unsigned BITS = 43;
-  if (!(seconds >= 512 && seconds < 4294967296.0)) {
+  if (!(seconds >= 512 && seconds < 4294967295.0)) {
     char text[384];  // longer than the digits of any double
     add(text, static_cast<std::size_t>(std::snprintf(text, sizeof text, "%f", seconds)));
     return;
@@ -324,7 +324,7 @@ void Log::printAux(MessageClass cls, unsigned cat, int level, const char* file, 
   Line text;
   itemHeader(classes_[cls].name_, categories_[cat]->name_, level, file, line, text, verbosity_);
   text.add('|');
-  text.add(format);
+  text.add(format ? format : "");
   if (const char* whole = text.text()) {
     errno = error;  // the format may tell it
     sink->print(cls, whole, args);

@@ -156,7 +156,7 @@ struct YUTILS_EXPORT Log : Object {
   // The same, and sets what is told, also where the category was there.
   unsigned getCategory(const char* name, int level, bool enabled, unsigned verbosity);
   unsigned getCategory(const char* name, int level, bool enabled);
-  const char* getCategory(unsigned cat) const;  // its name; null for a number not given out
+  const char* getCategory(unsigned cat);  // its name; null for a number not given out
 
   // Prints one message as printf would. A level of 0 or more is shown. Ask willPrint before when
   // the arguments cost something.
@@ -167,7 +167,7 @@ struct YUTILS_EXPORT Log : Object {
              const char* format, ...) __attribute__((format(printf, 7, 8)));
 
   // Whether such a message would go out.
-  bool willPrint(MessageClass cls, unsigned cat, int level) const {
+  bool willPrint(MessageClass cls, unsigned cat, int level) {
     if (__builtin_expect(cat >= categories_.size(), false)) return false;
     const LogCat& category = *categories_[cat];
     if (cls == Debug && __builtin_expect(!category.enabled_ || level > category.level_, true))

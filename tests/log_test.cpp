@@ -1,0 +1,613 @@
+// The hub and the sinks: random settings and messages against a model, times against printf,
+// hostile texts, memory that runs out, and what arrives in files, streams and dialogs.
+#include "utils/sdk/log.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <cmath>
+#include <cstring>
+
+#include "gmock/gmock.h"
+#include "support/child_process.h"
+#include "support/failing_allocator.h"
+#include "support/nth_failure.h"
+#include "support/recording_sink.h"
+#include "support/seed.h"
+#include "support/temporary_directory.h"
+
+namespace {
+
+using namespace Utils;
+using testing::HasSubstr;
+
+constexpr MessageClass CLASSES[] = {Error, Warning, Info, Debug};
+
+double _now = 0;  // what the clock tells
+const std::string _task = std::to_string(YIF_CurrentTaskId());
+
+std::string randomText(Random& random, std::size_t size) {
+  std::string text(size, '\0');
+  for (char& c : text) c = "%%%ns\n\x01\xff|:ab"[random.below(12)];
+  return text;
+}
+
+const std::string _errnoFormat = "%m, %s";  // pedantic compilers know no such literal
+const std::string _noEntry = std::string(std::strerror(ENOENT)) + ", end";
+
+unsigned held() { return Allocator::theAllocator()->allocatedMemory(); }
+
+// --- The hub against a model ---
+
+struct Category {
+  std::string name_;
+  int level_;
+  bool enabled_;
+  unsigned verbosity_;
+
+  bool operator==(const Category&) const = default;
+};
+
+class HubRun {
+ public:
+  explicit HubRun(Random& random) : random_(random) { hub_.setLogger(sinks_[0]); }
+
+  void step() {
+    static constexpr void (HubRun::*STEPS[])() = {
+        &HubRun::print,    &HubRun::print,      &HubRun::print,        &HubRun::ask,
+        &HubRun::setLevel, &HubRun::setEnabled, &HubRun::setVerbosity, &HubRun::setSink};
+    (this->*STEPS[random_.below(8)])();
+    if (random_.below(40) == 0) {
+      hub_.resetLogStats();
+      counts_ = {};
+    }
+    check();
+  }
+
+ private:
+  MessageClass someClass() { return CLASSES[random_.below(4)]; }
+  bool someFlag() { return random_.below(2) == 1; }
+  int someLevel() {
+    constexpr int LEVELS[] = {INT_MIN, -2, -1, 0, 0, 1, 1, 2, 3, 10, 4711, INT_MAX};
+    return LEVELS[random_.below(std::size(LEVELS))];
+  }
+  unsigned size() const { return static_cast<unsigned>(categories_.size()); }
+  unsigned someNumber() { return random_.below(10) ? random_.below(size() + 2) : UINT_MAX; }
+  // Names change their addresses, and addresses their names.
+  const char* someName() {
+    static char rooms[3][700];
+    const unsigned n = random_.below(40);
+    std::string name = "cat" + std::to_string(n);
+    if (n < 5) name = std::array{"", "a", "A", "%n%s%%", "aa"}[n];
+    if (n == 5) name = std::string(600, 'x');
+    return std::strcpy(rooms[random_.below(3)], name.c_str());
+  }
+
+  unsigned numberOf(const std::string& name) {
+    const auto has = [&](const Category& category) { return category.name_ == name; };
+    const auto at =
+        static_cast<unsigned>(std::ranges::find_if(categories_, has) - categories_.begin());
+    if (at == size()) categories_.push_back({name, own_.level_, own_.enabled_, own_.verbosity_});
+    return at;
+  }
+  bool letsThrough(MessageClass cls, unsigned cat, int level) const {
+    return cat < size() && sinkOf_[cls] != NONE &&
+           (cls != Debug || (categories_[cat].enabled_ && level <= categories_[cat].level_));
+  }
+  std::string header(MessageClass cls, unsigned cat, int level, const std::string& place) const {
+    std::string text = std::array{"error", "warning", "info", "debug"}[cls];
+    if (level >= 0) text += "[" + std::to_string(level) + "]";
+    text += "|" + categories_[cat].name_;
+    if (own_.verbosity_ >= 1) text += "|" + place;
+    if (own_.verbosity_ >= 2) text += "|" + std::to_string(_now) + "|" + _task;
+    return text + "|";
+  }
+
+  void print() {
+    _now = random_.below(2000000000) + 1.0 / (1 + random_.below(1000));
+    const MessageClass cls = someClass();
+    const int level = someLevel();
+    const auto line = static_cast<unsigned>(random_.engine_());
+    const char* name = someFlag() ? someName() : nullptr;
+    const unsigned cat = name ? numberOf(name) : someNumber();
+    const std::string text = randomText(random_, random_.below(40));
+    if (name) hub_.print(cls, name, level, "a/%s.cpp", line, "%s;%d", text.c_str(), level);
+    if (!name) hub_.print(cls, cat, level, "a/%s.cpp", line, "%s;%d", text.c_str(), level);
+    if (!letsThrough(cls, cat, level)) return;
+    counts_[cls]++;
+    const std::string start = header(cls, cat, level, "a/%s.cpp:" + std::to_string(line));
+    expected_[sinkOf_[cls]].emplace_back(cls, start + text + ";" + std::to_string(level));
+  }
+  void ask() {
+    const MessageClass cls = someClass();
+    const Category all{someName(), someLevel(), someFlag(), random_.below(4)};
+    const char* name = all.name_.c_str();
+    unsigned cat = someNumber();
+    EXPECT_EQ(hub_.willPrint(cls, cat, all.level_), letsThrough(cls, cat, all.level_));
+    const bool will = hub_.willPrint(cls, name, all.level_);
+    cat = numberOf(all.name_);
+    EXPECT_EQ(will, letsThrough(cls, cat, all.level_));
+    EXPECT_EQ(hub_.getCategory(name), cat);
+    if (someFlag()) return;
+    categories_[cat] = all;
+    if (someFlag()) {
+      EXPECT_EQ(hub_.getCategory(name, all.level_, all.enabled_, all.verbosity_), cat);
+    } else {
+      EXPECT_EQ(hub_.getCategory(name, all.level_, all.enabled_), cat);
+      categories_[cat].verbosity_ = own_.verbosity_;
+    }
+  }
+  template <class Value>
+  void set(Value Category::*setting, void (Log::*setAll)(Value),
+           void (Log::*setOne)(unsigned, Value), Value value) {
+    const unsigned cat = someNumber();
+    const bool isForAll = random_.below(4) == 0;
+    isForAll ? (hub_.*setAll)(value) : (hub_.*setOne)(cat, value);
+    if (isForAll) own_.*setting = value;
+    for (unsigned each = 0; each < size(); each++)
+      if (isForAll || each == cat) categories_[each].*setting = value;
+  }
+  void setLevel() { set(&Category::level_, &Log::setLevel, &Log::setLevel, someLevel()); }
+  void setEnabled() { set(&Category::enabled_, &Log::setEnabled, &Log::setEnabled, someFlag()); }
+  void setVerbosity() {
+    set(&Category::verbosity_, &Log::setVerbosity, &Log::setVerbosity, random_.below(4));
+  }
+  void setSink() {
+    const unsigned sink = random_.below(3);
+    const MessageClass cls = someClass();
+    const bool isForAll = random_.below(8) == 0;
+    isForAll ? hub_.setLogger(sinks_[sink]) : hub_.setLogger(cls, sinks_[sink]);
+    for (MessageClass each : CLASSES)
+      if (isForAll || each == cls) sinkOf_[each] = sink;
+  }
+
+  void check() {
+    std::array<unsigned, 4> counts;
+    hub_.logStats(counts[0], counts[1], counts[2], counts[3]);
+    EXPECT_EQ(counts, counts_);
+    EXPECT_TRUE((Category{"", hub_.level(), hub_.enabled(), hub_.verbosity()} == own_));
+    std::vector<Category> categories;
+    for (unsigned cat = 0; const char* name = hub_.getCategory(cat); cat++)
+      categories.push_back({name, hub_.level(cat), hub_.enabled(cat), hub_.verbosity(cat)});
+    EXPECT_TRUE(categories == categories_);
+    EXPECT_EQ(hub_.getCategory(UINT_MAX), nullptr);
+    for (int i : {0, 1}) EXPECT_EQ(sinks_[i]->take(), std::exchange(expected_[i], {}));
+  }
+
+  static constexpr unsigned NONE = 2;
+
+  Random& random_;
+  RecordingSink* const sinks_[3] = {new RecordingSink, new RecordingSink, nullptr};
+  const Ref<Logger> owners_[2] = {sinks_[0], sinks_[1]};
+  Log hub_;
+  Category own_{};
+  std::vector<Category> categories_;
+  std::array<unsigned, 4> counts_{};
+  unsigned sinkOf_[4] = {};
+  RecordingSink::Lines expected_[2];
+};
+
+TEST(Hub, DoesAsTheModelDoes) {
+  Random random(7);
+  const Ref<Logger> usual = Log::theDefaultLogger();
+  const unsigned before = held();
+  RecordingSink::ended_ = 0;
+  for (int round = 0; round < 4; round++) {
+    HubRun run(random), other(random);
+    for (int i = 0; i < 2000 && !HasFailure(); i++) (random.below(2) ? run : other).step();
+  }
+  EXPECT_EQ(RecordingSink::ended_, 4 * 2 * 2);
+  EXPECT_EQ(held(), before);
+}
+
+TEST(Hub, BeginsWithOneSinkOnStandardErrorForAllClasses) {
+  const Ref<Logger> usual = Log::theDefaultLogger();
+  const unsigned refs = usual->refCount();
+  Log hub;
+  EXPECT_EQ(usual->refCount(), refs + 4);
+  hub.setEnabled(true);
+  testing::internal::CaptureStderr();
+  for (MessageClass cls : CLASSES) hub.print(cls, "c", 0, "f", 1, "%d", 1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "error[0]|c|1\nwarning[0]|c|1\ninfo[0]|c|1\ndebug[0]|c|1\n");
+}
+
+// A sink that takes itself out of the hub by what it does.
+struct LeavingSink : RecordingSink {
+  explicit LeavingSink(Log& hub) : hub_(hub) {}
+  void print(MessageClass cls, const char* format, std::va_list args) override {
+    hub_.setLogger(nullptr);
+    EXPECT_EQ(ended_, 0);
+    RecordingSink::print(cls, format, args);
+    EXPECT_EQ(take(), (Lines{{cls, "error|c|left"}}));
+  }
+  Log& hub_;
+};
+
+TEST(Hub, KeepsItsSinksAsLongAsTheyPrintOrServeAClass) {
+  Log hub;
+  RecordingSink::ended_ = 0;
+  hub.setLogger(new RecordingSink);
+  for (MessageClass cls : CLASSES) {
+    EXPECT_EQ(RecordingSink::ended_, 0);
+    hub.setLogger(cls, nullptr);
+  }
+  EXPECT_EQ(std::exchange(RecordingSink::ended_, 0), 1);
+  hub.setLogger(new LeavingSink(hub));
+  hub.print(Error, "c", -1, "f", 1, "%s", "left");
+  EXPECT_EQ(RecordingSink::ended_, 1);
+}
+
+// --- What a line tells ---
+
+struct OneSinkHub {
+  explicit OneSinkHub(unsigned verbosity) {
+    hub_.setLogger(sink_);
+    hub_.setVerbosity(verbosity);
+  }
+  std::string line() {
+    const auto lines = sink_->take();
+    return lines.size() == 1 ? lines[0].second : std::to_string(lines.size()) + " lines";
+  }
+
+  RecordingSink* const sink_ = new RecordingSink;
+  Log hub_;
+};
+
+// The clock changes errno, which the format tells.
+void expectTime(OneSinkHub& log, double time) {
+  _now = time;
+  errno = ENOENT;
+  log.hub_.print(Error, "c", -1, "f", 1, _errnoFormat.c_str(), "end");
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(log.line(), "error|c|f:1|" + std::to_string(time) + "|" + _task + "|" + _noEntry);
+}
+
+TEST(Line, TellsTheTimeAsPrintfDoes) {
+  Random random(11);
+  OneSinkHub log(2);
+  for (double time : {0.0, 1.5, 511.9999995, 512.0, 512.0078125, 1792384729.0000005, 1e300,
+                      4294967295.0, std::nextafter(4294967296.0, 0), 4294967296.5,
+                      static_cast<double>(INFINITY), std::nan("")}) {
+    expectTime(log, time);
+    expectTime(log, -time);
+  }
+  for (int i = 0; i < 30000; i++) {
+    const auto whole = static_cast<unsigned>(random.engine_() >> random.below(32));
+    const unsigned bits = random.below(31);  // from 7 on the fraction may end in half a millionth
+    double time = whole + std::ldexp(random.below(1u << bits), -static_cast<int>(bits));
+    const unsigned kind = random.below(6);
+    if (kind < 2) time = std::nextafter(time, kind * 1e10);
+    if (kind == 2) time = std::ldexp(time, static_cast<int>(random.below(2000)) - 1000);
+    expectTime(log, time);
+  }
+}
+
+// Each part in turn has lengths around the hub's room on the stack and well beyond.
+TEST(Line, HoldsTextsOfAnyLengthAndContentAsTheyAre) {
+  Random random(13);
+  OneSinkHub log(1);
+  for (std::size_t size = 0; size < 40000; size += size < 1100 ? 1 + random.below(3) : 8999) {
+    std::string texts[4];  // category, file, format, argument
+    for (std::string& text : texts) text = randomText(random, random.below(20));
+    texts[random.below(4)] = randomText(random, size);
+    std::string format;
+    for (char c : texts[2]) format += std::string(c == '%' ? 2 : 1, c);
+    log.hub_.print(Info, texts[0].c_str(), 3, texts[1].c_str(), UINT_MAX, (format + "%s").c_str(),
+                   texts[3].c_str());
+    ASSERT_EQ(log.line(),
+              "info[3]|" + texts[0] + "|" + texts[1] + ":4294967295|" + texts[2] + texts[3]);
+  }
+  log.hub_.print(Info, nullptr, -1, nullptr, 0, "%s", "text");
+  EXPECT_EQ(log.line(), "info||:0|text");
+}
+
+// --- Logger::expand ---
+
+struct Expander : Logger {
+  static int call(char* text, unsigned size, const char* format, ...) {
+    std::va_list args;
+    va_start(args, format);
+    const int length = expand(text, size, format, args);
+    va_end(args);
+    return length;
+  }
+};
+
+template <class... Args>
+void expectExpanded(unsigned size, const std::string& format, Args... args) {
+  std::vector<char> expected(size), room(size);  // of their very size, for the sanitizer
+  std::snprintf(expected.data(), size, format.c_str(), args...);
+  const int length = Expander::call(room.data(), size, format.c_str(), args...);
+  ASSERT_STREQ(room.data(), expected.data()) << format;
+  ASSERT_EQ(length, static_cast<int>(std::strlen(expected.data()))) << format;
+}
+
+// Adds directives, each with an argument of its type, until there are three.
+template <class... Args>
+void expandRandomly(Random& random, std::string format, Args... args) {
+  format += random.below(2) ? "%%" : std::string(random.below(30), 'x');
+  if constexpr (sizeof...(args) >= 3) {
+    return expectExpanded(1 + random.below(random.below(2) ? 600 : 80), format, args...);
+  } else {
+    const auto add = [&]<class Arg>(const std::array<const char*, 4>& directives, Arg arg) {
+      expandRandomly(random, format + directives[random.below(4)], args..., arg);
+    };
+    const std::string text(random.below(random.below(2) ? 10 : 500), 'y');
+    const auto wide = static_cast<long long>(random.engine_()) << random.below(31);
+    const bool isLeast = random.below(8) == 0;
+    const auto word = isLeast ? INT_MIN : static_cast<int>(wide);
+    const auto number = isLeast ? LONG_MIN : static_cast<long>(wide);
+    const unsigned kind = random.below(6);
+    if (kind == 0) add({"%s", "%s", "%-8s", "%.3s"}, text.c_str());
+    if (kind == 1) add({"%s", "%s", "%10s", "%s"}, static_cast<const char*>(nullptr));
+    if (kind == 2) add({"%d", "%u", "%5d", "%x"}, word);
+    if (kind == 3) add({"%ld", "%lu", "%-9ld", "%lx"}, number);
+    if (kind == 4) add({"%lld", "%llu", "%+lld", "%llx"}, wide);
+    if (kind == 5) add({"%f", "%g", "%.2f", "%12e"}, word / 8.0);
+  }
+}
+
+TEST(Expand, GivesWhatPrintfGives) {
+  Random random(17);
+  for (int i = 0; i < 20000 && !HasFatalFailure(); i++) expandRandomly(random, "");
+  expectExpanded(20, "%*d|%c|%%", 7, -5, 'c');
+}
+
+// --- The sinks ---
+
+[[gnu::format(printf, 3, 4)]] void write(Logger& sink, MessageClass cls, const char* format, ...) {
+  std::va_list args;
+  va_start(args, format);
+  sink.print(cls, format, args);
+  va_end(args);
+}
+
+// Runs the body in a child that has no terminal and no display, and that ends without a flush;
+// gives what it wrote to standard error.
+template <class Body>
+std::string inAChild(Body body) {
+  const ChildResult child = runInChild([&] {
+    setsid();
+    for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "YSYS_DEBUG_CHANNEL"}) unsetenv(name);
+    body();
+    return testing::Test::HasFailure() ? 1 : 0;
+  });
+  EXPECT_EQ(child.status, 0);
+  return child.errorOutput;
+}
+
+TEST(FileLogger, ReplacesOrAppendsAndCutsLinesAfter478Characters) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.write("log", "old");
+  {
+    FileLogger appended(path.c_str(), FileLogger::Append);
+    EXPECT_TRUE(appended.valid());
+    write(appended, Debug, "%d", 1);
+    EXPECT_EQ(directory.read("log"), "old1\r\n");
+  }
+  FileLogger replaced(path.c_str(), FileLogger::Replace);
+  std::string expected;
+  EXPECT_EQ(directory.read("log"), expected);
+  for (unsigned length : {1u, 477u, 478u, 479u, 480u, 481u, 5000u}) {
+    for (const char* format : {"%s", "%-1s"}) {  // two ways of expanding
+      write(replaced, Info, format, std::string(length, 'x').c_str());
+      expected += std::string(std::min(length, 478u), 'x') + "\r\n";
+      EXPECT_EQ(directory.read("log"), expected);
+    }
+  }
+}
+
+TEST(FileLogger, DropsItsLinesWhenItCannotOpen) {
+  const TemporaryDirectory directory;
+  mkfifo(directory.pathOf("fifo").c_str(), 0600);
+  for (const char* name : {"", "none/such", "fifo"}) {
+    errno = 4321;
+    FileLogger sink(directory.pathOf(name).c_str(), FileLogger::Append);
+    EXPECT_FALSE(sink.valid());
+    write(sink, Error, "%d", 1);
+    EXPECT_EQ(errno, 4321);
+  }
+}
+
+// The lines of one of the two processes that write to one file.
+std::vector<std::string> linesOf(char process) {
+  std::mt19937 engine(static_cast<unsigned>(process));
+  std::vector<std::string> lines(4000);
+  for (std::string& line : lines)
+    line = process + std::string(engine() % 478, static_cast<char>('a' + engine() % 26));
+  return lines;
+}
+
+TEST(FileLogger, LosesAndTearsNoLineOfTwoProcesses) {
+  const TemporaryDirectory directory;
+  const auto writeAll = [&](char process) {
+    FileLogger sink(directory.pathOf("log").c_str(), FileLogger::Append);
+    for (const std::string& line : linesOf(process)) write(sink, Info, "%s", line.c_str());
+    return 0;
+  };
+  const pid_t child = startChild([&] { return writeAll('B'); });
+  writeAll('A');
+  EXPECT_EQ(waitForChild(child), 0);
+  std::vector<std::string> found[2];
+  std::ifstream file(directory.pathOf("log"));
+  for (std::string line; std::getline(file, line);) {
+    ASSERT_TRUE(line.ends_with('\r') && (line[0] == 'A' || line[0] == 'B')) << line;
+    line.pop_back();
+    found[line[0] - 'A'].push_back(line);
+  }
+  EXPECT_TRUE(found[0] == linesOf('A') && found[1] == linesOf('B'));
+}
+
+TEST(StdLogger, WritesWholeLinesAtOnceToTheStreamThatItNames) {
+  const TemporaryDirectory directory;
+  const std::string text = "%n" + std::string(10000, 'x');
+  const std::string errors = inAChild([&] {
+    dup2(open(directory.write("out", "").c_str(), O_WRONLY | O_APPEND), STDOUT_FILENO);
+    StdLogger usual, out(StdLogger::Stdout), errorStream(StdLogger::Stderr);
+    write(usual, Info, "%s", text.c_str());
+    write(out, Info, "%s %d", text.c_str(), 5);
+    write(errorStream, Error, "last");
+  });
+  EXPECT_EQ(errors, text + "\nlast\n");
+  EXPECT_EQ(directory.read("out"), text + " 5\n");
+}
+
+TEST(SystemLogger, PutsItsNameBeforeEachLine) {
+  const TemporaryDirectory directory;
+  EXPECT_EQ(inAChild([&] {
+              setenv("YSYS_DEBUG_CHANNEL", directory.pathOf("debug").c_str(), 1);
+              char name[] = "%s";
+              SystemLogger unnamed(nullptr);
+              EXPECT_EQ(directory.read("debug"), "");
+              write(unnamed, Info, "x%d", 1);
+              SystemLogger named(name);
+              name[1] = 'd';
+              write(named, Debug, "%s", std::string(479, 'y').c_str());
+            }),
+            "");
+  EXPECT_EQ(directory.read("debug"),
+            "x1\n%s: Initialised\n%s: " + std::string(478, 'y') + "\n%s: Finish\n");
+}
+
+TEST(DialogLogger, IsTitledErrorForEveryClass) {
+  const TemporaryDirectory directory;
+  const char* script = "#!/bin/sh\nfor each; do printf '%s|' \"$each\"; done > record\n";
+  chmod(directory.write("zenity", script).c_str(), 0755);
+  const std::string errors = inAChild([&] {
+    DialogLogger sink;
+    write(sink, Warning, "%s", "printed");
+    EXPECT_EQ(chdir(directory.pathOf("").c_str()), 0);
+    setenv("PATH", directory.pathOf("").c_str(), 1);
+    setenv("DISPLAY", ":77", 1);
+    write(sink, Info, "%s", std::string(479, 'z').c_str());
+  });
+  EXPECT_EQ(errors, "Error: printed\n\n");
+  EXPECT_EQ(directory.read("record"),
+            "--info|--no-markup|--title|Error|--text|" + std::string(478, 'z') + "\n|");
+}
+
+TEST(NullLogger, LooksAtNothing) {
+  NullLogger sink;
+  const char* none = nullptr;
+  EXPECT_EQ(inAChild([&] { write(sink, Error, none, 0); }), "");
+}
+
+// Each sink expands the caller's errno, and none changes it, nor does a hub that makes a category.
+TEST(Sinks, LeaveErrnoAlone) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.pathOf("log");
+  const std::string errors = inAChild([&] {
+    Log hub;
+    const Ref<Logger> sinks[] = {new StdLogger,
+                                 new SystemLogger("s"),
+                                 new DialogLogger,
+                                 new FileLogger(path.c_str(), FileLogger::Append),
+                                 new FileLogger("/", FileLogger::Append),
+                                 new NullLogger};
+    for (unsigned n = 0; n < std::size(sinks); n++) {
+      hub.setLogger(sinks[n].operator->());
+      for (const std::string& name : {std::to_string(n), std::string(600 + n, 'x')}) {
+        errno = ENOENT;
+        EXPECT_TRUE(hub.willPrint(Error, (name + "!").c_str(), 0));
+        hub.print(Error, name.c_str(), -1, "f", 1, _errnoFormat.c_str(), "end");
+        EXPECT_EQ(errno, ENOENT);
+      }
+    }
+  });
+  const std::string line = "|" + _noEntry;
+  EXPECT_THAT(errors, HasSubstr("\nerror|0" + line + "\n"));
+  EXPECT_THAT(errors, HasSubstr("\ns: error|1" + line + "\n"));
+  EXPECT_THAT(errors, HasSubstr("\nError: error|2" + line + "\n\n"));
+  EXPECT_THAT(directory.read("log"), testing::StartsWith("error|3" + line + "\r\n"));
+}
+
+TEST(Sinks, OutliveTheirReaders) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.pathOf("fifo"), longText(100000, 'x');
+  mkfifo(path.c_str(), 0600);
+  inAChild([&] {
+    signal(SIGPIPE, SIG_DFL);
+    char text[10] = {};
+    int ends[2] = {open(path.c_str(), O_RDONLY | O_NONBLOCK), -1};
+    const Ref<Logger> file(new FileLogger(path.c_str(), FileLogger::Replace));
+    write(*file.operator->(), Info, "seen");
+    EXPECT_EQ(read(ends[0], text, sizeof text), 6);
+    close(ends[0]);
+    EXPECT_EQ(pipe(ends), 0);
+    close(ends[0]);
+    for (int stream : {STDOUT_FILENO, STDERR_FILENO}) dup2(ends[1], stream);
+    const Ref<Logger> sinks[] = {file, new StdLogger(StdLogger::Stdout), new StdLogger,
+                                 new SystemLogger("s")};
+    for (const Ref<Logger>& sink : sinks)
+      for (const char* each : {"short", longText.c_str()})
+        write(*sink.operator->(), Info, "%s", each);
+  });
+}
+
+// --- Exhaustion ---
+
+struct ExhaustedRun {
+  // Whether it went through without a failure. What is printed then is whole or not there at all.
+  bool attempt(unsigned n) {
+    memory_.failFrom(n);
+    Log* hub = new Log;
+    if (hub) {
+      hub->setLogger(file_.operator->());
+      makeCategories(*hub);
+      for (const std::string& text : {std::string("short"), std::string(600, 't')}) {
+        const bool will = hub->willPrint(Info, "a", -1);
+        EXPECT_TRUE(will || memory_.failed());
+        hub->print(Info, "a", -1, "f", 1, (text + "%s").c_str(), "");
+        const std::string before = std::exchange(written_, directory_.read("log"));
+        const std::string after = before + ("info|a|" + text).substr(0, 478) + "\r\n";
+        const bool mayBeLost = memory_.failed() && (text != "short" || !will);
+        EXPECT_TRUE(written_ == after || (mayBeLost && written_ == before)) << written_;
+      }
+    }
+    const bool failed = memory_.failed();
+    memory_.failFrom(0);
+    delete hub;
+    return !failed;
+  }
+  void makeCategories(Log& hub) {
+    unsigned given = 0;
+    for (const std::string& name : {std::string("a"), std::string(600, 'n'), std::string("b"),
+                                    std::string("c"), std::string("d"), std::string("e")}) {
+      const unsigned cat = hub.getCategory(name.c_str(), 1, true);
+      EXPECT_TRUE(cat == given || (cat == UINT_MAX && memory_.failed()));
+      if (cat == given) given++;
+    }
+    EXPECT_EQ(hub.getCategory(given), nullptr);
+  }
+
+  const TemporaryDirectory directory_;
+  FailingAllocator memory_;
+  const Ref<Logger> file_{new FileLogger(directory_.pathOf("log").c_str(), FileLogger::Append)};
+  std::string written_;
+};
+
+TEST(Exhaustion, LosesNothingAndTearsNoLine) {
+  const Ref<Logger> usual = Log::theDefaultLogger();
+  ExhaustedRun run;
+  failEveryNth(100, [&](unsigned n) {
+    const unsigned before = held();
+    const bool went = run.attempt(n);
+    EXPECT_EQ(held(), before);
+    return went;
+  });
+}
+
+}  // namespace
+
+extern "C" {
+
+[[gnu::visibility("default")]] double YIF_CurrentTime() noexcept {
+  errno = EINVAL;
+  return _now;
+}
+}

@@ -1,0 +1,440 @@
+// The balanced map beside std::map, its structure checked after every step; removal in every order
+// from every small shape; requests for memory failing in turn; and the assertions, which only links
+// and balances set by hand can fail.
+#include "utils/sdk/atree.h"
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <numeric>
+#include <string>
+#include <vector>
+
+#include "gmock/gmock.h"
+#include "support/assertion_recorder.h"
+#include "support/counted.h"
+#include "support/failing_allocator.h"
+#include "support/nth_failure.h"
+#include "support/seed.h"
+#include "utils/sdk/platform.h"
+#include "utils/sdk/ysys.h"
+
+template struct Utils::AVLTree<unsigned long, unsigned>;
+template struct Utils::AVLTreeIter<unsigned long, unsigned>;
+template struct Utils::AVLTreeNode<unsigned long, unsigned>;
+template struct Utils::AVLTree<unsigned, const char*>;
+template struct Utils::AVLTreeIter<unsigned, const char*>;
+template struct Utils::AVLTreeNode<unsigned, const char*>;
+template struct Utils::AVLTree<std::string, Counted>;
+template struct Utils::AVLTreeIter<std::string, Counted>;
+
+// To the recorder, if there is one.
+extern "C" [[gnu::visibility("default")]] void _assert(const char* condition, const char* file,
+                                                       unsigned int line) noexcept {
+  YfAssert__(condition, file, line);
+}
+
+namespace {
+
+using testing::Each;
+using testing::ElementsAre;
+using Utils::Allocator;
+using Utils::AVLTree;
+using Utils::AVLTreeIter;
+using Utils::AVLTreeNode;
+using Utils::AVLTreeNodeBase;
+
+using Tree = AVLTree<unsigned, unsigned>;
+using Iter = AVLTreeIter<unsigned, unsigned>;
+using Keys = std::vector<unsigned>;
+
+unsigned held() { return Allocator::theAllocator()->allocatedMemory(); }
+
+// --- The checker: 1. parents  2. balance  3. order. Gives the height. ---
+
+template <class Node>
+int check(const AVLTreeNodeBase* base, const AVLTreeNodeBase* parent, const Node*& last) {
+  if (!base) return 0;
+  const Node* node = static_cast<const Node*>(base);
+  EXPECT_EQ(node->parent_, parent);
+  const int left = check(node->left_, node, last);
+  if (last) {
+    EXPECT_LT(last->key(), node->key());
+  }
+  last = node;
+  const int right = check(node->right_, node, last);
+  EXPECT_EQ(node->balance(), right - left) << "at key " << node->key();
+  EXPECT_LE(std::abs(right - left), 1);
+  return 1 + std::max(left, right);
+}
+
+template <class K, class V>
+int check(const AVLTree<K, V>& tree) {
+  const AVLTreeNode<K, V>* last = nullptr;
+  return check(tree.root_, nullptr, last);
+}
+
+// (left key right)
+std::string shape(const AVLTreeNodeBase* base) {
+  if (!base) return "";
+  const auto* node = static_cast<const AVLTreeNode<unsigned, unsigned>*>(base);
+  return '(' + shape(node->left_) + std::to_string(node->key()) + shape(node->right_) + ')';
+}
+
+void fill(Tree& tree, const Keys& keys) {
+  for (const unsigned key : keys) EXPECT_TRUE(tree.insert(key, key + 100));
+}
+
+std::string shapeOf(const Keys& keys) {
+  Tree tree;
+  fill(tree, keys);
+  check(tree);
+  return shape(tree.root_);
+}
+
+// --- Random runs beside a model ---
+
+template <class K, class V>
+struct MapRun {
+  using Node = AVLTreeNode<K, V>;
+  struct Entry {
+    int value_;
+    const Node* node_;
+  };
+
+  K keyOf(unsigned number) {
+    if constexpr (std::is_same_v<K, std::string>) {
+      return std::to_string(number);
+    } else {
+      return static_cast<K>(number);
+    }
+  }
+
+  void step(unsigned kind, const K& key, int value) {
+    const auto place = model_.find(key);
+    const bool there = place != model_.end();
+    if (kind < 2) {
+      EXPECT_EQ(tree_.insert(key, V(value)), !there);
+      if (!there) remember(key, value);
+    } else if (kind == 2) {
+      auto it = tree_[key];
+      ASSERT_TRUE(it.valid());
+      EXPECT_EQ(it.pos()->key(), key);
+      checkLink(it);
+      if (!there) {
+        EXPECT_TRUE(it.value() == V());
+      }
+      it = V(value);
+      remember(key, value);
+    } else {
+      EXPECT_EQ(tree_.remove(key), there);
+      if (there) model_.erase(place);
+    }
+  }
+
+  void remember(const K& key, int value) {
+    const auto it = tree_.find(key);
+    ASSERT_TRUE(it.valid());
+    model_[key] = {value, it.pos()};
+  }
+
+  void checkLink(const AVLTreeIter<K, V>& it) { EXPECT_EQ(*it.insertAddr_, it.pos_); }
+
+  void compare() {
+    const int height = check(tree_);
+    if (model_.size() > 3) {
+      EXPECT_LE(height, 1.45 * std::log2(static_cast<double>(model_.size()) + 2));
+    }
+    auto expected = model_.begin();
+    for (const auto& node : static_cast<const AVLTree<K, V>&>(tree_)) {
+      ASSERT_NE(expected, model_.end());
+      EXPECT_EQ(&node, expected->second.node_) << "every node stays where it is";
+      EXPECT_EQ(node.key(), expected->first);
+      EXPECT_TRUE(node.value() == V(expected->second.value_));
+      ++expected;
+    }
+    EXPECT_EQ(expected, model_.end());
+  }
+
+  // Both ways, and off both ends.
+  void walk() {
+    AVLTreeIter<K, V> it;
+    it.tree(&tree_);
+    it.top();
+    it.downRight();
+    for (auto place = model_.rbegin(); place != model_.rend(); ++place, it.bump(false))
+      EXPECT_EQ(it.pos(), place->second.node_);
+    EXPECT_FALSE(it.valid());
+    it.bump(true);
+    EXPECT_FALSE(it.valid());
+    it.top();
+    it.downLeft();
+    for (const auto& entry : model_) {
+      EXPECT_EQ(it.pos(), entry.second.node_);
+      it.bump(true);
+    }
+    EXPECT_FALSE(it.valid());
+  }
+
+  void run(unsigned range, unsigned steps, unsigned every) {
+    Random random(range);
+    for (unsigned i = 0; i < steps && !testing::Test::HasFailure(); i++) {
+      const unsigned kind = random.below(6);  // as many insertions as removals
+      step(kind, keyOf(random.below(range)), static_cast<int>(random.below(1000)));
+      if (i % every == 0) compare();
+    }
+    compare();
+    walk();
+  }
+
+  AVLTree<K, V> tree_;
+  std::map<K, Entry> model_;
+};
+
+TEST(AVLTree, RandomRunFollowsTheModel) {
+  const unsigned before = held();
+  Counted::reset();
+  MapRun<unsigned, unsigned>().run(12, 20000, 1);
+  MapRun<unsigned long, unsigned>().run(200, 6000, 2);
+  MapRun<std::string, Counted>().run(1000, 5000, 20);
+  MapRun<double, int>().run(20000, 60000, 3000);
+  EXPECT_EQ(held(), before);
+  Counted::reset();
+}
+
+// --- Every small shape ---
+
+// The keys of a tree by their depth.
+using Levels = std::vector<Keys>;
+
+void append(Levels& levels, const Levels& below, unsigned offset) {
+  for (std::size_t depth = 0; depth < below.size(); depth++) {
+    if (levels.size() <= depth + 1) levels.emplace_back();
+    for (const unsigned key : below[depth]) levels[depth + 1].push_back(key + offset);
+  }
+}
+
+// All balanced trees of the keys 0 to n - 1, from those of fewer keys.
+std::vector<Levels> shapesOf(unsigned n, const std::vector<std::vector<Levels>>& smaller) {
+  std::vector<Levels> shapes;
+  for (unsigned root = 0; root < n; root++) {
+    for (const Levels& left : smaller[root]) {
+      for (const Levels& right : smaller[n - 1 - root]) {
+        if (std::max(left.size(), right.size()) - std::min(left.size(), right.size()) > 1) continue;
+        Levels levels = {{root}};
+        append(levels, left, 0);
+        append(levels, right, root + 1);
+        shapes.push_back(levels);
+      }
+    }
+  }
+  return shapes;
+}
+
+// Inserted level by level, the keys make the very shape: nothing is ever out of balance.
+void removeAll(const Levels& levels, const Keys& order) {
+  Tree tree;
+  for (const Keys& level : levels) fill(tree, level);
+  ASSERT_EQ(check(tree), static_cast<int>(levels.size()));
+  std::map<unsigned, const AVLTreeNodeBase*> left;
+  for (const unsigned key : order) left[key] = tree.find(key).pos();
+  for (const unsigned key : order) {
+    EXPECT_TRUE(tree.remove(key));
+    EXPECT_FALSE(tree.remove(key));
+    left.erase(key);
+    check(tree);
+    for (const auto& [other, node] : left) EXPECT_EQ(tree.find(other).pos(), node);
+  }
+  EXPECT_EQ(tree.root_, nullptr);
+}
+
+TEST(AVLTree, RemovesInEveryOrderFromEveryShape) {
+  Random random(5);
+  std::vector<std::vector<Levels>> shapes = {{{}}};
+  for (unsigned n = 1; n <= 12 && !HasFailure(); n++) {
+    shapes.push_back(shapesOf(n, shapes));
+    if (n < 5) continue;
+    Keys order(n);
+    std::iota(order.begin(), order.end(), 0u);
+    const Keys ascending = order;
+    for (const Levels& levels : shapes[n]) {
+      removeAll(levels, ascending);
+      removeAll(levels, Keys(ascending.rbegin(), ascending.rend()));
+      std::shuffle(order.begin(), order.end(), random.engine_);
+      removeAll(levels, order);
+    }
+  }
+  EXPECT_EQ(shapes[12].size(), 184u);
+}
+
+TEST(AVLTree, SmallShapes) {
+  for (const Keys& keys : {Keys{1, 2, 3}, {3, 2, 1}, {1, 3, 2}, {3, 1, 2}})
+    EXPECT_EQ(shapeOf(keys), "((1)2(3))");
+  EXPECT_EQ(shapeOf({1, 2, 3, 4, 5, 6, 7}), "(((1)2(3))4((5)6(7)))");
+  Tree two;
+  fill(two, {1, 2});
+  EXPECT_TRUE(two.remove(1));
+  EXPECT_EQ(shape(two.root_), "(2)");
+  EXPECT_EQ(two.root_->balance(), 0);
+}
+
+// --- Single cases ---
+
+TEST(AVLTree, EmptyOne) {
+  Tree tree;
+  EXPECT_FALSE(tree.find(1).valid());
+  EXPECT_FALSE(tree.remove(1));
+  tree.empty();
+  EXPECT_FALSE(tree.begin() != tree.end());
+  Iter it;
+  it.tree(&tree);
+  it.top();
+  it.downLeft();
+  it.downRight();
+  it.bump(true);
+  EXPECT_FALSE(it.adjustBalance());
+  EXPECT_FALSE(it.up());
+  EXPECT_EQ(it.here(nullptr), 0);
+  EXPECT_FALSE(it.find(7));
+  EXPECT_EQ(it.pos(), nullptr);
+  ASSERT_EQ(it.insertAddr_, &tree.root_);
+  EXPECT_TRUE(it.insert(7, 8));
+  EXPECT_EQ(tree.find(7).value(), 8u);
+  fill(tree, {1, 2, 3});
+  tree.empty();
+  EXPECT_EQ(tree.root_, nullptr);
+}
+
+TEST(AVLTree, ValuesThroughIterators) {
+  AVLTree<unsigned long, unsigned> tree;
+  EXPECT_EQ(tree[5], 0u) << "and made";
+  EXPECT_EQ(tree[5] = 6, 6u);
+  EXPECT_FALSE(tree.insert(5, 7));
+  tree[1] = tree[5];
+  EXPECT_EQ(tree.find(1), 6u);
+  auto it = tree.find(9);
+  EXPECT_EQ(it, 0u);
+  EXPECT_EQ(it = 3u, 3u);
+  EXPECT_FALSE(tree.find(9).valid());
+  EXPECT_FALSE(it.remove());
+  EXPECT_EQ(it.AVLTreeIterBase::remove(), nullptr);
+  it = tree.find(1);
+  tree.find(1).pos()->value(4);
+  EXPECT_EQ(it.value(), 4u);
+  for (auto& entry : tree) entry.value()++;
+  EXPECT_EQ(tree[1] + tree[5], 12u);
+}
+
+TEST(AVLTreeIter, PlaceAndLink) {
+  Tree tree;
+  fill(tree, {2, 1, 3});
+  Iter it;
+  it.tree(&tree);
+  it.top();
+  AVLTreeNodeBase** sibling = nullptr;
+  EXPECT_EQ(it.here(&sibling), 0);
+  EXPECT_EQ(sibling, nullptr);
+  EXPECT_TRUE(it.find(2));
+  EXPECT_EQ(it.insertAddr_, &tree.root_);
+  EXPECT_FALSE(it.find(4));
+  EXPECT_EQ(it.pos()->key(), 3u);
+  EXPECT_EQ(it.insertAddr_, &it.pos()->right_);
+  EXPECT_EQ(it.here(&sibling), 1);
+  EXPECT_EQ(sibling, &it.left(tree.root_));
+  EXPECT_TRUE(it.up());
+  EXPECT_EQ(it.pos_, tree.root_);
+  EXPECT_EQ(it.insertAddr_, &it.right(tree.root_));
+  EXPECT_TRUE(it.up());
+  EXPECT_FALSE(it.valid());
+  EXPECT_EQ(it.insertAddr_, &tree.root_);
+  EXPECT_FALSE(it.up());
+  Iter unset;
+  EXPECT_TRUE(unset.insert(1, 1));
+  EXPECT_EQ(check(tree), 2);
+}
+
+// Without balancing, a tree is as deep as it has nodes.
+TEST(AVLTreeIter, UnbalancedTreesEndWithoutRecursion) {
+  Tree tree;
+  Iter it;
+  it.tree(&tree);
+  it.top();
+  for (unsigned key = 0; key < 300000; key++) {
+    ASSERT_TRUE(it.insert(key, key));
+    it.pos_ = *it.insertAddr_;
+    it.insertAddr_ = &it.right(it.pos_);
+  }
+  const unsigned before = held();
+  tree.empty();
+  EXPECT_LE(held(), before - 300000 * sizeof(Iter::Node));
+}
+
+// --- No memory ---
+
+TEST(Exhaustion, EveryFailureLeavesTheTreeAsItWas) {
+  const unsigned before = held();
+  Counted::reset();
+  failEveryNth(6, [](unsigned n) {
+    FailingAllocator allocator;
+    AVLTree<unsigned, Counted> tree;
+    allocator.failFrom(n);
+    unsigned entries = 0;
+    for (const unsigned key : {1u, 2u}) entries += tree.insert(key, 9);
+    for (const unsigned key : {3u, 4u}) {
+      auto it = tree[key];
+      entries += it.valid();
+      it = 9;
+    }
+    const bool failed = allocator.failed();
+    EXPECT_EQ(entries, failed ? n - 1 : 4u);
+    EXPECT_EQ(Counted::live_, static_cast<int>(entries)) << "no constructor runs on nothing";
+    check(tree);
+    allocator.failFrom(0);
+    EXPECT_EQ(tree.insert(4, 9), failed);
+    return !failed;
+  });
+  EXPECT_EQ(held(), before);
+  Counted::reset();
+}
+
+// --- Assertions ---
+
+TEST(Assertions, NameWhatDoesNotHold) {
+  AssertionRecorder recorder;
+  Tree tree;
+  fill(tree, {2, 1});
+  Iter it;
+  it.nodeOps_ = &Iter::Node::ops_;
+  it.pos_ = tree.root_;
+  it.here(nullptr);
+  it.rotateLeft();
+  it.leftBalance();
+  EXPECT_THAT(recorder.take(),
+              ElementsAre("ops_", "insertAddr_ && *insertAddr_", "insertAddr_ && *insertAddr_"));
+  it.tree(&tree);
+  it.top();
+  it.rotateLeft();
+  it.insertAddr_ = &it.left(it.pos_);
+  it.rotateRight();
+  it.leftBalance();
+  EXPECT_THAT(recorder.take(),
+              ElementsAre("rChild", "lChild", "(*insertAddr_)->balance_ != 0", "rightNode"));
+  it.pos_ = nullptr;
+  it.rightBalance();
+  EXPECT_THAT(recorder.take(), ElementsAre("pos_"));
+  EXPECT_EQ(shape(tree.root_), "((1)2)");
+  tree.root_->balance_ = 1;
+  EXPECT_TRUE(tree.remove(1));
+  EXPECT_THAT(recorder.take(), ElementsAre("sibNode"));
+  EXPECT_EQ(shape(tree.root_), "(2)");
+  EXPECT_THAT(recorder.files_, Each("utils/sdk/atree"));
+}
+
+static_assert(sizeof(AVLTree<char, char>) == sizeof(void*));
+static_assert(sizeof(Utils::AVLTreeIterBase) == 5 * sizeof(void*) &&
+              sizeof(Iter) == 5 * sizeof(void*));
+static_assert(sizeof(AVLTreeNode<unsigned, const char*>) == (sizeof(void*) == 4 ? 24 : 48));
+static_assert(!std::is_copy_constructible_v<Tree> && !std::is_copy_assignable_v<Tree>);
+static_assert(std::is_copy_assignable_v<Iter>);
+
+}  // namespace

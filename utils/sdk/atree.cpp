@@ -1,0 +1,296 @@
+// atree.cpp: the structure of the balanced map, written once for all keys and values.
+//
+// What happens on the left happens mirrored on the right: each step stands once, with the side as
+// its argument, and the exported operations name the side. A balance times the sign of a side is
+// positive where the node leans to that side.
+#include "utils/sdk/atree.h"
+
+#include "utils/sdk/platform.h"
+
+namespace Utils {
+
+namespace {
+
+using Node = AVLTreeNodeBase;
+using Iter = AVLTreeIterBase;
+
+constexpr char SOURCE[] = "utils/sdk/atree";
+
+enum Side { LEFT = -1, RIGHT = 1 };  // by their signs
+
+Side opposite(Side side) { return static_cast<Side>(-side); }
+
+// Which side a step works on cannot be foreseen: it is computed with. The compiler does not see
+// through this and makes no branch of it.
+int numberOf(bool condition) {
+  int number = condition;
+  asm("" : "+r"(number));
+  return number;
+}
+
+Side sideOf(const Iter& it, Node* above, const Node* child) {
+  return static_cast<Side>(1 - 2 * numberOf(it.left(above) == child));
+}
+
+Node*& child(const Iter& it, Node* node, Side side) {
+  const unsigned mask = 0 - static_cast<unsigned>(numberOf(side == RIGHT));
+  const unsigned left = it.nodeOps_->offset1_;
+  const unsigned offset = left ^ ((left ^ it.nodeOps_->offset2_) & mask);
+  return *reinterpret_cast<Node**>(reinterpret_cast<char*>(node) + offset);
+}
+
+// Gives the condition, so that a caller that cannot go on without it leaves everything as it is.
+bool holds(bool condition, const char* text, unsigned line) {
+  if (!condition) [[unlikely]]
+    _assert(text, SOURCE, line);
+  return condition;
+}
+
+bool hasLinkedNode(const Iter& it) {
+  return holds(it.insertAddr_ && *it.insertAddr_, "insertAddr_ && *insertAddr_", __LINE__);
+}
+
+void setLink(const Iter& it, Node* node, Side side, Node* to) {
+  child(it, node, side) = to;
+  if (to) it.parent(to) = node;
+}
+
+// The child on the other side rises into insertAddr_, its parent sinks to `side`.
+void rotate(Iter& it, Side side) {
+  if (!hasLinkedNode(it)) return;
+  Node* sinking = *it.insertAddr_;
+  Node* rising = child(it, sinking, opposite(side));
+  if (!holds(rising, side == LEFT ? "rChild" : "lChild", __LINE__)) return;
+  setLink(it, sinking, opposite(side), child(it, rising, side));
+  setLink(it, rising, side, sinking);
+  *it.insertAddr_ = rising;
+  it.parent(rising) = it.pos_;
+}
+
+// --- Insertion ---
+
+// The node at pos_ leans by two to `side`, and its child there leans the same way.
+void rotateOnce(Iter& it, Node* child, Side side) {
+  it.pos_->balance_ = child->balance_ = 0;
+  it.up();
+  rotate(it, opposite(side));
+}
+
+// The node at pos_ leans by two to `side`, its child there the other way: the grandchild between
+// them rises above both.
+void rotateTwice(Iter& it, Node* child, Node* grandchild, Side side) {
+  const int lean = grandchild->balance_ * side;
+  it.pos_->balance_ = lean > 0 ? -side : 0;
+  child->balance_ = lean < 0 ? side : 0;
+  grandchild->balance_ = 0;
+  rotate(it, side);
+  it.up();
+  rotate(it, opposite(side));
+}
+
+void mendGrown(Iter& it, Side side) {
+  if (!hasLinkedNode(it) || !holds(it.pos_, "pos_", __LINE__)) return;
+  Node* node = *it.insertAddr_;
+  holds(node->balance_ != 0, "(*insertAddr_)->balance_ != 0", __LINE__);
+  if (node->balance_ * side > 0) return rotateOnce(it, node, side);
+  Node* inner = child(it, node, opposite(side));
+  if (!holds(inner, side == LEFT ? "rightNode" : "leftNode", __LINE__)) return;
+  rotateTwice(it, node, inner, side);
+}
+
+// The subtree on that side of pos_ has grown, its link is insertAddr_. True when the one at pos_
+// has.
+bool takeGrowth(Iter& it, Side side) {
+  const bool grows = it.pos_->balance_ == 0;
+  it.pos_->balance_ += side;
+  if (it.pos_->balance_ * side > 1) mendGrown(it, side);
+  return grows;
+}
+
+// --- Removal ---
+
+// To the parent. Gives the side on which the parent is now too high, if the subtree that was left
+// has become one lower; 0 above the root.
+int climb(Iter& it) {
+  const int dir = -it.here(nullptr);
+  it.pos_ = it.parent(it.pos_);
+  return dir;
+}
+
+// A node with two children changes places with its predecessor, which has at most a left one.
+void exchangeWithPredecessor(Iter& it) {
+  Node* node = it.pos_;
+  it.here(nullptr);
+  Node* next = it.left(node);
+  while (Node* further = it.right(next)) next = further;
+  Node* rest = it.left(next);
+  Node* above = next;  // what the node will hang below
+  if (next != it.left(node)) {
+    above = it.parent(next);
+    setLink(it, next, LEFT, it.left(node));
+    it.right(above) = node;
+  } else {
+    it.left(next) = node;
+  }
+  setLink(it, next, RIGHT, it.right(node));
+  it.parent(next) = it.parent(node);
+  *it.insertAddr_ = next;
+  setLink(it, node, LEFT, rest);
+  it.right(node) = nullptr;
+  it.parent(node) = above;
+  const int balance = node->balance_;
+  node->balance_ = next->balance_;
+  next->balance_ = balance;
+}
+
+// Takes the node at insertAddr_ out, which has at most one child; its parent link stays.
+void unlink(Iter& it, Node* node) {
+  Node* rest = it.left(node) ? it.left(node) : it.right(node);
+  if (rest) it.parent(rest) = it.parent(node);
+  *it.insertAddr_ = rest;
+  it.left(node) = it.right(node) = nullptr;
+}
+
+// The node at pos_ is too high by two on the side `dir`. True when mending has made its subtree
+// lower: pos_ is then the parent, and `dir` the side on which that one is now too high.
+bool mendShrunk(Iter& it, int& dir) {
+  const Side side = static_cast<Side>(dir);
+  Node* node = it.pos_;
+  Node* sibNode = child(it, node, side);
+  if (!holds(sibNode, "sibNode", __LINE__)) return false;
+  const int lean = sibNode->balance_ * side;
+  if (lean < 0) {
+    it.insertAddr_ = &child(it, node, side);
+    rotate(it, side);
+    Node* inner = *it.insertAddr_;
+    if (!holds(inner, "node", __LINE__)) return false;
+    const int innerLean = inner->balance_ * side;
+    inner->balance_ = 0;
+    sibNode->balance_ = innerLean < 0 ? side : 0;
+    dir = climb(it);
+    if (!holds(*it.insertAddr_, "node", __LINE__)) return false;
+    node->balance_ = innerLean > 0 ? -side : 0;
+  } else {
+    sibNode->balance_ = lean == 0 ? -side : 0;
+    if (lean > 0) node->balance_ = 0;
+    dir = climb(it);
+  }
+  rotate(it, opposite(side));
+  return lean != 0;
+}
+
+// The subtree below pos_ on the other side than `dir` has become one lower.
+void retrace(Iter& it, int dir) {
+  while (Node* node = it.pos_) {
+    if (node->balance_ == 0) {
+      node->balance_ = dir;
+      return;
+    }
+    if (node->balance_ != dir) {
+      node->balance_ = 0;
+      dir = climb(it);
+    } else if (!mendShrunk(it, dir)) {
+      return;
+    }
+  }
+}
+
+}  // namespace
+
+// --- Walking ---
+
+int AVLTreeIterBase::here(AVLTreeNodeBase*** sibling) {
+  if (!pos_) return 0;
+  AVLTreeNodeBase* above = parent(pos_);
+  if (!above) {
+    if (holds(ops_, "ops_", __LINE__)) insertAddr_ = &linkAt(tree_, ops_->offset0_);
+    return 0;
+  }
+  const Side side = sideOf(*this, above, pos_);
+  insertAddr_ = &child(*this, above, side);
+  if (sibling) *sibling = &child(*this, above, opposite(side));
+  return side;
+}
+
+bool AVLTreeIterBase::up() {
+  if (!pos_) return false;
+  climb(*this);
+  return true;
+}
+
+void AVLTreeIterBase::downLeft() {
+  if (!pos_) return;
+  while (AVLTreeNodeBase* next = left(pos_)) pos_ = next;
+}
+
+void AVLTreeIterBase::downRight() {
+  if (!pos_) return;
+  while (AVLTreeNodeBase* next = right(pos_)) pos_ = next;
+}
+
+void AVLTreeIterBase::bump(bool forward) {
+  if (pos_) pos_ = next(pos_, forward, *nodeOps_);
+}
+
+// --- Balance ---
+
+bool AVLTreeIterBase::adjustBalance() {
+  if (!pos_) return false;
+  if (insertAddr_ == &left(pos_)) return takeGrowth(*this, LEFT);
+  return insertAddr_ == &right(pos_) && takeGrowth(*this, RIGHT);
+}
+
+// Up to the first node that is not even, all lean to where they have grown, and nothing else
+// happens to them.
+void AVLTreeIterBase::settle() {
+  AVLTreeNodeBase* node = pos_;
+  AVLTreeNodeBase* grown = insertAddr_ ? *insertAddr_ : nullptr;
+  while (node && node->balance_ == 0) {
+    node->balance_ = sideOf(*this, node, grown);
+    grown = node;
+    node = parent(grown);
+  }
+  pos_ = node;
+  if (!node) return;
+  const Side side = sideOf(*this, node, grown);
+  insertAddr_ = &child(*this, node, side);
+  takeGrowth(*this, side);
+}
+
+void AVLTreeIterBase::leftBalance() { mendGrown(*this, LEFT); }
+
+void AVLTreeIterBase::rightBalance() { mendGrown(*this, RIGHT); }
+
+void AVLTreeIterBase::rotateLeft() { rotate(*this, LEFT); }
+
+void AVLTreeIterBase::rotateRight() { rotate(*this, RIGHT); }
+
+// --- Taking out ---
+
+AVLTreeNodeBase* AVLTreeIterBase::remove() {
+  AVLTreeNodeBase* node = pos_;
+  if (!node) return nullptr;
+  if (left(node) && right(node)) exchangeWithPredecessor(*this);
+  const int dir = climb(*this);
+  unlink(*this, node);
+  retrace(*this, dir);
+  return node;
+}
+
+AVLTreeNodeBase* AVLTreeIterBase::cutLeaf(AVLTreeNodeBase*& node, AVLTreeNodeBase* top,
+                                          const TemplOps& nodeOps) {
+  AVLTreeNodeBase* leaf = node;
+  while (true) {
+    AVLTreeNodeBase* left = linkAt(leaf, nodeOps.offset1_);
+    AVLTreeNodeBase* child = left ? left : linkAt(leaf, nodeOps.offset2_);
+    if (!child) break;
+    leaf = child;
+  }
+  if (leaf == top) return nullptr;
+  node = linkAt(leaf, nodeOps.offset0_);
+  AVLTreeNodeBase*& left = linkAt(node, nodeOps.offset1_);
+  (left == leaf ? left : linkAt(node, nodeOps.offset2_)) = nullptr;
+  return leaf;
+}
+
+}  // namespace Utils

@@ -2,12 +2,15 @@
 
 #include <dlfcn.h>
 
+#include <cstdlib>
+
 #include "utils/sdk/allocator.h"
 #include "utils/sdk/ysys.h"
 
 unsigned SystemMemory::inits_ = 0;
 std::vector<unsigned> SystemMemory::sizes_;
 unsigned SystemMemory::failFrom_ = 0;
+bool SystemMemory::wasReset_ = false;
 
 TakenMemory::TakenMemory() {
   SystemMemory::reset();
@@ -42,6 +45,7 @@ extern "C" {
 
 [[gnu::visibility("default")]] void* YIF_MemAlloc(unsigned int size) noexcept {
   SystemMemory::sizes_.push_back(size);
+  if (!SystemMemory::wasReset_ && std::getenv("SYSTEM_MEMORY_FAILS_AT_LOAD")) return nullptr;
   const auto asked = SystemMemory::sizes_.size();
   if (SystemMemory::failFrom_ != 0 && asked >= SystemMemory::failFrom_) return nullptr;
   static auto* const real = next(&YIF_MemAlloc, "YIF_MemAlloc");

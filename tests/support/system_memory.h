@@ -1,7 +1,8 @@
 // system_memory.h: YIF_MemInit and YIF_MemAlloc, counted and made to fail.
 //
 // A program that uses it has both replaced; they pass on to the system layer's own unless told to
-// fail.
+// fail. With SYSTEM_MEMORY_FAILS_AT_LOAD in the environment all requests fail until the first
+// reset.
 #pragma once
 
 #include <vector>
@@ -11,7 +12,10 @@ struct SystemMemory {
   static std::vector<unsigned> sizes_;  // every request
   static unsigned failFrom_;  // requests from the nth on, counted from 1, give null; 0: none
 
+  static bool wasReset_;
+
   static void reset() {
+    wasReset_ = true;
     inits_ = failFrom_ = 0;
     sizes_.clear();
   }

@@ -10,6 +10,8 @@ namespace Utils {
 enum LoadOrder {
   LOADED_NULL_STRING = 101,     // String::null_ (string.cpp)
   LOADED_DEFAULT_LOGGER = 102,  // Log::theDefaultLogger_ (log.cpp)
+  LOADED_STD_RESULTS = 103,     // _stdResults, and with them the process allocator (result.cpp)
+  LOADED_LAST_ERRORS = 104,     // _lastErrorValues (result.cpp)
 };
 
 }  // namespace Utils

@@ -1,0 +1,131 @@
+// result.cpp: the tables behind the result codes.
+//
+// What must serve before the library's static objects are there and after they are gone, in other
+// libraries' initialisers, destructors and handlers at exit, is kept where the language neither
+// builds nor destroys it. Unloading then gives memory back, and leaves tables that are empty.
+#include "utils/sdk/result.h"
+
+#include <cstdio>
+#include <new>
+
+#include "utils/sdk/atree.h"
+#include "utils/sdk/load_order.h"
+#include "utils/sdk/log.h"
+#include "utils/sdk/vector.h"
+#include "utils/sdk/ysys.h"
+
+namespace Utils {
+
+// --- Texts ---
+
+namespace {
+
+using ErrorStrings = AVLTree<unsigned, const char*>;
+
+ErrorStrings* _errorStrings = nullptr;  // lives for ever, once made
+
+void registerResultString(unsigned code, const char* text) {
+  if (!_errorStrings) _errorStrings = new (std::nothrow) ErrorStrings;
+  if (_errorStrings) _errorStrings->insert(code, text);
+}
+
+void unregisterResultString(unsigned code) {
+  if (_errorStrings) _errorStrings->remove(code);
+}
+
+}  // namespace
+
+ResultString::ResultString(unsigned code, const char* text) : code_(code) {
+  registerResultString(code, text);
+}
+
+ResultString::~ResultString() { unregisterResultString(code_); }
+
+const char* resultToString(unsigned code) {
+  if (_errorStrings) {
+    const auto found = _errorStrings->find(code);
+    if (found.valid()) return found.value();
+  }
+  static char buf[40];
+  std::snprintf(buf, sizeof buf, succeeded(code) ? "Success #0x%08x" : "Failure #0x%08x", code);
+  return buf;
+}
+
+namespace {
+
+[[gnu::init_priority(LOADED_STD_RESULTS)]] ResultString _stdResults[] = {
+    {0x00000000, "Success"},          {0x80000000, "Generic failure"},
+    {0x80000001, "Not implemented"},  {0x80000002, "Out of memory"},
+    {0x80000003, "Invalid argument"}, {0x80000004, "No interface"},
+    {0x80040001, "File not found"},   {0x80040002, "File read error"},
+    {0x80040003, "File write error"}, {0x80040004, "File is corrupt"},
+};
+
+}  // namespace
+
+// --- Last errors ---
+
+namespace {
+
+using LastErrors = AVLTree<unsigned long, unsigned>;
+
+union LastErrorsStorage {
+  constexpr LastErrorsStorage() : tree_() {}
+  ~LastErrorsStorage() {}
+
+  LastErrors tree_;
+};
+
+constinit LastErrorsStorage _lastErrorValues;
+
+struct LastErrorsEnd {
+  ~LastErrorsEnd() { _lastErrorValues.tree_.empty(); }
+};
+
+[[gnu::init_priority(LOADED_LAST_ERRORS)]] LastErrorsEnd _lastErrorsEnd;
+
+// The entry of the calling task, made where there was none.
+LastErrors::Iter ownError() { return _lastErrorValues.tree_[YIF_CurrentTaskIdCoop()]; }
+
+}  // namespace
+
+unsigned lastError() { return ownError(); }
+
+void clearError() { ownError() = 0; }
+
+// --- Listeners ---
+
+ResultListener::~ResultListener() {}
+
+namespace {
+
+using Listeners = Vector<const ResultListener*>;
+
+Listeners* _resultListeners = nullptr;  // lives for ever, once made
+
+// The list may change while it is gone through.
+void tellListeners(unsigned code) {
+  if (!_resultListeners) return;
+  for (unsigned i = 0; i < _resultListeners->size(); i++) (*_resultListeners)[i]->errorRaised(code);
+}
+
+}  // namespace
+
+void addResultListener(const ResultListener* listener) {
+  if (!_resultListeners) _resultListeners = new (std::nothrow) Listeners;
+  if (_resultListeners) _resultListeners->add(listener);
+}
+
+void removeResultListener(const ResultListener* listener) {
+  if (_resultListeners) _resultListeners->remove(listener);
+}
+
+unsigned raiseError(unsigned code) {
+  const char* text = resultToString(code);
+  Log::theLog()->print(Error, "utils", -3, "utils/sdk/result", __LINE__, "Raising error: %s", text);
+  ownError() = code;
+  tellListeners(code);
+  return code;
+}
+
+}  // namespace Utils

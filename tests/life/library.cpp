@@ -1,0 +1,25 @@
+// A library beside the tested one, with static objects of its own.
+#include "life/uses.h"
+
+namespace {
+
+Life::Witness _witness("a library's initialiser", "a library's destructor");
+
+}  // namespace
+
+extern "C" {
+[[gnu::visibility("default")]] void lifeUse(const char* moment) { Life::use(moment); }
+[[gnu::visibility("default")]] unsigned lifeHeld() {
+  return Utils::Allocator::theAllocator()->allocatedMemory();
+}
+// Bytes that one entry of a table of results takes.
+[[gnu::visibility("default")]] unsigned lifeEntrySize() {
+  Utils::AVLTree<unsigned, const char*> tree;
+  const unsigned before = lifeHeld();
+  tree.insert(1, "text");
+  return lifeHeld() - before;
+}
+[[gnu::visibility("default")]] const char* lifeText(unsigned code) {
+  return Utils::resultToString(code);
+}
+}

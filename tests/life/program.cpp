@@ -1,0 +1,54 @@
+// Uses the library at the moment of its life that the environment variable LIFE names.
+#include <dlfcn.h>
+#include <sys/wait.h>
+
+#include <thread>
+
+#include "life/uses.h"
+
+extern "C" void lifeUse(const char* moment);
+
+namespace {
+
+Life::Witness _witness("the program's initialiser", "the program's destructor");
+
+bool isMoment(const char* moment) {
+  const char* chosen = std::getenv("LIFE");
+  return chosen && std::strcmp(chosen, moment) == 0;
+}
+
+void useInChild(const char* moment) {
+  const pid_t child = fork();
+  if (child == 0) {
+    Life::use(moment);
+    _exit(0);
+  }
+  int status = 1;
+  if (waitpid(child, &status, 0) != child || status != 0) Life::say("the child failed\n");
+}
+
+void useInPlugin(const char* moment) {
+  void* plugin = dlopen(PLUGIN, RTLD_NOW | RTLD_LOCAL);
+  if (!plugin) return Life::say(dlerror());
+  reinterpret_cast<void (*)(const char*)>(dlsym(plugin, "lifeUse"))(moment);
+  dlclose(plugin);
+}
+
+}  // namespace
+
+int main() {
+  std::atexit([] { Life::at("an exit handler"); });
+  if (isMoment("a child")) useInChild("a child");
+  if (isMoment("a child of a process that has used it")) {
+    Life::use("its parent");
+    useInChild("a child of a process that has used it");
+  }
+  if (isMoment("a second task")) {
+    std::thread([] { Life::use("a first task"); }).join();
+    std::thread([] { Life::use("a second task"); }).join();
+  }
+  if (isMoment("a plugin, twice")) {
+    useInPlugin("a plugin, once");
+    useInPlugin("a plugin, twice");
+  }
+}

@@ -1,0 +1,74 @@
+// uses.h: a bit of everything that the library offers, to be used at any moment of a process.
+#pragma once
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "utils/sdk/atree.h"
+#include "utils/sdk/log.h"
+#include "utils/sdk/result.h"
+#include "utils/sdk/string.h"
+#include "utils/sdk/uid.h"
+
+namespace Life {
+
+inline const char* useStrings() {
+  Utils::String small("small");
+  Utils::String large('x', 300000);
+  small += " and more";
+  large[299999] = 'y';
+  return small == "small and more" && large.index('y') == 299999 ? nullptr : "strings";
+}
+
+inline const char* useTrees() {
+  Utils::AVLTree<Utils::String, unsigned> tree;
+  for (char c = 'a'; c <= 'z'; c++) tree.insert(c, static_cast<unsigned>(c));
+  return tree.remove("m") && !tree.find("m").valid() && tree.find("n").value() == 'n' ? nullptr
+                                                                                      : "trees";
+}
+
+inline const char* useResults() {
+  if (std::strcmp(Utils::resultToString(0x80001234), "Failure #0x80001234") != 0) return "texts";
+  return Utils::raiseError(0x80040001) == 0x80040001 && Utils::lastError() == 0x80040001
+             ? nullptr
+             : "last errors";
+}
+
+inline const char* useIdentifiers() {
+  const Utils::UID first, second;
+  return first != second && Utils::UID(Utils::UID(first).asText()) == first ? nullptr
+                                                                            : "identifiers";
+}
+
+inline void say(const char* text) {
+  if (write(STDERR_FILENO, text, std::strlen(text)) < 0) std::abort();
+}
+
+// Logs a line, raises an error, and tells on standard error how all went.
+inline void use(const char* moment) {
+  Utils::Log::theLog()->print(Utils::Info, "life", -1, __FILE__, __LINE__, "%s", moment);
+  const char* wrong = nullptr;
+  for (auto step : {useStrings, useTrees, useResults, useIdentifiers}) {
+    if (!wrong) wrong = step();
+  }
+  say(wrong ? wrong : "all well");
+  say(wrong ? " failed\n" : "\n");
+}
+
+// The same, if that is the moment that the process was told to do it at.
+inline void at(const char* moment) {
+  const char* chosen = std::getenv("LIFE");
+  if (chosen && std::strcmp(chosen, moment) == 0) use(moment);
+}
+
+// Uses everything when it comes and when it goes.
+struct Witness {
+  Witness(const char* birth, const char* end) : end_(end) { at(birth); }
+  ~Witness() { at(end_); }
+
+  const char* end_;
+};
+
+}  // namespace Life

@@ -3,10 +3,11 @@
 //   tour FILE...
 //
 // Reads each file whole into a String, one memory colour a file, and indexes the words that tokSpan
-// finds in a weight-balanced tree whose nodes and words lie in memory of that colour too. Prints
-// the most frequent words, who holds how many bytes, how long each step took, and the allocator's
-// own report; then frees everything and shows that heap and strings are as they were. A file that
-// cannot be read is named on standard error, and the status is 1.
+// finds in a weight-balanced tree whose nodes and words lie in memory of that colour too, and
+// counts them once more in a map. Prints the most frequent words, who holds how many bytes, how
+// long each step took, and the allocator's own report; then frees everything and shows that heap
+// and strings are as they were. A file that cannot be read is named on standard error and raised as
+// an error, which a listener counts; the status is then 1.
 //
 // What it does can be followed in the log: env YUtils.Log.Categories=tour#2 tour FILE...
 #include <algorithm>
@@ -18,7 +19,9 @@
 #include <vector>
 
 #include "utils/sdk/alloc.h"
+#include "utils/sdk/atree.h"
 #include "utils/sdk/log.h"
+#include "utils/sdk/result.h"
 #include "utils/sdk/string.h"
 #include "utils/sdk/time.h"
 #include "utils/sdk/uid.h"
@@ -40,7 +43,10 @@ constexpr char SOURCE[] = "examples/tour.cpp";
 // The process allocator, known to be the arena that can also be walked.
 MemoryAllocator& heap() { return *static_cast<MemoryAllocator*>(Utils::Allocator::theAllocator()); }
 
-// --- The index ---
+// --- The index and the map ---
+
+// How often each word comes. Its strings are those of the index, shared.
+using Counts = Utils::AVLTree<String, unsigned>;
 
 // The key stands directly behind the node, where the tree looks for it.
 struct Word : Utils::WTreeNodeBase {
@@ -68,18 +74,16 @@ struct Index : Utils::WTreeBase {
 
   // Counts one word more, in memory of the default colour; false when there is none.
   bool add(const SubString& text) {
-    if (Word* known = find(text)) {
-      known->count_++;
-      return true;
+    Word* word = find(text);
+    if (word) {
+      word->count_++;
+    } else if (!(word = addNew(text))) {
+      return false;
     }
-    void* block = heap().alloc(sizeof(Word));
-    if (!block) return false;
-    Word* word = new (block) Word(text);
-    if (word->text_.size() == text.size() && insert(word, alphabetical)) return true;
-    release(word);
-    return false;
+    const auto count = counts_[word->text_];
+    if (count.valid()) count.value()++;
+    return count.valid();
   }
-
   std::vector<const Word*> words() const {
     std::vector<const Word*> all;
     for (auto* node = minNode(); node; node = nextNode(node, alphabetical))
@@ -87,18 +91,40 @@ struct Index : Utils::WTreeBase {
     return all;
   }
 
+  const Counts& counts() const { return counts_; }
+
   void clear() {
+    counts_.empty();
     while (auto* node = top()) release(static_cast<Word*>(remove(node, alphabetical)));
   }
 
  private:
+  Word* addNew(const SubString& text) {
+    void* block = heap().alloc(sizeof(Word));
+    if (!block) return nullptr;
+    Word* word = new (block) Word(text);
+    if (word->text_.size() == text.size() && insert(word, alphabetical)) return word;
+    release(word);
+    return nullptr;
+  }
   static void release(Word* word) {
     word->~Word();
     heap().free(word);
   }
+
+  Counts counts_;
 };
 
 // --- The files ---
+
+constexpr unsigned FILE_NOT_FOUND = 0x80040001;
+constexpr unsigned FILE_READ_ERROR = 0x80040002;
+
+// Raises why a file could not be read, and gives it as the system says it.
+const char* raise(int reason) {
+  Utils::raiseError(reason == ENOENT ? FILE_NOT_FOUND : FILE_READ_ERROR);
+  return std::strerror(reason);
+}
 
 // Reads a stream whole. Gives null, or why it could not.
 const char* readAll(std::FILE* file, String& text) {
@@ -108,12 +134,12 @@ const char* readAll(std::FILE* file, String& text) {
     if (text.append(bytes, static_cast<unsigned>(got)).size() != size)
       return "too large for the memory";
   }
-  return std::ferror(file) ? std::strerror(errno) : nullptr;
+  return std::ferror(file) ? raise(errno) : nullptr;
 }
 
 const char* read(const String& name, String& text) {
   std::FILE* file = std::fopen(name, "rb");
-  if (!file) return std::strerror(errno);
+  if (!file) return raise(errno);
   const char* reason = readAll(file, text);
   std::fclose(file);
   return reason;
@@ -191,6 +217,20 @@ void showWords(const Index& index) {
     std::printf("%8u  %s\n", (*word)->count_, static_cast<const char*>((*word)->text_));
 }
 
+void showCounts(const Counts& counts) {
+  unsigned words = 0, uses = 0;
+  const Counts::Node *first = nullptr, *last = nullptr;
+  for (const auto& entry : counts) {
+    if (!first) first = &entry;
+    last = &entry;
+    words++;
+    uses += entry.value();
+  }
+  if (words == 0) return;
+  std::printf("The map has the same: %u words, used %u times, from \"%s\" to \"%s\".\n", words,
+              uses, static_cast<const char*>(first->key()), static_cast<const char*>(last->key()));
+}
+
 void showColors(const Files& files) {
   std::printf("\nColour      Bytes  File\n");
   const unsigned count = files.names_.size();
@@ -201,6 +241,13 @@ void showColors(const Files& files) {
   }
   std::printf("Strings hold %u bytes of it.\n\n", Utils::YfTotalStringMemory());
 }
+
+// How many errors were raised.
+struct ErrorCount : Utils::ResultListener {
+  void errorRaised(unsigned) const override { count_++; }
+
+  mutable unsigned count_ = 0;
+};
 
 // What was held when the program began.
 struct Held {
@@ -227,6 +274,7 @@ bool tour(int count, char** names) {
     allRead = files.load(static_cast<unsigned>(i), index) && allRead;
   }
   showWords(index);
+  showCounts(index.counts());
   showColors(files);
   heap().report();
   std::printf("\n");
@@ -243,15 +291,24 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: tour FILE...\n");
     return 2;
   }
-  // The log stays to the end of the process, and so does its memory.
+  // The log and its categories, the last error and the list of listeners stay to the end.
+  ErrorCount errors;
+  Utils::addResultListener(&errors);
+  Utils::clearError();
+  Log::theLog()->getCategory("utils");
   Log::theLog()->print(Utils::Debug, CATEGORY, 1, SOURCE, __LINE__, "%d files", argc - 1);
   const Held atFirst;
   std::printf("Run %s\n", static_cast<const char*>(Utils::UID().asText()));
   const bool allRead = tour(argc - 1, argv + 1);
+  if (errors.count_ != 0) {
+    std::printf("\nErrors: %u, the last one: %s.\n", errors.count_,
+                Utils::resultToString(Utils::lastError()));
+  }
   const bool whole = atFirst.isAgain();
   std::printf(
       "\nFreed: %u bytes are held, as at the start: %u; %u by strings, as at the start: %u. %s\n",
       heap().allocatedMemory(), atFirst.memory_, Utils::YfTotalStringMemory(), atFirst.strings_,
       whole ? "The heap is whole." : "Some are still counted!");
+  Utils::removeResultListener(&errors);
   return allRead && whole ? 0 : 1;
 }

@@ -16,6 +16,7 @@ printf 'cat\0cat Cat' >two.txt
 expect '5 different words' out
 expect '       4  cat' out
 expect '       3  the' out
+expect 'The map has the same: 5 words, used 10 times, from "and" to "the".' out
 expectLike '^ +1 +[1-9][0-9]+  one.txt$' out
 expectLike '^Strings hold [1-9][0-9]+ bytes of it.$' out
 expectLike '^Run C0D1F1ED[0-9A-F]{9,16}$' out
@@ -36,6 +37,8 @@ status=0
 [ $status = 1 ] || fail "status $status for a missing file"
 expect 'tour: nosuch.txt: No such file or directory' err
 expect 'tour: .: Is a directory' err
+expect 'error|utils|Raising error: File not found' err
+expect 'Errors: 2, the last one: File read error.' out
 expect '5 different words' out
 expect '     3          0  .' out
 expect 'The heap is whole.' out

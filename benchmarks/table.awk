@@ -76,10 +76,10 @@ function ratioTo(line, name) {
 
 function judge(line,    i, ratio, parts) {
   goalText = ""
-  verdict = "met"
+  verdict = goalCount[line] ? "met" : ""
   for (i = 1; i <= goalCount[line]; i++) {
     split(goal[line, i], parts, / *<= */)
-    ratio = ratioTo(line, parts[1])
+    ratio = parts[1] == unit[line] ? ours : ratioTo(line, parts[1])
     if (ratio == "") complain(line ": " parts[1] " was not measured")
     if (ratio == "" || ratio > parts[2] + 0) verdict = "not met"
     goalText = goalText (i > 1 ? ", " : "") goal[line, i]
@@ -94,7 +94,7 @@ function printLine(line) {
   ours = medianOf(line, OURS)
   findBest(line)
   judge(line)
-  judged++
+  if (verdict != "") judged++
   if (verdict == "met") met++
   printRow(line, amount(ours, unit[line]), best == "" ? "-" : amount(bestMedian, unit[line]), best,
            ratioText(line, "best"), ratioText(line, reference), goalText, verdict)

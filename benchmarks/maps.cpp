@@ -1,0 +1,270 @@
+// maps.cpp: the time that a map takes to insert, find and remove an entry and to step to the next
+// one, and the bytes of the heap that an entry holds.
+//
+// The library's AVLTree<unsigned long, unsigned> stands beside std::map and beside an owning map
+// made of Boost's intrusive AVL set, whose nodes are made and deleted one by one. One program for
+// each, told by BENCH_MAP and BENCH_WHO: how far apart a heap that has seen other maps puts the
+// nodes of a new one decides more than the map does.
+//
+// Keys are random and drawn beforehand, and the small trees get others each time, so that no
+// processor learns its way by heart. Filling before and clearing after what is measured is not
+// timed. Bytes are those of the blocks: what the library's allocator counts as held, and what the
+// runtime library's malloc says that a block offers, with the word in front of it.
+#include <malloc.h>
+
+#include <algorithm>
+#include <boost/intrusive/avl_set.hpp>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "benchmarks/support/lines.h"
+#include "utils/sdk/allocator.h"
+#include "utils/sdk/atree.h"
+
+namespace Bench {
+
+namespace {
+
+namespace bi = boost::intrusive;
+
+using Key = unsigned long;
+using Value = unsigned;
+
+constexpr unsigned MOST = 1000000;
+
+std::vector<Key> _keys;           // in the order of insertion
+std::vector<unsigned> _shuffled;  // a number below MOST each, none twice
+
+// --- The maps ---
+
+struct Ours {
+  using Counted = Ours;
+  static std::size_t held() { return Utils::Allocator::theAllocator()->allocatedMemory(); }
+
+  bool insert(Key key, Value value) { return map_.insert(key, value); }
+  Value find(Key key) { return map_.find(key); }
+  bool remove(Key key) { return map_.remove(key); }
+
+  Value sum() {
+    Value sum = 0;
+    for (const auto& entry : map_) sum += entry.value();
+    return sum;
+  }
+
+  Utils::AVLTree<Key, Value> map_;
+};
+
+// What malloc holds for the nodes of a map.
+std::size_t _mallocBytes = 0;
+
+template <class T>
+struct CountingAllocator : std::allocator<T> {
+  CountingAllocator() = default;
+  template <class U>
+  CountingAllocator(const CountingAllocator<U>&) {}
+
+  T* allocate(std::size_t count) {
+    T* mem = std::allocator<T>::allocate(count);
+    _mallocBytes += malloc_usable_size(mem) + sizeof(std::size_t);
+    return mem;
+  }
+};
+
+template <class Map>
+struct StdWith {
+  using Counted =
+      StdWith<std::map<Key, Value, std::less<Key>, CountingAllocator<std::pair<const Key, Value>>>>;
+  static std::size_t held() { return _mallocBytes; }
+
+  bool insert(Key key, Value value) { return map_.emplace(key, value).second; }
+  bool remove(Key key) { return map_.erase(key) != 0; }
+
+  Value find(Key key) {
+    const auto place = map_.find(key);
+    return place != map_.end() ? place->second : 0;
+  }
+
+  Value sum() {
+    Value sum = 0;
+    for (const auto& entry : map_) sum += entry.second;
+    return sum;
+  }
+
+  Map map_;
+};
+
+using Std = StdWith<std::map<Key, Value>>;
+
+struct AvlSet {
+  struct Node : bi::avl_set_base_hook<bi::link_mode<bi::normal_link>> {
+    Node(Key key, Value value) : key_(key), value_(value) {}
+
+    Key key_;
+    Value value_;
+  };
+  struct KeyOf {
+    using type = Key;
+    const Key& operator()(const Node& node) const { return node.key_; }
+  };
+  using Set = bi::avl_set<Node, bi::key_of_value<KeyOf>, bi::constant_time_size<false>>;
+
+  ~AvlSet() { set_.clear_and_dispose(std::default_delete<Node>()); }
+
+  bool insert(Key key, Value value) {
+    Set::insert_commit_data place;
+    if (!set_.insert_check(key, place).second) return false;
+    set_.insert_commit(*new Node(key, value), place);
+    return true;
+  }
+
+  bool remove(Key key) { return set_.erase_and_dispose(key, std::default_delete<Node>()) != 0; }
+
+  Value find(Key key) {
+    const auto place = set_.find(key);
+    return place != set_.end() ? place->value_ : 0;
+  }
+
+  Value sum() {
+    Value sum = 0;
+    for (const Node& node : set_) sum += node.value_;
+    return sum;
+  }
+
+  Set set_;
+};
+
+// --- Times ---
+
+template <class Map>
+void fill(Map& map, const Key* keys, unsigned count) {
+  for (unsigned i = 0; i < count; i++) map.insert(keys[i], i);
+}
+
+// The keys of one tree after the other.
+struct Keys {
+  explicit Keys(unsigned count) : count_(count) {}
+
+  const Key* next() {
+    if (MOST - next_ < count_) next_ = 0;
+    next_ += count_;
+    return _keys.data() + (next_ - count_);
+  }
+
+  unsigned count_;
+  unsigned next_ = 0;
+};
+
+template <class Map>
+void insert(benchmark::State& state, unsigned count) {
+  Keys keys(count);
+  for (auto _ : state) {
+    auto map = std::make_unique<Map>();
+    fill(*map, keys.next(), count);
+    state.PauseTiming();
+    map.reset();
+    state.ResumeTiming();
+  }
+  state.SetItemsProcessed(state.iterations() * count);
+}
+
+// A map that stays.
+template <class Map>
+Map& filled(unsigned count) {
+  static std::map<unsigned, Map> maps;
+  const auto [place, isNew] = maps.try_emplace(count);
+  if (isNew) fill(place->second, _keys.data(), count);
+  return place->second;
+}
+
+template <class Map>
+void find(benchmark::State& state, unsigned count) {
+  Map& map = filled<Map>(count);
+  std::vector<Key> sought;
+  for (const unsigned number : _shuffled) sought.push_back(_keys[number % count]);
+  unsigned next = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(map.find(sought[next]));
+    if (++next == MOST) next = 0;
+  }
+}
+
+template <class Map>
+void remove(benchmark::State& state, unsigned count) {
+  Keys keys(count);
+  std::vector<unsigned> order;
+  for (const unsigned number : _shuffled) {
+    if (number < count) order.push_back(number);
+  }
+  for (auto _ : state) {
+    state.PauseTiming();
+    Map map;
+    const Key* first = keys.next();
+    fill(map, first, count);
+    state.ResumeTiming();
+    for (const unsigned number : order) map.remove(first[number]);
+  }
+  state.SetItemsProcessed(state.iterations() * count);
+}
+
+template <class Map>
+void iterate(benchmark::State& state, unsigned count) {
+  Map& map = filled<Map>(count);
+  for (auto _ : state) benchmark::DoNotOptimize(map.sum());
+  state.SetItemsProcessed(state.iterations() * count);
+}
+
+// --- Bytes ---
+
+template <class Map>
+void heapOfAnEntry(benchmark::State& state) {
+  constexpr unsigned COUNT = 100000;
+  double bytes = 0;
+  for (auto _ : state) {
+    const auto before = Map::held();
+    typename Map::Counted map;
+    fill(map, _keys.data(), COUNT);
+    bytes = static_cast<double>(Map::held() - before) / COUNT;
+  }
+  state.counters["items_per_second"] = 1e9 / bytes;  // what is printed is the inverse
+}
+
+template <class Map>
+void addHeapLine() {
+  if constexpr (requires { typename Map::Counted; }) {
+    const std::string name = lineOf("heap of an entry", BENCH_WHO);
+    benchmark::RegisterBenchmark(name.c_str(), heapOfAnEntry<Map>)->Iterations(1)->Repetitions(2);
+  }
+}
+
+void addLines(const char* what, void (*function)(benchmark::State&, unsigned)) {
+  for (const unsigned count : {1000u, 100000u, MOST}) {
+    const std::string line = what + std::string(", ") + std::to_string(count);
+    auto* added = benchmark::RegisterBenchmark(lineOf(line, BENCH_WHO).c_str(), function, count);
+    if (count == MOST) added->Repetitions(3);  // enough, and each takes seconds
+  }
+}
+
+void drawKeys() {
+  std::mt19937_64 random(20241105);
+  for (unsigned i = 0; i < MOST; i++) {
+    _keys.push_back(static_cast<Key>(random()));
+    _shuffled.push_back(i);
+  }
+  std::shuffle(_shuffled.begin(), _shuffled.end(), random);
+}
+
+}  // namespace
+
+void registerLines() {
+  drawKeys();
+  addLines("insert", insert<BENCH_MAP>);
+  addLines("find", find<BENCH_MAP>);
+  addLines("remove", remove<BENCH_MAP>);
+  addLines("iterate", iterate<BENCH_MAP>);
+  addHeapLine<BENCH_MAP>();
+}
+
+}  // namespace Bench

@@ -30,6 +30,7 @@ TEST(Life, IsThereAtEveryMoment) {
       {"the program's destructor", ""},
       {"a library's destructor", ""},
       {"an exit handler", ""},
+      {"after a first error", "error|utils|Raising error: File not found\n"},
       {"a child", ""},
       {"a child of a process that has used it", linesOf("its parent")},
       {"a second task", linesOf("a first task")},

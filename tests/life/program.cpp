@@ -38,6 +38,10 @@ void useInPlugin(const char* moment) {
 
 int main() {
   std::atexit([] { Life::at("an exit handler"); });
+  if (isMoment("after a first error")) {
+    Utils::raiseError(0x80040001);
+    Life::use("after a first error");
+  }
   if (isMoment("a child")) useInChild("a child");
   if (isMoment("a child of a process that has used it")) {
     Life::use("its parent");

@@ -99,6 +99,12 @@ struct Model {
         at += with.size();
       }
     }
+    void remove(unsigned at, unsigned count) {
+      if (at < size()) text_.erase(at, count);
+    }
+    void rotate(unsigned n) {
+      if (size() != 0) std::rotate(text_.begin(), text_.begin() + n % size(), text_.end());
+    }
     void trim() {
       const char* const spaces = " \t\n\v\f\r";
       const std::size_t first = text_.find_first_not_of(spaces);
@@ -126,13 +132,19 @@ struct Model {
   std::string text() const { return rep_ ? rep_->text_ : std::string(); }
   std::string zeroTerminated() const { return text().c_str(); }
   unsigned size() const { return sizeOf(text()); }
+  std::string range(unsigned from, unsigned count) const {
+    return from < size() ? text().substr(from, count) : "";
+  }
+  Model part(unsigned from, unsigned count) const {
+    return rep_ ? of(range(from, count)) : Model();
+  }
 
   std::shared_ptr<Rep> rep_;
 };
 
 // --- The differential run ---
 
-struct DifferentialRun {
+struct StringRun {
   static constexpr unsigned STRINGS = 6;
   static constexpr unsigned VIEWS = 3;
 
@@ -140,7 +152,7 @@ struct DifferentialRun {
     SubString view_;
     Model model_;
     unsigned index_;
-    unsigned size_;
+    std::string text_;
   };
 
   // The count_ bytes at text_ + from_: foreign ones, or some of one of the strings.
@@ -149,25 +161,25 @@ struct DifferentialRun {
     unsigned from_;
     unsigned count_;
     std::string bytes_;
+    std::string rest_;  // to the next NUL of the text
 
     const char* start() const { return text_ + from_; }
   };
 
-  explicit DifferentialRun(unsigned seed) : random_(seed), before_(YfTotalStringMemory()) {
-    for (unsigned i = 0; i < VIEWS; i++) views_.push_back({SubString(strings_[0]), {}, 0, 0});
+  explicit StringRun(unsigned seed) : random_(seed), before_(YfTotalStringMemory()) {
+    for (unsigned i = 0; i < VIEWS; i++) views_.push_back({SubString(strings_[0]), {}, 0, ""});
   }
 
   void run(unsigned steps) {
     for (unsigned step = 0; step < steps && !testing::Test::HasFailure(); step++) {
-      const unsigned operation = random_.below(std::size(OPERATIONS));
-      SCOPED_TRACE("step " + std::to_string(step) + ", operation " + std::to_string(operation));
+      SCOPED_TRACE("step " + std::to_string(step));
       i_ = random_.below(STRINGS);
       j_ = random_.below(STRINGS);
       if (m().size() > 3000) trade();
       source_ = someSource(random_.below(2) == 0 ? i_ : j_);
       at_ = random_.below(m().size() * 5 / 4 + 3);
       c_ = someCharacter();
-      (this->*OPERATIONS[operation])();
+      doSomething();
       compare();
       ask();
     }
@@ -178,17 +190,11 @@ struct DifferentialRun {
   String& other() { return strings_[j_]; }
   Model& otherModel() { return models_[j_]; }
 
+  // Most often small; else around the ends of a class and of what lies in one block.
   unsigned someSize() {
-    switch (random_.below(6)) {
-      case 0:
-        return 14 + random_.below(4);
-      case 1:
-        return 250 + random_.below(12);
-      case 2:
-        return random_.below(1200);
-      default:
-        return random_.below(40);
-    }
+    const unsigned sizes[] = {14 + random_.below(4), 250 + random_.below(12), random_.below(1200)};
+    const unsigned kind = random_.below(6);
+    return kind < 3 ? sizes[kind] : random_.below(40);
   }
   char someCharacter() { return "aab \tBz.\0"[random_.below(9)]; }
   std::string someText(unsigned size) {
@@ -203,149 +209,100 @@ struct DifferentialRun {
     if (random_.below(2) == 0 || text.empty()) {
       foreign_ = someText(someSize());
       const unsigned from = random_.below(sizeOf(foreign_) + 1);
-      return {foreign_.data(), from, sizeOf(foreign_) - from, foreign_.substr(from)};
+      const std::string rest = foreign_.substr(from);
+      return {foreign_.data(), from, sizeOf(rest), rest, rest.c_str()};
     }
     const unsigned start = random_.below(sizeOf(text));
     const unsigned from = random_.below(sizeOf(text) - start + 1);
     const unsigned count = random_.below(sizeOf(text) - start - from + 1);
-    return {strings_[i].textAt(start), from, count, text.substr(start + from, count)};
+    const std::string rest = text.substr(start + from);
+    return {strings_[i].textAt(start), from, count, rest.substr(0, count), rest.c_str()};
   }
 
   // --- Operations: each on a string and its model ---
 
-  void assign() {
-    s() = other();
-    m() = otherModel();
-  }
-  void assignText() {
-    const std::string text = source_.start();
-    s() = source_.start();
-    m() = Model::of(text);
-  }
-  void assignNull() {
-    s() = static_cast<const char*>(nullptr);
-    m() = Model::of("");
-  }
-  void assignCharacter() {
-    s() = c_;
-    m() = Model::of(std::string(1, c_));
-  }
-  void assignNone() {
-    s() = String();
-    m() = Model();
-  }
-  void make() {
-    s() = String(source_.start(), source_.count_);
-    m() = Model::of(source_.bytes_);
-  }
-  void fill() {
-    s() = String(c_, source_.count_);
-    m() = Model::of(std::string(source_.count_, c_));
-  }
-  void takeBeginning() {
-    s() = String(other(), at_);
-    m() = otherModel().rep_ ? Model::of(otherModel().text().substr(0, at_)) : Model();
-  }
+  // What the string has become is `model`.
+  void now(const String&, const Model& model) { m() = model; }
+  // What the string has been through is still to be done to what this gives.
+  Model::Rep& after(const String&) { return m().own(); }
+  std::string character() const { return std::string(1, c_); }
+
+  void assign() { now(s() = other(), otherModel()); }
+  void assignText() { now(s() = source_.start(), Model::of(source_.rest_)); }
+  void assignNull() { now(s() = static_cast<const char*>(nullptr), Model::of("")); }
+  void assignCharacter() { now(s() = c_, Model::of(character())); }
+  void assignNone() { now(s() = String(), Model()); }
+  void make() { now(s() = String(source_.start(), source_.count_), Model::of(source_.bytes_)); }
+  void fill() { now(s() = String(c_, source_.count_), Model::of(std::string(source_.count_, c_))); }
+  void takeBeginning() { now(s() = String(other(), at_), otherModel().part(0, at_)); }
   void takeRange() {
-    s() = String(other()(at_, source_.count_));
-    const std::string text = otherModel().text();
-    const std::string range = at_ < text.size() ? text.substr(at_, source_.count_) : "";
-    m() = otherModel().rep_ ? Model::of(range) : Model();
+    now(s() = other()(at_, source_.count_), otherModel().part(at_, source_.count_));
   }
-  void append() {
-    s().append(source_.start(), source_.count_);
-    m().own().append(source_.bytes_);
-  }
+  void append() { after(s().append(source_.start(), source_.count_)).append(source_.bytes_); }
+  void appendText() { after(s() += source_.start()).append(source_.rest_); }
+  void appendNull() { after(s() += static_cast<const char*>(nullptr)); }
   void appendString() {
     s() += other();
     if (!otherModel().rep_) return;
     if (!m().rep_) return static_cast<void>(m() = otherModel());
-    const std::string text = otherModel().text();
-    m().own().append(text);
-  }
-  void appendText() {
-    const std::string text = source_.start();
-    s() += source_.start();
-    m().own().append(text);
-  }
-  void appendNull() {
-    s() += static_cast<const char*>(nullptr);
-    m().own();
+    m().own().append(otherModel().text());
   }
   void appendCharacters() {
-    for (unsigned i = random_.below(20); i > 0; i--) {
-      s() += c_;
-      m().own().append(std::string(1, c_));
-    }
+    for (unsigned i = random_.below(20); i > 0; i--) after(s() += c_).append(character());
   }
   void appendNumber() {
     const int number = static_cast<int>(random_.engine_());
-    s() += number;
-    m().own().append(std::to_string(number));
+    after(s() += number).append(std::to_string(number));
   }
   void join() {
-    const std::string a = textOf(s());
-    const std::string b = textOf(other());
-    const bool none = !m().rep_ && !otherModel().rep_;
-    const Model shared = m().rep_ ? m() : otherModel();
-    const bool shares = !m().rep_ || !otherModel().rep_;
-    s() = s() + other();
-    m() = none ? Model() : shares ? shared : Model::of(a + b);
+    const Model both = Model::of(m().text() + otherModel().text());
+    now(s() = s() + other(), !m().rep_ ? otherModel() : otherModel().rep_ ? both : m());
   }
   void joinTexts() {
-    const std::string text = source_.start();
-    const bool left = random_.below(2) == 0;
-    s() = left ? source_.start() + other() : other() + source_.start();
-    m() = Model::of(left ? text + otherModel().text() : otherModel().text() + text);
+    const std::string text = otherModel().text();
+    if (random_.below(2) == 0) {
+      now(s() = source_.start() + other(), Model::of(source_.rest_ + text));
+    } else {
+      now(s() = other() + source_.start(), Model::of(text + source_.rest_));
+    }
   }
   void replace() {
-    s().replace(source_.text_, source_.count_, source_.from_, at_);
-    m().own().replace(source_.bytes_, at_);
+    after(s().replace(source_.text_, source_.count_, source_.from_, at_))
+        .replace(source_.bytes_, at_);
   }
   void insert() {
-    s().insert(source_.text_, source_.count_, source_.from_, at_);
-    m().own().insert(source_.bytes_, at_);
+    after(s().insert(source_.text_, source_.count_, source_.from_, at_))
+        .insert(source_.bytes_, at_);
   }
-  void insertFromString() {
-    const std::string text = otherModel().text();
-    const unsigned from = random_.below(sizeOf(text) + 1);
-    s().insert(other(), sizeOf(text) - from, from, at_);
-    m().own().insert(text.substr(from), at_);
-  }
-  void replaceFromString() {
-    const std::string text = otherModel().text();
-    const unsigned from = random_.below(sizeOf(text) + 1);
-    s().replace(other(), sizeOf(text) - from, from, at_);
-    m().own().replace(text.substr(from), at_);
+  void copyFromString() {
+    const unsigned from = random_.below(otherModel().size() + 1);
+    const std::string text = otherModel().text().substr(from);
+    if (random_.below(2) == 0) {
+      after(s().insert(other(), sizeOf(text), from, at_)).insert(text, at_);
+    } else {
+      after(s().replace(other(), sizeOf(text), from, at_)).replace(text, at_);
+    }
   }
   void insertCharacter() {
     s().insert(c_, static_cast<int>(at_));
-    m().own().insert(std::string(1, c_), at_);
+    m().own().insert(character(), at_);
   }
   void remove() {
     const unsigned count = random_.below(4) == 0 ? NOT_FOUND : random_.below(20);
-    s().remove(at_, count);
-    std::string& text = m().own().text_;
-    if (at_ < text.size()) text.erase(at_, count);
+    after(s().remove(at_, count)).remove(at_, count);
   }
-  void truncate() {
-    s().truncate(at_);
-    std::string& text = m().own().text_;
-    if (at_ < text.size()) text.resize(at_);
-  }
+  void truncate() { after(s().truncate(at_)).remove(at_, NOT_FOUND); }
   void substitute() {
-    const std::string search = plainText(2);
-    const std::string with = plainText(4);
-    const std::string text = otherModel().text().c_str();
+    const std::string search = plainText(2), with = plainText(4);
+    const std::string text = otherModel().zeroTerminated();
     s() = other().substitute(search.c_str(), with.c_str());
-    if (!otherModel().rep_) return static_cast<void>(m() = Model());
-    m() = Model::of(text);
-    if (!search.empty()) m().rep_->substitute(search, with);
+    m() = otherModel().rep_ ? Model::of(text) : Model();
+    if (m().rep_ && !search.empty()) m().rep_->substitute(search, with);
   }
   void reverse() {
     const std::string text = otherModel().text();
-    s() = other().reverse();
-    m() = text.empty() ? Model() : Model::of(std::string(text.rbegin(), text.rend()));
+    const Model reversed = Model::of(std::string(text.rbegin(), text.rend()));
+    now(s() = other().reverse(), text.empty() ? Model() : reversed);
   }
   void changeCase() {
     const bool upper = random_.below(2) == 0;
@@ -357,9 +314,7 @@ struct DifferentialRun {
   }
   void rotate() {
     s().rotateLeft(at_);
-    if (!m().rep_) return;
-    std::string& text = m().own().text_;
-    if (!text.empty()) text = text.substr(at_ % text.size()) + text.substr(0, at_ % text.size());
+    if (m().rep_) m().own().rotate(at_);
   }
   void trim() {
     s().trim();
@@ -374,15 +329,10 @@ struct DifferentialRun {
     s().resizeFor(n);
     m().own().resizeFor(n);
   }
-  void writeInto() {
-    s()[at_] = c_;
-    m().own().replace(std::string(1, c_), at_);
-  }
+  void writeInto() { after(s()[at_] = c_).replace(character(), at_); }
   void writeFromOther() {
-    const std::string text = otherModel().text();
-    const char c = at_ < text.size() ? text[at_] : '\0';
-    s()[0] = other()[at_];
-    m().own().replace(std::string(1, c), 0);
+    const std::string text = otherModel().range(at_, 1);
+    after(s()[0] = other()[at_]).replace(text.empty() ? std::string(1, '\0') : text, 0);
   }
   // The buffer of one string becomes that of another.
   void trade() {
@@ -403,50 +353,25 @@ struct DifferentialRun {
     v.view_ = s()(at_, source_.count_);
     v.model_ = m();
     v.index_ = at_ < m().size() ? at_ : 0;
-    v.size_ = at_ < m().size() ? std::min(source_.count_, m().size() - at_) : 0;
+    v.text_ = m().range(at_, source_.count_);
   }
 
-  static constexpr void (DifferentialRun::*OPERATIONS[])() = {&DifferentialRun::assign,
-                                                              &DifferentialRun::assignText,
-                                                              &DifferentialRun::assignNull,
-                                                              &DifferentialRun::assignCharacter,
-                                                              &DifferentialRun::assignNone,
-                                                              &DifferentialRun::make,
-                                                              &DifferentialRun::fill,
-                                                              &DifferentialRun::takeBeginning,
-                                                              &DifferentialRun::takeRange,
-                                                              &DifferentialRun::append,
-                                                              &DifferentialRun::append,
-                                                              &DifferentialRun::appendString,
-                                                              &DifferentialRun::appendText,
-                                                              &DifferentialRun::appendNull,
-                                                              &DifferentialRun::appendCharacters,
-                                                              &DifferentialRun::appendNumber,
-                                                              &DifferentialRun::join,
-                                                              &DifferentialRun::joinTexts,
-                                                              &DifferentialRun::replace,
-                                                              &DifferentialRun::replace,
-                                                              &DifferentialRun::insert,
-                                                              &DifferentialRun::insert,
-                                                              &DifferentialRun::insert,
-                                                              &DifferentialRun::insertFromString,
-                                                              &DifferentialRun::replaceFromString,
-                                                              &DifferentialRun::insertCharacter,
-                                                              &DifferentialRun::remove,
-                                                              &DifferentialRun::remove,
-                                                              &DifferentialRun::truncate,
-                                                              &DifferentialRun::substitute,
-                                                              &DifferentialRun::reverse,
-                                                              &DifferentialRun::changeCase,
-                                                              &DifferentialRun::rotate,
-                                                              &DifferentialRun::trim,
-                                                              &DifferentialRun::expand,
-                                                              &DifferentialRun::resize,
-                                                              &DifferentialRun::writeInto,
-                                                              &DifferentialRun::writeFromOther,
-                                                              &DifferentialRun::trade,
-                                                              &DifferentialRun::form,
-                                                              &DifferentialRun::assign};
+  void doSomething() {
+    using S = StringRun;
+    doOneOf(&S::assign, &S::assign, &S::assignText, &S::assignNull, &S::assignCharacter,
+            &S::assignNone, &S::make, &S::fill, &S::takeBeginning, &S::takeRange, &S::append,
+            &S::append, &S::appendString, &S::appendText, &S::appendNull, &S::appendCharacters,
+            &S::appendNumber, &S::join, &S::joinTexts, &S::replace, &S::replace, &S::insert,
+            &S::insert, &S::insert, &S::copyFromString, &S::copyFromString, &S::insertCharacter,
+            &S::remove, &S::remove, &S::truncate, &S::substitute, &S::reverse, &S::changeCase,
+            &S::rotate, &S::trim, &S::expand, &S::resize, &S::writeInto, &S::writeFromOther,
+            &S::trade, &S::form);
+  }
+  template <class... Steps>
+  void doOneOf(Steps... steps) {
+    void (StringRun::*const all[])() = {steps...};
+    (this->*all[random_.below(sizeof...(steps))])();
+  }
 
   // --- Comparison with the models ---
 
@@ -467,8 +392,8 @@ struct DifferentialRun {
     }
     for (const View& v : views_) {
       ASSERT_EQ(v.view_.index(), v.index_);
-      ASSERT_EQ(v.view_.size(), v.size_);
-      ASSERT_EQ(textOf(String(v.view_)), v.model_.text().substr(v.index_, v.size_));
+      ASSERT_EQ(v.view_.size(), v.text_.size());
+      ASSERT_EQ(textOf(String(v.view_)), v.text_);
       reps.insert(v.model_.rep_.get());
     }
     unsigned total = 0;
@@ -487,34 +412,24 @@ struct DifferentialRun {
 
   void askForPositions(const String& string, const std::string& text, unsigned from,
                        const std::string& set) {
-    const std::size_t nul = std::min(text.find('\0', from), text.size());
-    const auto within = [&](std::size_t i, std::size_t end) {
-      return i < end ? positionOf(i) : NOT_FOUND;
+    const char* const first = text.c_str();
+    const char* const rest = from < text.size() ? first + from : nullptr;
+    const auto at = [&](const char* found) {
+      return found ? static_cast<unsigned>(found - first) : NOT_FOUND;
     };
-    const bool inside = from < text.size();
-    const unsigned found =
-        inside ? c_ ? within(text.find(c_, from), nul) : positionOf(nul) : NOT_FOUND;
-    EXPECT_EQ(string.index(c_, from), found);
-    const std::size_t place = inside ? text.find(set, from) : std::string::npos;
-    EXPECT_EQ(string.index(set.c_str(), from), set.empty() && inside ? from : within(place, nul));
+    EXPECT_EQ(string.index(c_, from), at(rest ? std::strchr(rest, c_) : nullptr));
+    EXPECT_EQ(string.index(set.c_str(), from), at(rest ? std::strstr(rest, set.c_str()) : nullptr));
+    EXPECT_EQ(string.index(c_), at(c_ ? std::strchr(first, c_) : nullptr));
+    EXPECT_EQ(string.rindex(c_), at(string.textAt(0) ? std::strrchr(first, c_) : nullptr));
+    const char* third = c_ ? std::strchr(first, c_) : nullptr;
+    for (int n = 1; n < 3 && third; n++) third = std::strchr(third + 1, c_);
+    EXPECT_EQ(string.nthIndex(3, c_), at(third));
     const std::string members = set + '\0';
     EXPECT_EQ(string.indexChar(set.c_str(), from), positionOf(text.find_first_of(members, from)));
     EXPECT_EQ(string.rindexChar(set.c_str(), from), positionOf(text.find_last_of(members, from)));
     EXPECT_EQ(string.rindexChar(set.c_str(), NOT_FOUND), positionOf(text.find_last_of(members)));
-    const std::string first = text.c_str();
-    EXPECT_EQ(string.index(c_), c_ ? positionOf(first.find(c_)) : NOT_FOUND);
-    const bool any = string.textAt(0) != nullptr;
-    EXPECT_EQ(string.rindex(c_), c_    ? positionOf(first.rfind(c_))
-                                 : any ? sizeOf(first)
-                                       : NOT_FOUND);
-    EXPECT_EQ(string.nthIndex(3, c_), nthIn(first));
-    EXPECT_EQ(string[from], inside ? text[from] : '\0');
-    EXPECT_EQ(string.startsWith(set.c_str()), first.compare(0, set.size(), set) == 0);
-  }
-  unsigned nthIn(const std::string& text) {
-    std::size_t at = text.find(c_);
-    for (unsigned n = 1; n < 3 && at != std::string::npos; n++) at = text.find(c_, at + 1);
-    return c_ ? positionOf(at) : NOT_FOUND;
+    EXPECT_EQ(string[from], rest ? *rest : '\0');
+    EXPECT_EQ(string.startsWith(set.c_str()), std::strncmp(first, set.c_str(), set.size()) == 0);
   }
 
   void askForOrder() {
@@ -550,13 +465,11 @@ struct DifferentialRun {
   }
 
   void askViews(const View& a, const View& b) {
-    const std::string textOfA = a.model_.text().substr(a.index_, a.size_);
-    const std::string textOfB = b.model_.text().substr(b.index_, b.size_);
-    const int sign = std::strncmp(textOfB.c_str(), textOfA.c_str(), textOfA.size());
+    const int sign = std::strncmp(b.text_.c_str(), a.text_.c_str(), a.text_.size());
     EXPECT_EQ(signOf(a.view_.compare(b.view_)), signOf(sign));
-    EXPECT_EQ(signOf(a.view_.compare(textOfB.c_str())), signOf(sign));
-    EXPECT_EQ(a.view_ == textOfB.c_str(), textOfA == textOfB.c_str());
-    const bool equal = textOfA.size() == textOfB.size() && sign == 0;
+    EXPECT_EQ(signOf(a.view_.compare(b.text_.c_str())), signOf(sign));
+    EXPECT_EQ(a.view_ == b.text_.c_str(), a.text_ == b.text_.c_str());
+    const bool equal = a.text_.size() == b.text_.size() && sign == 0;
     EXPECT_EQ(a.view_ == b.view_, equal);
     EXPECT_EQ(a.view_ != String(b.view_), !equal);
     EXPECT_EQ(String(b.view_) == a.view_, equal);
@@ -576,7 +489,7 @@ struct DifferentialRun {
 TEST(String, BehavesAsItsModel) {
   const unsigned total = YfTotalStringMemory();
   const unsigned held = Allocator::theAllocator()->allocatedMemory();
-  DifferentialRun(20240301).run(20000);
+  StringRun(20240301).run(20000);
   EXPECT_EQ(YfTotalStringMemory(), total);
   EXPECT_EQ(Allocator::theAllocator()->allocatedMemory(), held);
 }
@@ -585,43 +498,32 @@ TEST(String, BehavesAsItsModel) {
 
 TEST(String, ReadsWithoutTakingMemory) {
   String s("some text");
-  String shared(s);
+  const String shared(s);
   const unsigned total = YfTotalStringMemory();
   std::string read;
-  for (char c : s) read += c;
   for (unsigned i = 0; i < 12; i++) read += s[i];
-  EXPECT_EQ(read, "some textsome text" + std::string(3, '\0'));
-  EXPECT_TRUE(s[0] == 's' && s[1] == shared[1]);
-  EXPECT_EQ(std::string_view(s), "some text");
+  EXPECT_EQ(read, "some text" + std::string(3, '\0'));
   EXPECT_EQ(s.textAt(0), shared.textAt(0));
   EXPECT_EQ(YfTotalStringMemory(), total);
-  EXPECT_EQ(s + s[5] + 'c', "some texttc");
-  EXPECT_EQ('c' + (s[5] + s), "ctsome text");
+  EXPECT_EQ('c' + (s[5] + s + s[5]) + 'c', "ctsome texttc");
+  EXPECT_EQ(s[5] + 1, 'u');
 }
 
 template <class Integer>
-void indexBy(Integer minusOne) {
+void indexBy(Integer past) {  // a position that no text reaches
   String s("abc");
   const String& reader = s;
-  EXPECT_EQ(reader[Integer{2}], 'c');
-  EXPECT_EQ(reader[Integer{3}], '\0');
-  EXPECT_EQ(reader[minusOne], '\0');
-  EXPECT_EQ(s[Integer{1}], 'b');
   s[Integer{1}] = 'B';
-  s[minusOne] = 'x';
-  EXPECT_STREQ(s, "aBc") << "a position that no text reaches";
+  s[past] = 'x';
+  EXPECT_STREQ(s, "aBc");
+  EXPECT_TRUE(s[Integer{1}] == 'B' && reader[Integer{1}] == 'B');
+  EXPECT_TRUE(reader[Integer{3}] == '\0' && reader[past] == '\0');
 }
 
 TEST(String, IsIndexedByAnyInteger) {
-  indexBy<int>(-1);
-  indexBy<unsigned>(NOT_FOUND);
-  indexBy<long>(-1);
-  indexBy<unsigned long>(static_cast<unsigned long>(-1));
-  indexBy<long long>(-1);
-  indexBy<unsigned long long>(0xffffffffffffffff);
-  indexBy<long long>(0x100000000);
-  indexBy<short>(-1);
-  indexBy<signed char>(-1);
+  const auto byEach = [](auto... past) { (indexBy(past), ...); };
+  byEach(-1, NOT_FOUND, -1L, ~0ul, -1LL, ~0ull, 0x100000000LL, short{-1},
+         static_cast<signed char>(-1));
 }
 
 TEST(String, ConvertsNumbersAndViews) {
@@ -633,48 +535,36 @@ TEST(String, ConvertsNumbersAndViews) {
   String s("old");
   EXPECT_STREQ(s = 2.0, "2.000000");
   const std::string_view view("a\0b", 3);
-  const std::string_view back = String(view);
-  EXPECT_EQ(String(view).size(), 3u);
   EXPECT_EQ(std::string_view(String(view)), view);
-  EXPECT_EQ(back.size(), 3u);
 }
 
 TEST(String, HasThreeFormsOfEmptiness) {
-  const String none;
-  const String empty("");
+  const String none, empty("");
   String buffered("text");
   buffered.truncate(0);
-  EXPECT_EQ(none == empty, 1);
-  EXPECT_EQ(none == buffered, 1);
-  EXPECT_STREQ(none, "");
-  EXPECT_EQ(none == "", 1);
+  EXPECT_TRUE(none == empty && none == buffered && none == "");
   EXPECT_EQ(none.icompare(""), -1);
-  EXPECT_EQ(empty.icompare(""), 0);
   EXPECT_EQ(none.icompare(empty), 0);
+  EXPECT_EQ(empty.icompare(none), 0);
   EXPECT_EQ(none.nthIndex(0, 'a'), NOT_FOUND);
   EXPECT_EQ(empty.nthIndex(0, 'a'), 0u);
-  EXPECT_FALSE(none.startsWith(empty));
-  EXPECT_TRUE(empty.startsWith(none));
-  EXPECT_EQ(String("ABC").icompare(String("abd")) < 0, true);
+  EXPECT_TRUE(empty.startsWith(none) && !none.startsWith(empty));
+  EXPECT_GT(String("B").icompare(String("a")), 0);
   EXPECT_EQ(String("ABC").icompare("abc"), 0);
 }
 
 TEST(SubString, ComparesInTheOtherDirection) {
   String s("xabyAB");
   const SubString ab = s(1, 2);
-  EXPECT_EQ(ab.compare("abc"), 0);
-  EXPECT_EQ(ab == "abc", 0);
   EXPECT_GT(ab.compare("ac"), 0);
   EXPECT_LT(ab.compare(String()), 0);
   EXPECT_EQ(s(4).icompare("abx"), 0);
   EXPECT_EQ(s(4).icompare(ab), 0);
   EXPECT_LT(s(4).icompare(s(1, 1)), 0);
-  EXPECT_EQ(s(0, 0) == "", 1);
-  EXPECT_EQ(s(6).index(), 0u);
+  EXPECT_TRUE(ab == "ab" && ab != "abc" && s(0, 0) == "");
   EXPECT_EQ(s(2, NOT_FOUND).size(), 4u);
   const String holdsNul("a\0b", 3);
-  EXPECT_EQ(SubString(holdsNul) == "a", 0) << "the text ends where the range goes on";
-  EXPECT_EQ("ab" == ab, 1);
+  EXPECT_EQ(SubString(holdsNul) == "a\0b", 0) << "the text ends where the range goes on";
 }
 
 TEST(SubString, OutlivesTheString) {
@@ -683,7 +573,6 @@ TEST(SubString, OutlivesTheString) {
   String s("other");
   view = s;
   s = "changed";
-  EXPECT_EQ(view == "other", 1);
   const SubString& same = view;
   view = same;
   EXPECT_EQ(view == "other", 1);
@@ -714,12 +603,10 @@ struct OpenRep : StringRep {
   using StringRep::operator=;
   using StringRep::consume;
   using StringRep::create;
-  using StringRep::decRef;
   using StringRep::destroy;
   using StringRep::donate;
   using StringRep::resizeFor;
   using StringRep::size;
-  using StringRep::StringRep;
   using StringRep::text;
   OpenRep(const char* text, unsigned from, unsigned count) : StringRep(text, from, count) {}
   bool appendItself() { return append(this); }
@@ -730,21 +617,18 @@ TEST(StringRep, StandsAlone) {
   const unsigned held = Allocator::theAllocator()->allocatedMemory();
   {
     OpenRep rep("0123456789", 2u, 5u);
-    EXPECT_STREQ(rep.text(), "23456");
     rep.resizeFor(3);
-    EXPECT_EQ(rep.size(), 5u) << "nothing is cut within a class";
-    EXPECT_EQ(YfTotalStringMemory() - total, 16u);
+    EXPECT_STREQ(rep.text(), "23456") << "nothing is cut within a class";
     rep = rep.text() + 1;
-    EXPECT_STREQ(rep.text(), "3456");
     EXPECT_TRUE(rep.appendItself());
     EXPECT_STREQ(rep.text(), "34563456");
+    EXPECT_EQ(YfTotalStringMemory() - total, 16u);
     char* text = rep.donate();
     EXPECT_EQ(YfTotalStringMemory(), total);
     rep.consume(text);
     EXPECT_EQ(YfTotalStringMemory() - total, 9u);
     rep = 'c';
     EXPECT_EQ(YfTotalStringMemory() - total, 16u);
-    EXPECT_EQ(rep.decRef(), 0u);
     OpenRep* inOneBlock = static_cast<OpenRep*>(OpenRep::create("short", 5));
     char* const buffer = inOneBlock->donate();
     OpenRep::destroy(inOneBlock);
@@ -774,11 +658,9 @@ const std::string _long(1000, 'y');
 const Change CHANGES[] = {
     [](String& s) { s = "another text of more than 30 characters"; },
     [](String& s) { s = 'c'; },
-    [](String& s) { s = 2.5; },
     [](String& s) { s += "tail"; },
     [](String& s) { s += 'c'; },
     [](String& s) { s += s; },
-    [](String& s) { s += 12345; },
     [](String& s) { s += static_cast<const char*>(nullptr); },
     [](String& s) { s.append(_long.data(), 1000); },
     [](String& s) { s.replace(_long.data(), 500, 100, 2); },
@@ -827,20 +709,21 @@ TEST(Exhaustion, GivesNothingForWhatCannotBeMade) {
   String s("aabbaabb");
   String other(_long.c_str());
   const unsigned total = YfTotalStringMemory();
-  for (const unsigned n : {1u, 2u}) {
-    allocator.failFrom(n);
-    EXPECT_EQ(String(_long.c_str()).textAt(0), nullptr);
-    allocator.failFrom(n);
-    EXPECT_EQ(String('c', 1000).textAt(0), nullptr);
-    allocator.failFrom(n);
-    EXPECT_EQ((s + other).textAt(0), nullptr);
-    allocator.failFrom(n);
-    EXPECT_EQ(other.substitute("y", "yyyy").textAt(0), nullptr);
-    allocator.failFrom(n);
-    EXPECT_EQ(other.reverse().textAt(0), nullptr);
-    allocator.failFrom(0);
-    EXPECT_EQ(YfTotalStringMemory(), total);
+  const std::function<String()> makers[] = {
+      [] { return String(_long.c_str()); },
+      [] { return String('c', 1000); },
+      [&] { return s + other; },
+      [&] { return other.substitute("y", "yyyy"); },
+      [&] { return other.reverse(); },
+  };
+  for (const auto& make : makers) {
+    for (const unsigned n : {1u, 2u}) {
+      allocator.failFrom(n);
+      EXPECT_EQ(make().textAt(0), nullptr);
+    }
   }
+  allocator.failFrom(0);
+  EXPECT_EQ(YfTotalStringMemory(), total);
   SubString view = s(2, 2);
   allocator.failFrom(1);
   view = other;

@@ -325,7 +325,8 @@ YUTILS_EXPORT String operator+(const String& a, const String& b);
 YUTILS_EXPORT String operator+(const String& a, const char* b);  // a null b adds nothing
 YUTILS_EXPORT String operator+(const char* a, const String& b);
 
-// Characters as they are, and no other integers: without these, s + t[0] would be an address.
+// Characters as they are. Without these, s + t[0] would be an address; as templates they take
+// nothing else, so that t[0] + 1 stays a number.
 template <class Char, class = std::enable_if_t<std::is_same_v<Char, char>>>
 String operator+(const String& a, Char b) {
   return String(a) += b;
@@ -334,8 +335,14 @@ template <class Char, class = std::enable_if_t<std::is_same_v<Char, char>>>
 String operator+(Char a, const String& b) {
   return String(a) += b;
 }
-inline String operator+(const String& a, StringChar b) { return a + static_cast<char>(b); }
-inline String operator+(StringChar a, const String& b) { return static_cast<char>(a) + b; }
+template <class Text, class = std::enable_if_t<std::is_same_v<Text, String>>>
+Text operator+(const Text& a, StringChar b) {
+  return a + static_cast<char>(b);
+}
+template <class Text, class = std::enable_if_t<std::is_same_v<Text, String>>>
+Text operator+(StringChar a, const Text& b) {
+  return static_cast<char>(a) + b;
+}
 
 inline int operator==(const char* a, const String& b) { return b == a; }
 inline int operator!=(const char* a, const String& b) { return b != a; }

@@ -3,16 +3,16 @@
 #include "utils/sdk/vector.h"
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <type_traits>
 #include <vector>
 
-#include "gmock/gmock.h"
-#include "support/assertion_recorder.h"
+#include "gtest/gtest.h"
 #include "support/counted.h"
+#include "support/failing_allocator.h"
 #include "support/nth_failure.h"
 #include "support/seed.h"
-#include "support/system_memory.h"
 #include "utils/sdk/time.h"
 
 template struct Utils::Vector<int>;
@@ -22,9 +22,7 @@ template struct Utils::Vector<Utils::Time>;
 
 namespace {
 
-using testing::Each;
 using Utils::Allocator;
-using Utils::TemplOps;
 using Utils::Vector;
 
 using Values = std::vector<unsigned>;
@@ -55,7 +53,6 @@ struct Open : Vector<T> {
   using Vector<T>::operator=;
   using Vector<T>::capacity_;
   using Vector<T>::data_;
-  using Vector<T>::ops_;
 };
 
 // --- A random run beside a model ---
@@ -73,8 +70,7 @@ struct VectorRun {
   }
 
   void step(unsigned kind, unsigned index, unsigned value) {
-    if (kind < 4) return addOne(kind, index, value);
-    if (kind < 7) return addList(kind, index);
+    if (kind < 7) return add(index);
     if (kind < 10) return remove(kind, index, value);
     resize(kind, random_.below(40));
   }
@@ -85,11 +81,6 @@ struct VectorRun {
   void growTo(unsigned n) {
     if (n > capacity_ && capacity_ == 0) capacity_ = 4;
     while (n > capacity_) capacity_ *= 2;
-  }
-
-  void modelInsert(unsigned index, const Values& values) {
-    model_.insert(at(std::min(index, size())), values.begin(), values.end());
-    growTo(size());
   }
 
   bool modelRemove(unsigned value) {
@@ -105,38 +96,26 @@ struct VectorRun {
     return values;
   }
 
-  void addOne(unsigned kind, unsigned index, unsigned value) {
-    const unsigned last = size();
-    const bool own = kind < 2 && last != 0;  // the item lies in the vector
-    const unsigned from = own ? random_.below(last) : 0;
-    const T other = make<T>(value);
-    const T& item = own ? vector_[from] : other;
-    if (own) value = model_[from];
-    if (kind % 2 == 0) {
-      modelInsert(index, {value});
-      vector_.insert(item, index);
-    } else {
-      modelInsert(last, {value});
-      EXPECT_EQ(vector_.add(item), last);
-    }
-  }
-
-  void addList(unsigned kind, unsigned index) {
-    const Values values = someValues();
+  // One item or several, of the vector itself or others, in front of the one at `index` or last.
+  void add(unsigned index) {
+    const bool own = random_.below(2) == 0;
+    const unsigned from = random_.below(size() + 1);
+    const unsigned most = random_.below(3) == 0 ? size() : 1;
+    const unsigned to = std::min(from + random_.below(most + 1), size());
+    const Values values = own ? Values(at(from), at(to)) : someValues();
     const auto items = make<T>(values);
-    const auto count = static_cast<unsigned>(items.size());
-    if (kind == 4) {
-      modelInsert(index, values);
-      vector_.insert(items.data(), count, index);
-    } else if (kind == 5) {
-      modelInsert(size(), values);
-      vector_.add(items.data(), count);
-    } else {
-      const unsigned from = random_.below(size() + 1);
-      const unsigned own = random_.below(size() - from + 1);
-      modelInsert(index, Values(at(from), at(from + own)));
-      vector_.insert(vector_.begin() + from, own, index);
+    const T* source = own ? vector_.begin() + from : items.data();
+    const auto count = static_cast<unsigned>(values.size());
+    const unsigned kind = random_.below(count == 1 ? 4 : 2);
+    if (kind == 0) vector_.insert(source, count, index);
+    if (kind == 1) vector_.add(source, count);
+    if (kind == 2) vector_.insert(*source, index);
+    if (kind == 3) {
+      EXPECT_EQ(vector_.add(*source), size());
     }
+    model_.insert(at(kind % 2 == 0 ? std::min(index, size()) : size()), values.begin(),
+                  values.end());
+    growTo(size());
   }
 
   void remove(unsigned kind, unsigned index, unsigned value) {
@@ -220,87 +199,56 @@ TEST(Vector, RandomRunFollowsTheModel) {
 
 // --- No memory ---
 
-// The base's operations by a table whose nth request for storage and all later ones fail.
-struct Failing : Open<Counted> {
-  explicit Failing(unsigned nth) : left_(nth), table_(ops_) {
-    table_.newVec_ = [](unsigned count) { return left() ? ops_.newVec_(count) : nullptr; };
-    now_ = this;
+// The process allocator fails from the nth request on, and with it one of the operations, which
+// then has changed nothing. Giving the storage back needs no memory.
+template <class T>
+bool goThroughStepsFailing(FailingAllocator& allocator, unsigned n) {
+  const auto items = make<T>(Values(9, 5));
+  Vector<T> nine;
+  nine.add(items.data(), 9);
+  Open<T> vector;
+  const auto addOne = [&] {
+    const bool added = vector.add(items[0]) != NONE;
+    EXPECT_EQ(added, !allocator.failed());
+  };
+  const std::function<void()> steps[] = {
+      addOne,
+      [&] { vector.add(items.data(), 9); },
+      [&] { vector.insert(vector.begin(), vector.size(), 1); },
+      [&] { vector.sizeTo(vector.size() + 40); },
+      [&] { vector.sizeToExact(vector.size() + 1); },
+      addOne,
+      [&] { vector = nine; },
+      [&] { vector.sizeToExact(2); },
+      [&] { vector.insert(vector.end()[-1], 0); },
+  };
+  allocator.failFrom(n);
+  for (const auto& step : steps) {
+    const std::vector<T> before(vector.begin(), vector.end());
+    const T* data = vector.data_;
+    const unsigned capacity = vector.capacity_;
+    step();
+    EXPECT_EQ(vector.data_ == data, allocator.failed());
+    EXPECT_EQ(vector.capacity_ == capacity, allocator.failed());
+    if (!allocator.failed()) continue;
+    EXPECT_TRUE(std::equal(vector.begin(), vector.end(), before.begin(), before.end()));
+    EXPECT_EQ(Vector<T>(vector).size(), 0u) << "a copy without memory";
+    vector.sizeToExact(0);
+    EXPECT_EQ(vector.size(), 0u);
+    allocator.failFrom(0);
+    EXPECT_EQ(vector.add(items[0]), 0u);
+    return false;
   }
-
-  static bool left() {
-    if (now_->left_ > 0) now_->left_--;
-    return now_->left_ > 0;
-  }
-
-  // One of the operations that need storage. False when there was none.
-  static constexpr unsigned STEPS = 9;
-  bool attempt(unsigned step) {
-    const std::vector<Counted> items(9, Counted(5));
-    const Counted* list = items.data();
-    const TemplOps& t = table_;
-    bool added = true;
-    if (step == 0) added = VectorBase::add(list, t, this) != NONE;
-    if (step == 1) VectorBase::add(list, 9, t, this);
-    if (step == 2) VectorBase::insert(begin(), size(), 1, t, this);
-    if (step == 3) VectorBase::sizeTo(size() + 40, t, this);
-    if (step == 4) VectorBase::sizeToExact(size() + 1, t, this);
-    if (step == 5) VectorBase::resizeFor(capacity_ + 1, t, this);
-    if (step == 6) VectorBase::vectorCopyOp(list, 9, t, this);
-    if (step == 7) VectorBase::sizeToExact(2, t, this);
-    if (step == 8) VectorBase::insert(end() - 1, 0, t, this);
-    EXPECT_EQ(added, left_ > 0 || step != 0);
-    return left_ > 0;
-  }
-
-  static inline Failing* now_;
-  unsigned left_;
-  TemplOps table_;
-};
-
-TEST(Exhaustion, EveryFailureLeavesTheVectorAsItWas) {
-  failEveryNth(Failing::STEPS + 1, [](unsigned n) {
-    Counted::reset();
-    Failing vector(n);
-    bool good = true;
-    for (unsigned step = 0; step < Failing::STEPS && good; step++) {
-      SCOPED_TRACE("step " + std::to_string(step));
-      const std::vector<Counted> before(vector.begin(), vector.end());
-      const Counted* data = vector.data_;
-      const unsigned capacity = vector.capacity_;
-      good = vector.attempt(step);
-      EXPECT_EQ(vector.data_ == data, !good);
-      EXPECT_EQ(vector.capacity_ == capacity, !good);
-      if (!good) {
-        EXPECT_TRUE(std::equal(vector.begin(), vector.end(), before.begin(), before.end()));
-      }
-    }
-    EXPECT_EQ(Counted::live_, static_cast<int>(vector.capacity_));
-    return good;
-  });
-  Counted::reset();
+  return true;
 }
 
-TEST(Exhaustion, OfTheProcessAllocator) {
-  AssertionRecorder recorder;
+TEST(Exhaustion, LeavesTheVectorAsItWas) {
+  FailingAllocator allocator;
+  const unsigned before = held();
+  failEveryNth(10, [&](unsigned n) { return goThroughStepsFailing<Counted>(allocator, n); });
+  failEveryNth(10, [&](unsigned n) { return goThroughStepsFailing<int>(allocator, n); });
+  EXPECT_EQ(held(), before);
   Counted::reset();
-  Vector<Counted> full, empty;
-  for (int i = 1; i <= 4; i++) full.add(i);
-  Vector<int> numbers;
-  TakenMemory taken;
-  EXPECT_EQ(full.add(5), NONE);
-  EXPECT_EQ(empty.add(5), NONE);
-  EXPECT_EQ(numbers.add(5), NONE);
-  full.insert(7, 0);
-  empty = full;
-  const Vector<Counted> copy(full);
-  EXPECT_EQ(copy.size() + empty.size() + numbers.size(), 0u);
-  EXPECT_EQ(Counted::live_, 4) << "no constructor runs on nothing";
-  EXPECT_EQ(full.compare(make<Counted>(Values{1, 2, 3, 4}).data(), 4), 0);
-  full.sizeToExact(0);  // needs none
-  EXPECT_EQ(Counted::live_, 0);
-  taken.giveBack();
-  EXPECT_EQ(full.add(5), 0u);
-  EXPECT_THAT(recorder.take(), Each(testing::AnyOf("m", "h")));
 }
 
 TEST(Exhaustion, NoCountWraps) {
@@ -325,21 +273,6 @@ TEST(Exhaustion, NoCountWraps) {
 }
 
 // --- Single cases ---
-
-TEST(Vector, NewOne) {
-  Open<int> vector;
-  unsigned index = NONE;
-  EXPECT_FALSE(vector.locate(0, index));
-  EXPECT_EQ(index, 0u);
-  EXPECT_FALSE(vector.removeAt(0));
-  EXPECT_TRUE(vector.removeAt(0, 5));
-  EXPECT_EQ(vector.compare(nullptr, 0), 0);
-  EXPECT_EQ(vector.begin(), vector.end());
-  vector.sizeTo(0);
-  vector = Vector<int>();
-  EXPECT_EQ(vector.data_, nullptr);
-  EXPECT_EQ(vector.capacity_, 0u);
-}
 
 TEST(Vector, BlanksWhatNumbersAndPointersLeave) {
   Open<const char*> vector;
@@ -388,6 +321,6 @@ TEST(Vector, OfItsOwnOwner) {
 }
 
 static_assert(sizeof(Vector<char>) == 8 + sizeof(void*));
-static_assert(sizeof(void*) != 4 || sizeof(TemplOps) == 40);
+static_assert(sizeof(void*) != 4 || sizeof(Utils::TemplOps) == 40);
 
 }  // namespace

@@ -1,9 +1,11 @@
-// arena_model.h: MemoryAllocator told again with maps and sets, to predict every address and total.
+// arena_model.h: the arenas told again with maps and sets, to predict every address and total.
 //
 // Knows addresses only: it never touches the memory. Blocks are named by the address of their head
-// word. Asks `chunk_` for what the real allocator got from its parent.
+// word. Asks `chunk_` for what the real allocator got from its parent. ChainModel has what all
+// arenas share, ArenaModel and BankModel add what makes a MemoryAllocator and a MemoryBank.
 #pragma once
 
+#include <algorithm>
 #include <bit>
 #include <cstdint>
 #include <functional>
@@ -12,8 +14,9 @@
 #include <utility>
 #include <vector>
 
-struct ArenaModel {
+struct ChainModel {
   using Address = std::uintptr_t;
+  using Chunks = std::function<Address(unsigned need)>;
 
   struct Block {
     unsigned size_;
@@ -22,93 +25,71 @@ struct ArenaModel {
   };
 
   static constexpr unsigned LIMIT = 1u << 26;
+  static constexpr unsigned LARGEST_REQUEST = LIMIT - 16;
 
-  explicit ArenaModel(std::function<Address(unsigned need)> chunk) : chunk_(std::move(chunk)) {}
-
-  // The address of the head, 0 for none.
-  Address alloc(unsigned size, unsigned color) {
-    if (size > 67108848) return 0;
-    unsigned amt = std::max((size + 15) & ~7u, 32u);
-    Address h = 0;
-    if (amt <= 512) h = allocSmall(std::bit_ceil(amt));
-    if (amt < 1024) amt = 1024;
-    if (!h) h = bestFit(amt);
-    if (!h) h = newChunk(amt);
-    if (!h) return 0;
-    Block& b = at(h);
-    b.color_ = color & 63;
-    allocated_ += b.size_;
-    allocatedColor_[b.color_] += b.size_;
-    return h;
-  }
-
-  void free(Address h) {
-    const Block b = at(h);
-    allocated_ -= b.size_;
-    allocatedColor_[b.color_] -= b.size_;
-    if (b.size_ <= 512) {
-      pushSmall(h, b.size_, b.color_);
-    } else {
-      freeLarge(h, b.color_);
-    }
-  }
-
-  Block& at(Address h) {
-    const auto small = small_.find(h);
-    return small != small_.end() ? small->second : chain_.at(h);
-  }
+  // Remainders of at least `leastRest` bytes are split off; `around` more bytes than the block has
+  // are asked for with a chunk.
+  ChainModel(Chunks chunk, unsigned leastRest, unsigned around)
+      : chunk_(std::move(chunk)), leastRest_(leastRest), around_(around) {}
+  virtual ~ChainModel() = default;
 
   std::map<Address, Block> chain_;
-  std::map<Address, Block> small_;  // the blocks of the pages
-  std::map<unsigned, std::vector<Address>> lists_;
-  std::set<std::pair<unsigned, Address>> tree_;
   Address end_ = 0;
   unsigned allocated_ = 0;
   unsigned internalFree_ = 0;
   unsigned allocatedColor_[64] = {};
   unsigned freeColor_[64] = {};
 
- private:
+ protected:
+  // Where the free blocks of the chain are kept.
+  virtual void keep(Address h, unsigned size) = 0;
+  virtual void drop(Address h, unsigned size) = 0;
+
+  static unsigned amountFor(unsigned size) { return std::max((size + 15) & ~7u, 32u); }
+
+  Address handOver(Address h, Block& b, unsigned color) {
+    b.color_ = color & 63;
+    allocated_ += b.size_;
+    allocatedColor_[b.color_] += b.size_;
+    return h;
+  }
+
+  void takeBack(const Block& b) {
+    allocated_ -= b.size_;
+    allocatedColor_[b.color_] -= b.size_;
+  }
+
   void count(const Block& b, int sign) {
     const unsigned delta = sign > 0 ? b.size_ : 0 - b.size_;
     internalFree_ += delta;
     freeColor_[b.color_] += delta;
   }
 
-  void intoTree(Address h) {
+  void makeFree(Address h) {
     Block& b = chain_.at(h);
     b.busy_ = false;
-    tree_.emplace(b.size_, h);
+    keep(h, b.size_);
     count(b, 1);
   }
 
-  void outOfTree(Address h) {
+  void makeBusy(Address h) {
     Block& b = chain_.at(h);
-    tree_.erase({b.size_, h});
+    drop(h, b.size_);
     count(b, -1);
     b.busy_ = true;
   }
 
-  Address bestFit(unsigned amt) {
-    const auto fit = tree_.lower_bound({amt, 0});
-    if (fit == tree_.end()) return 0;
-    const Address h = fit->second;
-    outOfTree(h);
-    split(h, amt);
-    return h;
-  }
-
   void split(Address h, unsigned amt) {
     Block& b = chain_.at(h);
+    if (b.size_ < amt + leastRest_) return;
     const unsigned rest = b.size_ - amt;
-    if (b.size_ < amt + 1023) return;
     b.size_ = amt;
     chain_[h + amt] = {rest, true, b.color_};
-    intoTree(h + amt);
+    makeFree(h + amt);
   }
 
   Address newChunk(unsigned amt) {
-    const unsigned need = (std::max(amt + 8, 131072u) + 15) & ~15u;
+    const unsigned need = (std::max(amt + around_, 131072u) + 15) & ~15u;
     const Address c = chunk_(need);
     if (!c) return 0;
     Address h = c + 4;
@@ -125,28 +106,82 @@ struct ArenaModel {
     return h;
   }
 
-  void freeLarge(Address h, unsigned color) {
+  void giveBack(Address h) {
     auto it = chain_.find(h);
+    const unsigned color = it->second.color_;
     const auto next = std::next(it);
     if (next != chain_.end() && joins(*it, *next)) {
-      outOfTree(next->first);
+      makeBusy(next->first);
       it->second.size_ += next->second.size_;
       chain_.erase(next);
     }
     if (it != chain_.begin() && joins(*it, *std::prev(it))) {
       const auto previous = std::prev(it);
-      outOfTree(previous->first);
+      makeBusy(previous->first);
       previous->second.size_ += it->second.size_;
       chain_.erase(it);
       it = previous;
     }
     it->second.color_ = color;
-    intoTree(it->first);
+    makeFree(it->first);
   }
 
   static bool joins(const std::pair<const Address, Block>& b,
                     const std::pair<const Address, Block>& n) {
     return !n.second.busy_ && b.second.size_ + n.second.size_ < LIMIT;
+  }
+
+ private:
+  Chunks chunk_;
+  const unsigned leastRest_;
+  const unsigned around_;
+};
+
+struct ArenaModel : ChainModel {
+  explicit ArenaModel(Chunks chunk) : ChainModel(std::move(chunk), 1024, 8) {}
+
+  // The address of the head, 0 for none.
+  Address alloc(unsigned size, unsigned color) {
+    if (size > LARGEST_REQUEST) return 0;
+    unsigned amt = amountFor(size);
+    Address h = 0;
+    if (amt <= 512) h = allocSmall(std::bit_ceil(amt));
+    if (amt < 1024) amt = 1024;
+    if (!h) h = bestFit(amt);
+    if (!h) h = newChunk(amt);
+    return h ? handOver(h, at(h), color) : 0;
+  }
+
+  void free(Address h) {
+    const Block b = at(h);
+    takeBack(b);
+    if (b.size_ <= 512) {
+      pushSmall(h, b.size_, b.color_);
+    } else {
+      giveBack(h);
+    }
+  }
+
+  Block& at(Address h) {
+    const auto small = small_.find(h);
+    return small != small_.end() ? small->second : chain_.at(h);
+  }
+
+  std::map<Address, Block> small_;  // the blocks of the pages
+  std::map<unsigned, std::vector<Address>> lists_;
+  std::set<std::pair<unsigned, Address>> tree_;
+
+ private:
+  void keep(Address h, unsigned size) override { tree_.emplace(size, h); }
+  void drop(Address h, unsigned size) override { tree_.erase({size, h}); }
+
+  Address bestFit(unsigned amt) {
+    const auto fit = tree_.lower_bound({amt, 0});
+    if (fit == tree_.end()) return 0;
+    const Address h = fit->second;
+    makeBusy(h);
+    split(h, amt);
+    return h;
   }
 
   Address allocSmall(unsigned size) {
@@ -170,7 +205,7 @@ struct ArenaModel {
     }
     unsigned payload = 10240;
     if (page) {
-      outOfTree(page);
+      makeBusy(page);
       chain_.at(page).color_ = 0;
       split(page, 10240);
       payload = chain_.at(page).size_ - 8;
@@ -187,6 +222,60 @@ struct ArenaModel {
     lists_[size].push_back(h);
     count(small_[h], 1);
   }
+};
 
-  std::function<Address(unsigned need)> chunk_;
+struct BankModel : ChainModel {
+  explicit BankModel(Chunks chunk) : ChainModel(std::move(chunk), 32, 12) {}
+
+  Address alloc(unsigned size, unsigned color) {
+    if (size > LARGEST_REQUEST) return 0;
+    const unsigned amt = amountFor(size);
+    Address h = fitAbove(amt);
+    if (!h && tryHard_) h = fitInOwnBin(amt);
+    if (h) {
+      makeBusy(h);
+      split(h, amt);
+    } else {
+      h = newChunk(amt);
+    }
+    return h ? handOver(h, at(h), color) : 0;
+  }
+
+  void free(Address h) {
+    takeBack(at(h));
+    giveBack(h);
+  }
+
+  Block& at(Address h) { return chain_.at(h); }
+
+  bool tryHard_ = true;
+  unsigned foundBehindOthers_ = 0;  // searches of a bin that went past its first block
+
+ private:
+  using Bin = std::vector<Address>;  // the last one goes first
+
+  Bin& binOf(unsigned size) { return bins_[std::bit_width(size) - 1]; }
+  void keep(Address h, unsigned size) override { binOf(size).push_back(h); }
+  void drop(Address h, unsigned size) override {
+    Bin& bin = binOf(size);
+    bin.erase(std::find(bin.begin(), bin.end(), h));
+  }
+
+  Address fitAbove(unsigned amt) {
+    for (Bin* bin = &binOf(amt) + 1; bin < bins_ + 27; bin++) {
+      if (!bin->empty()) return bin->back();
+    }
+    return 0;
+  }
+
+  Address fitInOwnBin(unsigned amt) {
+    const Bin& bin = binOf(amt);
+    const auto fits = [&](Address h) { return at(h).size_ >= amt; };
+    const auto fit = std::find_if(bin.rbegin(), bin.rend(), fits);
+    if (fit == bin.rend()) return 0;
+    foundBehindOthers_ += fit != bin.rbegin();
+    return *fit;
+  }
+
+  Bin bins_[27];
 };

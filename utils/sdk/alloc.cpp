@@ -1,7 +1,8 @@
 // alloc.cpp: the arena allocator.
 //
 // A request goes to the list of its small class, else to the best fit of the free tree, else to a
-// new chunk. alloc.h shows the layout of a block, chain.h what closes a chunk off.
+// new chunk. alloc.h shows the layout of a block; what the arenas do alike is arena_steps.h and
+// chain.h.
 #include "utils/sdk/alloc.h"
 
 #include <algorithm>
@@ -10,8 +11,7 @@
 #include <cstdio>
 #include <new>
 
-#include "utils/sdk/chain.h"
-#include "utils/sdk/platform.h"
+#include "utils/sdk/arena_steps.h"
 #include "utils/sdk/wtree_steps.h"
 #include "utils/sdk/ysys.h"
 
@@ -75,16 +75,6 @@ struct PlaceOfFit {
   unsigned amt_;
 };
 
-// Names the block before the assertion is reported, without the help of what may be broken.
-[[gnu::cold, gnu::noinline]] void brokenBlock(const char* condition, unsigned line, const void* h) {
-  char text[96];
-  const unsigned word = wordAt(h);
-  std::snprintf(text, sizeof text, "heap: block at %p, head word 0x%08x, size %u, colour %u\n", h,
-                word, sizeOf(word), colorOf(word));
-  OutputDebugStringA(text);
-  YfAssert__(condition, SOURCE, line);
-}
-
 }  // namespace
 
 // The order of the free tree, for the tree's exported operations: both arguments are the addresses
@@ -108,13 +98,8 @@ MemoryAllocator::MemoryAllocator(Allocator* parent) : parent_(parent), lock_("al
 MemoryAllocator::~MemoryAllocator() {}
 
 void MemoryAllocator::init() {
-  firstHead_ = endHead_ = nullptr;
-  internalFree_ = allocatedMemory_ = 0;
-  tryHard_ = true;
-  defaultColor_ = 0;
+  ArenaSteps::init(*this);
   for (MemHead*& list : smallFree_) list = nullptr;
-  for (unsigned& total : allocatedColorMemory_) total = 0;
-  for (unsigned& total : freeColorMemory_) total = 0;
 }
 
 void* MemoryAllocator::operator new(std::size_t size) noexcept {
@@ -129,10 +114,9 @@ void MemoryAllocator::operator delete(void* mem) noexcept { ::operator delete(me
 
 // The steps below the members. What a small request runs through is inlined into every entry; the
 // rest stands apart, so that the entries need no frame for it.
-struct Arena {
+struct Arena : ArenaSteps {
   static void* take(MemoryAllocator& a, unsigned request, unsigned color);
   static MemHead* popSmall(MemoryAllocator& a, unsigned k);
-  static void* handOver(MemoryAllocator& a, MemHead* h, unsigned size, unsigned color);
   static void* takeFromPage(MemoryAllocator& a, unsigned request, unsigned color);
   static void* takeLarge(MemoryAllocator& a, unsigned request, unsigned color);
 
@@ -144,13 +128,10 @@ struct Arena {
   static MemHead* findFit(WTreePath& path, unsigned amt, const WTreeNodeBase*& lower);
   static MemHead* takeFit(MemoryAllocator& a, unsigned amt);
   static MemHead* takeWhole(MemoryAllocator& a, WTreePath& path, MemHead* fit);
-  static MemHead* newChunk(MemoryAllocator& a, unsigned amt);
-  static void joinFree(MemoryAllocator& a, MemHead* h, unsigned color);
+  static void joinFree(MemoryAllocator& a, MemHead* h, unsigned size, unsigned color);
   static void grow(MemoryAllocator& a, MemHead* old, MemHead* grown, unsigned size);
   static void insert(MemoryAllocator& a, MemHead* h);
   static void lost(MemoryAllocator& a, MemHead* h);
-  static void count(MemoryAllocator& a, const MemHead* h);
-  static void uncount(MemoryAllocator& a, const MemHead* h);
 
   static void fillClass(MemoryAllocator& a, unsigned k);
   static unsigned cutPage(MemoryAllocator& a, MemHead* page);
@@ -170,18 +151,10 @@ inline MemHead* Arena::popSmall(MemoryAllocator& a, unsigned k) {
     return nullptr;
   const unsigned size = 1u << k;
   a.smallFree_[k] = linkOf(h)->next_;
+  __builtin_prefetch(a.smallFree_[k]);  // soon asked for; after churn the list leads all over
   a.internalFree_ -= size;
   a.freeColorMemory_[h->color_] -= size;
   return h;
-}
-
-// Counts a block as the caller's and makes its head word. Gives its memory.
-inline void* Arena::handOver(MemoryAllocator& a, MemHead* h, unsigned size, unsigned color) {
-  color &= COLOR_MASK;
-  a.allocatedMemory_ += size;
-  a.allocatedColorMemory_[color] += size;
-  h->sizeandcolor_ = color << COLOR_SHIFT | (size + 1);
-  return behind(h, 4);
 }
 
 // A small request that finds neither list nor page becomes a large block: a smaller one could not
@@ -196,12 +169,9 @@ inline void* Arena::handOver(MemoryAllocator& a, MemHead* h, unsigned size, unsi
   if (request > LARGEST_REQUEST) return nullptr;
   const unsigned amt = std::max(blockSize(request), SMALLEST_LARGE);
   MemHead* h = takeFit(a, amt);
-  if (!h) h = newChunk(a, amt);
+  if (!h) h = newChunk(a, amt, 8, SOURCE);
   if (!h) return nullptr;
-  void* mem = handOver(a, h, h->sizeandcolor_ - 1, color);
-  if ((addressOf(mem) & (ALIGN - 1)) != 0)
-    YfAssert__("((unsigned int)mem & (ALIGN - 1)) == 0", SOURCE, __LINE__);
-  return mem;
+  return handOverChecked(a, h, color, SOURCE);
 }
 
 // Gives false for what is no busy small block: that is left alone.
@@ -227,18 +197,9 @@ inline void Arena::pushSmall(MemoryAllocator& a, MemHead* h, unsigned size, unsi
 
 // Gives the size of the block, 0 for what is no busy block: that is left alone.
 inline unsigned Arena::giveLarge(MemoryAllocator& a, void* mem) {
-  MemHead* h = headAt(headOfMemory(mem));
-  const unsigned word = h->sizeandcolor_;
-  if (!isBusy(word)) {
-    brokenBlock("busy(h)", __LINE__, h);
-    return 0;
-  }
-  const unsigned size = sizeOf(word);
-  h->sizeandcolor_ = size + 1;
-  a.allocatedColorMemory_[colorOf(word)] -= size;
-  if (size + 1 != wordAt(behind(h, size - 4))) brokenBlock("s+1 == TAIL(h)->size", __LINE__, h);
-  joinFree(a, h, colorOf(word));
-  return size;
+  const Returned block = takeBack(a, mem, "s+1 == TAIL(h)->size", SOURCE);
+  if (block.head_) joinFree(a, headAt(block.head_), block.size_, block.color_);
+  return block.size_;
 }
 
 [[gnu::noinline]] void Arena::giveAndCount(MemoryAllocator& a, void* mem) {
@@ -286,16 +247,6 @@ unsigned MemoryAllocator::_free(void* mem) {
 // behind. Where it stands between the same neighbours in the order, it takes over the node's place
 // in the tree, which saves a removal and an insertion.
 
-inline void Arena::count(MemoryAllocator& a, const MemHead* h) {
-  a.internalFree_ += h->sizeandcolor_;
-  a.freeColorMemory_[h->color_] += h->sizeandcolor_;
-}
-
-inline void Arena::uncount(MemoryAllocator& a, const MemHead* h) {
-  a.internalFree_ -= h->sizeandcolor_;
-  a.freeColorMemory_[h->color_] -= h->sizeandcolor_;
-}
-
 [[gnu::noinline]] void Arena::insert(MemoryAllocator& a, MemHead* h) {
   WTreePath path(WTreeSteps::rootOf(a.tree_));
   const auto end = WTreeSteps::descend(path, PlaceOfBlock(h));
@@ -313,7 +264,7 @@ inline MemHead* Arena::findFit(WTreePath& path, unsigned amt, const WTreeNodeBas
   path.depth_ = end.upper_ - 1;
   MemHead* candidate = headOfNode(path.nodes_[path.depth_]);
   if (candidate->sizeandcolor_ < amt)
-    brokenBlock("candidate->sizeandcolor_ >= amt", __LINE__, candidate);
+    brokenBlock("candidate->sizeandcolor_ >= amt", SOURCE, __LINE__, candidate);
   return candidate;
 }
 
@@ -331,50 +282,21 @@ inline MemHead* Arena::takeFit(MemoryAllocator& a, unsigned amt) {
   const WTreeNodeBase* lower;
   MemHead* h = findFit(path, amt, lower);
   if (!h) return nullptr;
-  const unsigned rest = h->sizeandcolor_ - amt;
-  if (rest < SMALLEST_LARGE) return takeWhole(a, path, h);
-  const unsigned label = h->color_;
-  a.internalFree_ -= amt;
-  a.freeColorMemory_[label] -= amt;
-  MemHead* n = headAt(behind(h, amt));
-  n->sizeandcolor_ = rest;
-  n->color_ = label;
-  writeTail(n, rest);
-  if (!lower || PlaceOfBlock(n)(lower) > 0) {
-    WTreeSteps::replace(WTreeSteps::linkTo(path, path.depth_, h), h, n);
+  const unsigned size = h->sizeandcolor_;
+  if (size - amt < SMALLEST_LARGE) return takeWhole(a, path, h);
+  countFree(a, 0 - amt, h->color_);
+  MemHead* rest = cut(h, size, amt);
+  if (!lower || PlaceOfBlock(rest)(lower) > 0) {
+    WTreeSteps::replace(WTreeSteps::linkTo(path, path.depth_, h), h, rest);
   } else {
     WTreeSteps::detach(path, h);
-    insert(a, n);
+    insert(a, rest);
   }
-  h->sizeandcolor_ = amt + 1;
-  writeTail(h, amt);
   return h;
-}
-
-[[gnu::noinline]] MemHead* Arena::newChunk(MemoryAllocator& a, unsigned amt) {
-  const unsigned least = std::max(amt + 8, SMALLEST_CHUNK);
-  const unsigned need = (least + CHUNK_ALIGN - 1) & ~(CHUNK_ALIGN - 1);
-  void* candidate = a.parent_ ? a.parent_->alloc(need) : YIF_MemAlloc(need);
-  if (!candidate) return nullptr;
-  if ((addressOf(candidate) & (CHUNK_ALIGN - 1)) != 0)
-    YfAssert__("((unsigned long)candidate & (CHUNK_ALIGN - 1)) == 0", SOURCE, __LINE__);
-  MemHead* h = headAt(joinChunk(a.endHead_, candidate, need));
-  a.endHead_ = headAt(behind(h, sizeOf(h->sizeandcolor_)));
-  if (!a.firstHead_) a.firstHead_ = h;
-  h->color_ = 0;
-  a.splitBlock(h, amt);
-  return h;
-}
-
-// Whether a free neighbour joins a block of `size` bytes: the head word must be able to hold the
-// sum.
-inline bool joins(const MemHead* neighbour, unsigned size) {
-  return !isBusy(neighbour->sizeandcolor_) && size + neighbour->sizeandcolor_ < BLOCK_LIMIT;
 }
 
 // coalesce and freeLoser in one, for a busy block.
-inline void Arena::joinFree(MemoryAllocator& a, MemHead* h, unsigned color) {
-  unsigned size = h->sizeandcolor_ - 1;
+inline void Arena::joinFree(MemoryAllocator& a, MemHead* h, unsigned size, unsigned color) {
   MemHead* grown = h;
   MemHead* next = headAt(behind(h, size));
   MemHead* previous = headAt(previousHead(h));
@@ -417,9 +339,9 @@ inline void Arena::grow(MemoryAllocator& a, MemHead* old, MemHead* grown, unsign
 [[gnu::cold]] void Arena::lost(MemoryAllocator& a, MemHead* h) {
   for (auto* n = a.tree_.minNode(); n; n = a.tree_.nextNode(n, nodeCompareSame)) {
     std::printf("%d ", static_cast<int>(headOfNode(n)->sizeandcolor_));
-    if (headOfNode(n) == h) brokenBlock("n != h", __LINE__, h);
+    if (headOfNode(n) == h) brokenBlock("n != h", SOURCE, __LINE__, h);
   }
-  brokenBlock("0", __LINE__, h);
+  brokenBlock("0", SOURCE, __LINE__, h);
 }
 
 MemHead* MemoryAllocator::allocCandidate(unsigned amt) {
@@ -430,15 +352,8 @@ MemHead* MemoryAllocator::allocCandidate(unsigned amt) {
 }
 
 void MemoryAllocator::splitBlock(MemHead* h, unsigned amt) {
-  const unsigned rest = h->sizeandcolor_ - amt;  // the remainder's size plus 1
-  if (rest < SMALLEST_LARGE) return;
-  MemHead* n = headAt(behind(h, amt));
-  n->sizeandcolor_ = rest;
-  n->color_ = h->color_;
-  writeTail(n, rest - 1);
-  h->sizeandcolor_ = amt + 1;
-  writeTail(h, amt);
-  freeLoser(n);
+  const unsigned size = h->sizeandcolor_ - 1;
+  if (size - amt >= SMALLEST_LARGE) freeLoser(ArenaSteps::cut(h, size, amt));
 }
 
 void MemoryAllocator::freeLoser(MemHead* h) {
@@ -447,22 +362,8 @@ void MemoryAllocator::freeLoser(MemHead* h) {
   Arena::count(*this, h);
 }
 
-// The next neighbour goes first.
 MemHead* MemoryAllocator::coalesce(MemHead* h) {
-  MemHead* next = headAt(behind(h, h->sizeandcolor_ - 1));
-  if (joins(next, h->sizeandcolor_ - 1)) {
-    removeMe(next);
-    h->sizeandcolor_ += next->sizeandcolor_;
-    writeTail(h, h->sizeandcolor_ - 1);
-  }
-  MemHead* previous = headAt(previousHead(h));
-  if (joins(previous, h->sizeandcolor_ - 1)) {
-    removeMe(previous);
-    previous->sizeandcolor_ += h->sizeandcolor_;
-    writeTail(previous, previous->sizeandcolor_ - 1);
-    h = previous;
-  }
-  return h;
+  return ArenaSteps::coalesce(h, [this](MemHead* neighbour) { removeMe(neighbour); });
 }
 
 void MemoryAllocator::removeMe(MemHead* h) {
@@ -511,7 +412,7 @@ MemHead* lowestOf(WTreeNodeBase* node, unsigned size, MemHead* best) {
 // Makes a free block a page, counted as neither free nor allocated. Gives its usable bytes.
 unsigned Arena::cutPage(MemoryAllocator& a, MemHead* page) {
   if (page != a.tree_.remove(page, nodeCompareSame))
-    brokenBlock("b == HEADBASE(node)", __LINE__, page);
+    brokenBlock("b == HEADBASE(node)", SOURCE, __LINE__, page);
   a.internalFree_ -= page->sizeandcolor_;
   a.freeColorMemory_[page->color_] -= page->sizeandcolor_;
   page->color_ = 0;
@@ -541,28 +442,21 @@ void Arena::fillClass(MemoryAllocator& a, unsigned k) {
 
 // --- Questions ---
 
-unsigned MemoryAllocator::size(const void* mem) const {
-  if (!Chain{firstHead_, endHead_}.holdsBusy(mem)) return 0;
-  return sizeOf(wordAt(headOfMemory(mem)));
-}
+unsigned MemoryAllocator::size(const void* mem) const { return ArenaSteps::chain(*this).size(mem); }
 
 unsigned MemoryAllocator::allocatedMemory() const { return allocatedMemory_; }
 
 unsigned MemoryAllocator::internalFree() const { return internalFree_; }
 
 unsigned MemoryAllocator::color(const void* mem) const {
-  if (!Chain{firstHead_, endHead_}.holdsBusy(mem)) return 0;
-  return colorOf(wordAt(headOfMemory(mem)));
+  return ArenaSteps::chain(*this).color(mem);
 }
 
+// Small blocks have no tail: what tells them is their size.
 bool MemoryAllocator::valid(const void* mem) const {
-  if (!Chain{firstHead_, endHead_}.holdsBusy(mem)) return false;
-  const void* h = headOfMemory(mem);
-  const unsigned word = wordAt(h) & SIZE_MASK;
-  const unsigned size = word - 1;
-  if (size <= LARGEST_SMALL) return size >= SMALLEST_BLOCK && std::has_single_bit(size);
-  if (size % ALIGN != 0 || size > addressOf(endHead_) - addressOf(h)) return false;
-  return wordAt(behind(h, size - 4)) == word;
+  const unsigned bytes = size(mem);
+  if (bytes > LARGEST_SMALL) return ArenaSteps::chain(*this).valid(mem);
+  return bytes >= SMALLEST_BLOCK && std::has_single_bit(bytes);
 }
 
 unsigned MemoryAllocator::setDefaultColor(unsigned color, unsigned* oldColor) {
@@ -586,34 +480,23 @@ void MemoryAllocator::adjustColorMemory(unsigned color, int delta) {
 }
 
 unsigned MemoryAllocator::color(void* mem, unsigned color) {
-  color &= COLOR_MASK;
-  if (color == 0 || !Chain{firstHead_, endHead_}.holdsBusy(mem)) return RESULT_INVALID_ARGUMENT;
-  unsigned& word = wordAt(headOfMemory(mem));
-  if (colorOf(word) != 0) return RESULT_INVALID_ARGUMENT;
-  allocatedColorMemory_[color] += sizeOf(word);
-  word |= color << COLOR_SHIFT;
-  return 0;
+  return ArenaSteps::chain(*this).setColor(mem, color, allocatedColorMemory_);
 }
 
 bool MemoryAllocator::busy(const void* mem) { return mem && isBusy(wordAt(headOfMemory(mem))); }
 
 // --- The chain ---
 
-void* MemoryAllocator::firstBlock() const { return firstHead_ ? behind(firstHead_, 4) : nullptr; }
+void* MemoryAllocator::firstBlock() const { return ArenaSteps::chain(*this).firstBlock(); }
 
 void* MemoryAllocator::nextBlock(const void* mem) const {
-  if (!mem) return nullptr;
-  const void* next = Chain{firstHead_, endHead_}.next(headOfMemory(mem), SOURCE);
-  return next ? behind(const_cast<void*>(next), 4) : nullptr;
+  return ArenaSteps::chain(*this).nextBlock(mem, SOURCE);
 }
 
-void MemoryAllocator::checkArena() const {
-  const void* mem = firstBlock();
-  while (mem) mem = nextBlock(mem);
-}
+void MemoryAllocator::checkArena() const { ArenaSteps::chain(*this).check(SOURCE); }
 
 void MemoryAllocator::report() {
-  Chain{firstHead_, endHead_}.report(SOURCE);
+  ArenaSteps::chain(*this).report(SOURCE);
   const unsigned long long used = allocatedMemory_;
   const unsigned long long free = internalFree_;
   std::printf("%dk used + %dk (free) = %dk\n", static_cast<int>(used >> 10),

@@ -131,6 +131,7 @@ struct YUTILS_EXPORT MemoryAllocator : Allocator {
   void resetBusy(MemHead* h) { h->sizeandcolor_ &= ~1u; }
 
   friend struct Arena;
+  friend struct ArenaSteps;
 
   Allocator* parent_;
   WTreeBase tree_;      // the free large blocks

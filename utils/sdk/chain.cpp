@@ -4,6 +4,8 @@
 #include <bit>
 #include <cstdio>
 
+#include "utils/sdk/allocator.h"
+#include "utils/sdk/platform.h"
 #include "utils/sdk/ysys.h"
 
 namespace Utils {
@@ -15,6 +17,34 @@ bool Chain::holdsBusy(const void* mem) const {
          isBusy(wordAt(head));
 }
 
+unsigned Chain::size(const void* mem) const {
+  return holdsBusy(mem) ? sizeOf(wordAt(headOfMemory(mem))) : 0;
+}
+
+unsigned Chain::color(const void* mem) const {
+  return holdsBusy(mem) ? colorOf(wordAt(headOfMemory(mem))) : 0;
+}
+
+bool Chain::valid(const void* mem) const {
+  if (!holdsBusy(mem)) return false;
+  const void* head = headOfMemory(mem);
+  const unsigned word = wordAt(head) & SIZE_MASK;
+  const unsigned size = word - 1;
+  if (size == 0 || size % ALIGN != 0) return false;
+  if (size > addressOf(end_) - addressOf(head)) return false;
+  return wordAt(behind(head, size - 4)) == word;
+}
+
+unsigned Chain::setColor(void* mem, unsigned color, unsigned* totals) const {
+  color &= COLOR_MASK;
+  if (color == 0 || !holdsBusy(mem)) return RESULT_INVALID_ARGUMENT;
+  unsigned& word = wordAt(headOfMemory(mem));
+  if (colorOf(word) != 0) return RESULT_INVALID_ARGUMENT;
+  totals[color] += sizeOf(word);
+  word |= color << COLOR_SHIFT;
+  return 0;
+}
+
 const void* Chain::next(const void* head, const char* source) const {
   if (addressOf(head) >= addressOf(end_)) return nullptr;
   const unsigned size = sizeOf(wordAt(head));
@@ -23,6 +53,16 @@ const void* Chain::next(const void* head, const char* source) const {
   if (size != (tail & ~1u)) YfAssert__("size == (t->size & ~1)", source, __LINE__);
   const void* behindIt = behind(head, size);
   return behindIt == end_ || wordAt(behindIt) == SEAM ? nullptr : behindIt;
+}
+
+void* Chain::nextBlock(const void* mem, const char* source) const {
+  if (!mem) return nullptr;
+  const void* head = next(headOfMemory(mem), source);
+  return head ? behind(const_cast<void*>(head), 4) : nullptr;
+}
+
+void Chain::check(const char* source) const {
+  for (const void* head = first_; head; head = next(head, source)) continue;
 }
 
 void Chain::report(const char* source) const {
@@ -72,6 +112,15 @@ void* joinChunk(void* end, void* chunk, unsigned need) {
   writeTail(head, size);
   wordAt(behind(head, size)) = SEAM;
   return head;
+}
+
+void brokenBlock(const char* condition, const char* source, unsigned line, const void* head) {
+  char text[96];
+  const unsigned word = wordAt(head);
+  std::snprintf(text, sizeof text, "heap: block at %p, head word 0x%08x, size %u, colour %u\n",
+                head, word, sizeOf(word), colorOf(word));
+  OutputDebugStringA(text);
+  YfAssert__(condition, source, line);
 }
 
 }  // namespace Utils

@@ -1,8 +1,9 @@
 // chain.h: the blocks of an arena, as far as every arena allocator shares them.
 //
 // For the library's own sources, not installed. Knows head words, tail words and the chain that
-// they form (alloc.h shows the layout), and nothing of where an allocator keeps its free blocks. A
-// block is passed by the address of its head word.
+// they form (alloc.h shows the layout), and nothing of an allocator's fields or of where it keeps
+// its free blocks; what the allocators do alike with their fields is arena_steps.h. A block is
+// passed by the address of its head word, and by its memory where a caller asks for it.
 //
 // The words that close a chunk off. In front of its first block stands a word that reads as the
 // tail of something busy: the tail of the gap block that joins the chunk to the chain, else EDGE,
@@ -63,25 +64,42 @@ inline void* previousHead(void* head) {
   return static_cast<char*>(head) - (wordAt(static_cast<char*>(head) - 4) - 1);
 }
 
-// The part of the chain that an allocator's two fields name.
+// The part of the chain that an allocator's two fields name. Where a module `source` is named, a
+// tail that does not fit its head fails an assertion of that module.
 struct Chain {
-  // Whether `mem` is the memory of a busy block that begins in the chain.
-  bool holdsBusy(const void* mem) const;
+  // 0, 0 and false for whatever is not the memory of a busy block that begins in the chain. What is
+  // valid has a tail that fits.
+  unsigned size(const void* mem) const;
+  unsigned color(const void* mem) const;
+  bool valid(const void* mem) const;
 
-  // The head of the block behind, or null: at the end, at a seam, and outside the chain. A tail
-  // that does not fit its head fails an assertion of the module `source`.
-  const void* next(const void* head, const char* source) const;
+  // Gives an uncoloured block a colour, counts it in `totals` and gives 0; RESULT_INVALID_ARGUMENT
+  // where the colour is 0 or there is no such block.
+  unsigned setColor(void* mem, unsigned color, unsigned* totals) const;
+
+  // The walk, by the memory of the blocks. Null at the end, at a seam, and for what lies outside.
+  void* firstBlock() const { return first_ ? behind(first_, 4) : nullptr; }
+  void* nextBlock(const void* mem, const char* source) const;
+  void check(const char* source) const;
 
   // Prints the table of MemoryAllocator::report, without its last line.
   void report(const char* source) const;
 
-  const void* first_;
-  const void* end_;
+  void* first_;
+  void* end_;
+
+ private:
+  bool holdsBusy(const void* mem) const;
+  const void* next(const void* head, const char* source) const;
 };
 
 // Joins the chunk of `need` bytes at `chunk` to the chain that ends at `end`, null for none. Gives
 // the head of its one block, busy, colour 0 and with its tail; the new end marker stands right
 // behind it.
 void* joinChunk(void* end, void* chunk, unsigned need);
+
+// Names the block, without the help of what may be broken, and fails an assertion of `source`.
+[[gnu::cold]] void brokenBlock(const char* condition, const char* source, unsigned line,
+                               const void* head);
 
 }  // namespace Utils

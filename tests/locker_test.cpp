@@ -1,0 +1,178 @@
+// The exact order of lines and system calls, who ends what is shared, and real contention.
+#include "utils/sdk/locker.h"
+
+#include <memory>
+
+#include "gmock/gmock.h"
+#include "support/child_process.h"
+#include "support/contention.h"
+#include "support/failing_allocator.h"
+#include "support/system_calls.h"
+
+// --- The system's operations, noted ---
+
+YIF_Handle _made = 0, _used = 0;  // the latest
+
+unsigned long YIF_CurrentTaskId() noexcept {
+  SystemCalls::note("id");
+  return 2480;
+}
+
+#define NOTED(NAME, NOTE)                                    \
+  void NAME(YIF_Handle handle) noexcept {                    \
+    SystemCalls::note(NOTE);                                 \
+    if (SystemCalls::isNoting()) _used = handle;             \
+    static const auto real = SystemCalls::real(NAME, #NAME); \
+    real(handle);                                            \
+  }
+#define NOTED_MAKER(NAME)                                    \
+  YIF_Handle NAME() noexcept {                               \
+    SystemCalls::note("create");                             \
+    static const auto real = SystemCalls::real(NAME, #NAME); \
+    return _made = real();                                   \
+  }
+
+NOTED_MAKER(YIF_CreateMutex)
+NOTED(YIF_DestroyMutex, "destroy")
+NOTED(YIF_EnterMutex, "enter")
+NOTED(YIF_ExitMutex, "exit")
+NOTED_MAKER(YIF_CreateCriticalSection)
+NOTED(YIF_DestroyCriticalSection, "destroy")
+NOTED(YIF_EnterCriticalSection, "enter")
+NOTED(YIF_ExitCriticalSection, "exit")
+
+namespace {
+
+using namespace Utils;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+template <class Kind>
+const char* nameOf();
+template <>
+const char* nameOf<Mutex>() {
+  return "mutex ";
+}
+template <>
+const char* nameOf<CriticalSection>() {
+  return "critical section ";
+}
+
+template <class Kind>
+struct Locks : testing::Test {
+  Locks() { Log::theLog()->setVerbosity(0); }
+
+  // A line of the lock that was made last.
+  static std::string line(int level, const char* step) {
+    return "debug[" + std::to_string(level) + "]|utils|2480 " + step + " " + nameOf<Kind>() +
+           std::to_string(_made);
+  }
+};
+
+using Kinds = testing::Types<Mutex, CriticalSection>;
+TYPED_TEST_SUITE(Locks, Kinds);
+
+TYPED_TEST(Locks, AreTracedStepByStep) {
+  const TracedUpTo traced(2);
+  const SystemCalls calls;
+  {
+    TypeParam lock;
+    EXPECT_THAT(calls.take(), ElementsAre("create", "id", this->line(0, "Created")));
+    {
+      const Locker locker(&lock, "a%s.cpp", 77);
+      EXPECT_THAT(
+          calls.take(),
+          ElementsAre("id", "debug[2]|utils|2480 Taking lock at file:'a%s.cpp', line:77", "id",
+                      this->line(2, "Waiting for"), "enter", "id", this->line(2, "Got")));
+    }
+    EXPECT_THAT(
+        calls.take(),
+        ElementsAre("id", "debug[2]|utils|2480 Freeing lock taken at file:'a%s.cpp', line:77", "id",
+                    this->line(2, "Exiting"), "exit"));
+  }
+  EXPECT_THAT(calls.take(), ElementsAre("id", this->line(0, "Destroying"), "destroy"));
+}
+
+TYPED_TEST(Locks, AskForNoTaskWhereALineIsOff) {
+  for (int level : {-1, 0, 1}) {
+    const TracedUpTo traced(level);
+    const SystemCalls calls;
+    {
+      TypeParam lock;
+      calls.take();
+      const Locker locker(&lock, "a.cpp", 77);
+    }
+    if (level < 0) {
+      EXPECT_THAT(calls.take(), ElementsAre("enter", "exit", "destroy"));
+    } else {
+      EXPECT_THAT(calls.take(),
+                  ElementsAre("enter", "exit", "id", this->line(0, "Destroying"), "destroy"));
+    }
+  }
+}
+
+TYPED_TEST(Locks, ThatAreCopiesShareOneAndEndItOnce) {
+  const SystemCalls calls;
+  {
+    TypeParam first;
+    const YIF_Handle shared = _made;
+    auto second = std::make_unique<TypeParam>(first);
+    TypeParam third;
+    calls.take();
+    third = *second;
+    EXPECT_THAT(calls.take(), ElementsAre("destroy")) << "nobody had the third's own any more";
+    EXPECT_EQ(_used, _made);
+    third = *&third;
+    first = third;
+    second.reset();
+    EXPECT_THAT(calls.take(), IsEmpty());
+    third.enter();
+    EXPECT_EQ(_used, shared);
+    first.exit();
+    calls.take();
+  }
+  EXPECT_THAT(calls.take(), ElementsAre("destroy"));
+}
+
+// A second end of one object would stop the process.
+TYPED_TEST(Locks, ThatCannotBeCountedAreNotEnded) {
+  const auto child = runInChild([] {
+    const SystemCalls calls;
+    {
+      const TypeParam first;
+      FailingAllocator allocator;
+      allocator.failFrom(1);
+      const TypeParam second(first);
+      calls.take();
+      second.enter();
+      first.exit();
+    }
+    return static_cast<int>(calls.take().size());
+  });
+  EXPECT_EQ(child.status, 2) << child.errorOutput;
+}
+
+TYPED_TEST(Locks, Exclude) {
+  TypeParam lock;
+  EXPECT_EQ(countUnder([&](auto step) {
+              const Locker outer(&lock, __FILE__, __LINE__);
+              const Locker again(&lock, __FILE__, __LINE__);
+              step();
+            }),
+            20000u);
+}
+
+TEST(Lockers, ThatAreAssignedEnterAndLeaveNothing) {
+  Mutex first, second;
+  {
+    Locker locker(&first, "a.cpp", 1);
+    Locker other(&second, "b.cpp", 2);
+    second.enter();
+    const SystemCalls calls;
+    locker = other;
+    EXPECT_THAT(calls.take(), IsEmpty());
+  }
+  first.exit();
+}
+
+}  // namespace

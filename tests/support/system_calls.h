@@ -1,0 +1,73 @@
+// system_calls.h: for tests that replace operations of the system interface and note their calls.
+//
+// A test program that defines such an operation has it called in place of the system layer's, in
+// the library too. It notes the call and goes on to the real one:
+//
+//   void YIF_ExitMutex(YIF_Handle mutex) noexcept {
+//     SystemCalls::note("exit");
+//     static const auto real = SystemCalls::real(YIF_ExitMutex, "YIF_ExitMutex");
+//     real(mutex);
+//   }
+#pragma once
+
+#include <dlfcn.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "utils/sdk/log.h"
+#include "utils/sdk/ysys.h"
+
+struct SystemCalls {
+  // Notes are taken by one task, while one of these lives.
+  SystemCalls() { noting_ = true; }
+  ~SystemCalls() {
+    noting_ = false;
+    take();
+  }
+  SystemCalls(const SystemCalls&) = delete;
+  SystemCalls& operator=(const SystemCalls&) = delete;
+
+  // The notes since the last call, in order.
+  static std::vector<std::string> take() { return std::exchange(notes_, {}); }
+
+  static bool isNoting() { return noting_; }
+  static void note(const std::string& text) {
+    if (noting_) notes_.push_back(text);
+  }
+
+  template <class Function>
+  static Function* real(Function*, const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+  }
+
+ private:
+  static inline bool noting_ = false;
+  static inline std::vector<std::string> notes_;
+};
+
+// Notes each line in full, so that lines and calls stand in their order.
+struct NotingSink : Utils::Logger {
+  void print(Utils::MessageClass, const char* format, std::va_list args) override {
+    char text[512];
+    std::vsnprintf(text, sizeof text, format, args);
+    SystemCalls::note(text);
+  }
+};
+
+// For the length of a test: the hub with a NotingSink, and the lines of the library up to a level.
+struct TracedUpTo {
+  explicit TracedUpTo(int level) {
+    Utils::Log::theLog()->setLogger(new NotingSink);
+    Utils::Log::theLog()->getCategory("utils", level, true);
+  }
+  ~TracedUpTo() {
+    Utils::Log::theLog()->getCategory("utils", 0, false);
+    Utils::Log::theLog()->setLogger(nullptr);
+  }
+  TracedUpTo(const TracedUpTo&) = delete;
+  TracedUpTo& operator=(const TracedUpTo&) = delete;
+};

@@ -1,0 +1,69 @@
+// block.cpp: the life of the locks that block, and what is told of a violation.
+#include "utils/sdk/block.h"
+
+#include "utils/sdk/sharers.h"
+#include "utils/sdk/trace.h"
+
+namespace Utils {
+
+namespace {
+
+constexpr char SOURCE[] = "utils/sdk/block";
+
+constinit Sharers _events;
+constinit Sharers _sections;
+
+}  // namespace
+
+// --- YtLightBLock ---
+
+YtLightBLock::YtLightBLock(const char* name) : name_(name) { init(); }
+
+void YtLightBLock::init() {
+  count_ = 0;
+  owner_ = NOBODY;
+  event_ = YIF_CreateEventCoop(0, 1);
+}
+
+YtLightBLock::YtLightBLock(const YtLightBLock& other)
+    : name_(other.name_), count_(other.count_), owner_(other.owner_), event_(other.event_) {
+  _events.add(event_);
+}
+
+YtLightBLock& YtLightBLock::operator=(const YtLightBLock& other) {
+  name_ = other.name_;
+  count_ = other.count_;
+  owner_ = other.owner_;
+  event_ = shareInstead(_events, event_, other.event_, YIF_DestroyEventCoop);
+  return *this;
+}
+
+YtLightBLock::~YtLightBLock() {
+  if (owner_ != NOBODY) YfAssert__("owner_ == (unsigned long)-1", SOURCE, __LINE__);
+  if (_events.remove(event_)) YIF_DestroyEventCoop(event_);
+}
+
+void YtLightBLock::tellViolation() const {
+  if (traces(TRACE_LIFETIME))
+    Log::theLog()->print(Debug, "utils", TRACE_LIFETIME, SOURCE, __LINE__, "BLock violation: %s",
+                         name_);
+}
+
+// --- YtHeavyBLock ---
+
+YtHeavyBLock::YtHeavyBLock(const char*) : section_(YIF_CreateCriticalSection()) {}
+
+YtHeavyBLock::YtHeavyBLock(const YtHeavyBLock& other) : section_(other.section_) {
+  _sections.add(section_);
+}
+
+YtHeavyBLock& YtHeavyBLock::operator=(const YtHeavyBLock& other) {
+  section_ = shareInstead(_sections, section_, other.section_, YIF_DestroyCriticalSection);
+  return *this;
+}
+
+YtHeavyBLock::~YtHeavyBLock() {
+  if (_sections.remove(section_)) YIF_DestroyCriticalSection(section_);
+}
+
+}  // namespace Utils

@@ -1,0 +1,46 @@
+// event.cpp: the life of events.
+#include "utils/sdk/event.h"
+
+#include "utils/sdk/sharers.h"
+#include "utils/sdk/trace.h"
+
+namespace Utils {
+
+namespace {
+
+constinit Sharers _events;
+
+void trace(unsigned line, const char* format, YIF_Handle event) {
+  if (!traces(TRACE_LIFETIME)) return;
+  const auto task = static_cast<unsigned>(YIF_CurrentTaskId());
+  Log::theLog()->print(Debug, "utils", TRACE_LIFETIME, "utils/sdk/event", line, format, task,
+                       static_cast<unsigned long>(event));
+}
+
+void end(YIF_Handle event) {
+  trace(__LINE__, "%x Destroying event %lx", event);
+  YIF_DestroyEvent(event);
+}
+
+}  // namespace
+
+WaitableEvent::WaitableEvent(bool manualReset, bool initiallySet)
+    : event_(YIF_CreateEvent(manualReset, initiallySet)) {
+  trace(__LINE__, "%x Created event %lx", event_);
+}
+
+WaitableEvent::WaitableEvent(const WaitableEvent& other) : Object(other), event_(other.event_) {
+  _events.add(event_);
+}
+
+WaitableEvent& WaitableEvent::operator=(const WaitableEvent& other) {
+  Object::operator=(other);
+  event_ = shareInstead(_events, event_, other.event_, end);
+  return *this;
+}
+
+WaitableEvent::~WaitableEvent() {
+  if (_events.remove(event_)) end(event_);
+}
+
+}  // namespace Utils

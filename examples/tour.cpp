@@ -2,24 +2,32 @@
 //
 //   tour FILE...
 //
-// Reads each file whole into a String, one memory colour a file, and indexes the words that tokSpan
-// finds in a weight-balanced tree whose nodes and words lie in memory of that colour too, and
-// counts them once more in a map. Prints the most frequent words, who holds how many bytes, how
-// long each step took, and the allocator's own report; then frees everything and shows that heap
-// and strings are as they were. A file that cannot be read is named on standard error and raised as
-// an error, which a listener counts; the status is then 1.
+// Several tasks read the files, each whole into a String and one memory colour a file. The main
+// task takes them over in their order and indexes the words that tokSpan finds in a weight-balanced
+// tree whose nodes and words lie in memory of that colour too, and counts them once more in a map.
+// Prints the most frequent words, who holds how many bytes, how long each step took, and the
+// allocator's own report; then frees everything and shows that heap and strings are as they were. A
+// file that cannot be read is named on standard error and raised as an error, which a listener
+// counts; the status is then 1.
 //
-// What it does can be followed in the log: env YUtils.Log.Categories=tour#2 tour FILE...
+// What it does can be followed in the log: env YUtils.Log.Categories=tour#2 tour FILE... And so can
+// the mutex that guards what is handed over: env YUtils.Log.Categories=utils#2 tour FILE...
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <string>
+#include <thread>
 #include <vector>
 
 #include "utils/sdk/alloc.h"
 #include "utils/sdk/atree.h"
+#include "utils/sdk/block.h"
+#include "utils/sdk/event.h"
+#include "utils/sdk/locker.h"
 #include "utils/sdk/log.h"
 #include "utils/sdk/result.h"
 #include "utils/sdk/string.h"
@@ -117,32 +125,20 @@ struct Index : Utils::WTreeBase {
 
 // --- The files ---
 
+constexpr unsigned OUT_OF_MEMORY = 0x80000002;
 constexpr unsigned FILE_NOT_FOUND = 0x80040001;
 constexpr unsigned FILE_READ_ERROR = 0x80040002;
 
-// Raises why a file could not be read, and gives it as the system says it.
-const char* raise(int reason) {
-  Utils::raiseError(reason == ENOENT ? FILE_NOT_FOUND : FILE_READ_ERROR);
-  return std::strerror(reason);
-}
-
-// Reads a stream whole. Gives null, or why it could not.
-const char* readAll(std::FILE* file, String& text) {
-  char bytes[16384];
-  while (const std::size_t got = std::fread(bytes, 1, sizeof bytes, file)) {
-    const unsigned size = text.size() + static_cast<unsigned>(got);
-    if (text.append(bytes, static_cast<unsigned>(got)).size() != size)
-      return "too large for the memory";
-  }
-  return std::ferror(file) ? raise(errno) : nullptr;
-}
-
-const char* read(const String& name, String& text) {
+// Reads a file whole, without the library: several tasks do so at once. Gives 0 or the error
+// number.
+int readBytes(const char* name, std::string& bytes) {
   std::FILE* file = std::fopen(name, "rb");
-  if (!file) return raise(errno);
-  const char* reason = readAll(file, text);
+  if (!file) return errno;
+  char part[16384];
+  while (const std::size_t got = std::fread(part, 1, sizeof part, file)) bytes.append(part, got);
+  const int error = std::ferror(file) ? errno : 0;
   std::fclose(file);
-  return reason;
+  return error;
 }
 
 // What stands between words: all that is no letter.
@@ -164,29 +160,89 @@ bool indexWords(String& text, Index& index) {
   return true;
 }
 
-// The files that were asked for, by their place.
+// The files that were asked for, by their place, and the tasks that read them.
+//
+// The library asks its callers to serialise: whoever uses it while the readers run holds library_.
+// Within that, queue_ guards what is handed over. It would not be needed; its steps can be followed
+// in the log, which is one of the things that must be serialised.
 struct Files {
+  Files(unsigned count, char** names) : count_(count), names_(names), errors_(count) {
+    texts_.sizeTo(count);
+    for (unsigned i = 0; i < count; i++) read_.add(false);
+    for (unsigned i = 0; i < std::min(count, MOST_READERS); i++)
+      readers_.emplace_back([this] { readAll(); });
+  }
+  ~Files() {
+    for (std::thread& reader : readers_) reader.join();
+  }
+
   // There are 63 colours beside 0; more files share them.
   static unsigned colorOf(unsigned i) { return 1 + i % 63; }
 
+  unsigned count() const { return count_; }
+  const char* name(unsigned i) const { return names_[i]; }
+
+  // Waits for a file and puts its words into the index. What goes wrong is raised and told.
   bool load(unsigned i, Index& index) {
+    while (!isRead(i)) arrived_.wait();
+    const Utils::YtLightBLocker guard(library_);
     const Utils::MemoryColor color(colorOf(i));
-    const char* reason = read(names_[i], texts_[i]);
-    if (!reason) {
-      texts_[i].toLower();
-      if (!indexWords(texts_[i], index)) reason = "no memory for its words";
-    }
-    Log::theLog()->print(Utils::Debug, CATEGORY, 2, SOURCE, __LINE__, "%s: %u bytes, %s",
-                         static_cast<const char*>(names_[i]), texts_[i].size(),
-                         reason ? reason : "all in the index");
-    if (!reason) return true;
-    std::fprintf(stderr, "tour: %s: %s\n", static_cast<const char*>(names_[i]), reason);
+    texts_[i].toLower();
+    if (errors_[i] == 0 && !indexWords(texts_[i], index)) errors_[i] = ENOMEM;
+    const char* outcome = errors_[i] == 0 ? "all in the index" : std::strerror(errors_[i]);
+    Log::theLog()->print(Utils::Debug, CATEGORY, 2, SOURCE, __LINE__, "%s: %u bytes, %s", name(i),
+                         texts_[i].size(), outcome);
+    if (errors_[i] == 0) return true;
+    Utils::raiseError(codeOf(errors_[i]));
+    std::fprintf(stderr, "tour: %s: %s\n", name(i), outcome);
     texts_[i] = String();
     return false;
   }
 
-  Utils::Vector<String> names_;
+ private:
+  static constexpr unsigned MOST_READERS = 4;
+
+  static unsigned codeOf(int error) {
+    if (error == ENOMEM) return OUT_OF_MEMORY;
+    return error == ENOENT ? FILE_NOT_FOUND : FILE_READ_ERROR;
+  }
+
+  // What each reader does.
+  void readAll() {
+    for (unsigned i = next_++; i < count_; i = next_++) {
+      std::string bytes;
+      const int error = readBytes(names_[i], bytes);
+      handOver(i, bytes, error);
+      arrived_.set();
+    }
+  }
+
+  void handOver(unsigned i, const std::string& bytes, int error) {
+    const Utils::YtLightBLocker guard(library_);
+    const Utils::MemoryColor color(colorOf(i));
+    const String text{std::string_view(bytes)};
+    const Utils::Locker locker(&queue_, SOURCE, __LINE__);
+    errors_[i] = error == 0 && text.size() != bytes.size() ? ENOMEM : error;
+    texts_[i] = text;
+    read_[i] = true;
+  }
+
+  bool isRead(unsigned i) {
+    const Utils::YtLightBLocker guard(library_);
+    const Utils::Locker locker(&queue_, SOURCE, __LINE__);
+    return read_[i];
+  }
+
+  const unsigned count_;
+  char** const names_;
+  std::vector<int> errors_;
   Utils::Vector<String> texts_;
+  Utils::Vector<bool> read_;
+  Utils::YtLightBLock library_{"library"};
+  Utils::Mutex queue_;
+  Utils::WaitableEvent arrived_{false, false};
+  std::atomic<unsigned> next_{0};
+  std::vector<std::thread> readers_;
 };
 
 // --- What is shown ---
@@ -233,11 +289,11 @@ void showCounts(const Counts& counts) {
 
 void showColors(const Files& files) {
   std::printf("\nColour      Bytes  File\n");
-  const unsigned count = files.names_.size();
+  const unsigned count = files.count();
   for (unsigned i = 0; i < count && i < 63; i++) {
     const unsigned color = Files::colorOf(i);
-    std::printf("%6u %10u  %s%s\n", color, heap().allocatedColorMemory(color),
-                static_cast<const char*>(files.names_[i]), i + 63 < count ? " and others" : "");
+    std::printf("%6u %10u  %s%s\n", color, heap().allocatedColorMemory(color), files.name(i),
+                i + 63 < count ? " and others" : "");
   }
   std::printf("Strings hold %u bytes of it.\n\n", Utils::YfTotalStringMemory());
 }
@@ -263,16 +319,12 @@ struct Held {
   unsigned strings_ = Utils::YfTotalStringMemory();
 };
 
-bool tour(int count, char** names) {
+bool tour(unsigned count, char** names) {
   Index index;
-  Files files;
   Clock clock;
+  Files files(count, names);
   bool allRead = true;
-  files.texts_.sizeTo(static_cast<unsigned>(count));
-  for (int i = 0; i < count; i++) {
-    files.names_.add(names[i]);
-    allRead = files.load(static_cast<unsigned>(i), index) && allRead;
-  }
+  for (unsigned i = 0; i < count; i++) allRead = files.load(i, index) && allRead;
   showWords(index);
   showCounts(index.counts());
   showColors(files);
@@ -299,7 +351,7 @@ int main(int argc, char** argv) {
   Log::theLog()->print(Utils::Debug, CATEGORY, 1, SOURCE, __LINE__, "%d files", argc - 1);
   const Held atFirst;
   std::printf("Run %s\n", static_cast<const char*>(Utils::UID().asText()));
-  const bool allRead = tour(argc - 1, argv + 1);
+  const bool allRead = tour(static_cast<unsigned>(argc) - 1, argv + 1);
   if (errors.count_ != 0) {
     std::printf("\nErrors: %u, the last one: %s.\n", errors.count_,
                 Utils::resultToString(Utils::lastError()));

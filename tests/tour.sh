@@ -32,6 +32,12 @@ env YUtils_Log_Categories=tour#1 YUtils_Log_Verbosity=2 "$tour" one.txt >out 2>e
 expectLike '^debug\[1\]\|tour\|examples/tour\.cpp:[0-9]+\|[0-9]{10}\.[0-9]{6}\|[0-9]+\|Reading is done$' err
 [ "$(wc -l <err)" = 3 ] || fail "lines of a higher level"
 
+env YUtils.Log.Categories=utils#2 "$tour" one.txt two.txt >out 2>err || fail "status $?"
+for step in 'Created mutex' 'Waiting for mutex' 'Got mutex' 'Exiting mutex' 'Destroying event'; do
+  expect "$step" err
+done
+expectLike "^debug\[2\]\|utils\|[0-9]+ Taking lock at file:'examples/tour\.cpp', line:[0-9]+$" err
+
 status=0
 "$tour" nosuch.txt one.txt . >out 2>err || status=$?
 [ $status = 1 ] || fail "status $status for a missing file"

@@ -27,9 +27,18 @@ void require(const char* function, const char* provider) {
 
 }  // namespace
 
+#ifdef BENCH_ARENA
+Utils::Allocator* makeArena() {
+  constexpr unsigned RESERVATION = 20 << 20;
+  static Utils::HostAllocator host;
+  Utils::Allocator* arena = new Utils::BENCH_ARENA(&host);
+  arena->free(arena->alloc(RESERVATION));
+  return arena;
+}
+#endif
+
 void requireCompetitor() {
-  const bool replaced = std::strcmp(WHO, "yutils") != 0 && std::strcmp(WHO, "glibc") != 0;
-  const char* provider = replaced ? WHO : "libc.so";
+  const char* provider = REPLACES_MALLOC ? WHO : "libc.so";
   require("malloc", provider);
   require("free", provider);
 }

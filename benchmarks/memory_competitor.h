@@ -2,24 +2,41 @@
 //
 // The memory programs are compiled once for each competitor, from the same sources with the same
 // flags. BENCH_WHO is its name. With BENCH_YUTILS it is the library's process allocator, asked for
-// anew at each call as a program does; without, it is malloc, which a peer replaces in its process
+// anew at each call as a program does; with BENCH_ARENA the arena allocator of that class, set up
+// and asked for in the same way. Without either it is malloc, which a peer replaces in its process
 // by being linked before the C library. The compiler is told to know nothing of malloc and free.
 #pragma once
 
-#ifdef BENCH_YUTILS
+#if defined(BENCH_YUTILS)
 #include "utils/sdk/allocator.h"
+#elif defined(BENCH_ARENA)
+#include "utils/sdk/alloc.h"
+#include "utils/sdk/membank.h"
 #else
 #include <cstdlib>
+#include <string_view>
 #endif
 
 namespace Bench {
 
 constexpr char WHO[] = BENCH_WHO;
 
-#ifdef BENCH_YUTILS
+#if defined(BENCH_YUTILS)
+constexpr bool REPLACES_MALLOC = false;
 inline void* take(unsigned size) { return Utils::Allocator::theAllocator()->alloc(size); }
 inline void give(void* mem) { Utils::Allocator::theAllocator()->free(mem); }
+#elif defined(BENCH_ARENA)
+constexpr bool REPLACES_MALLOC = false;
+Utils::Allocator* makeArena();  // on the system layer, with 20 MiB free
+inline Utils::Allocator* theArena() {
+  static Utils::Allocator* arena = nullptr;
+  if (!arena) arena = makeArena();
+  return arena;
+}
+inline void* take(unsigned size) { return theArena()->alloc(size); }
+inline void give(void* mem) { theArena()->free(mem); }
 #else
+constexpr bool REPLACES_MALLOC = std::string_view(WHO) != "glibc";
 inline void* take(unsigned size) { return std::malloc(size); }
 inline void give(void* mem) { std::free(mem); }
 #endif

@@ -12,17 +12,89 @@ namespace {
 
 constexpr char SOURCE[] = "utils/sdk/locker";
 
-constinit Sharers _mutexes;
-constinit Sharers _sections;
+// --- Steps with their lines, the same for both kinds of lock ---
+
+struct MutexKind {
+  static constexpr auto MAKE = YIF_CreateMutex;
+  static constexpr auto END = YIF_DestroyMutex;
+  static constexpr auto ENTER = YIF_EnterMutex;
+  static constexpr auto EXIT = YIF_ExitMutex;
+  static constexpr char MADE[] = "%d Created mutex %ld";
+  static constexpr char ENDING[] = "%d Destroying mutex %ld";
+  static constexpr char ENTERING[] = "%d Waiting for mutex %ld";
+  static constexpr char ENTERED[] = "%d Got mutex %ld";
+  static constexpr char EXITING[] = "%d Exiting mutex %ld";
+
+  static inline constinit Sharers sharers_;
+};
+
+struct SectionKind {
+  static constexpr auto MAKE = YIF_CreateCriticalSection;
+  static constexpr auto END = YIF_DestroyCriticalSection;
+  static constexpr auto ENTER = YIF_EnterCriticalSection;
+  static constexpr auto EXIT = YIF_ExitCriticalSection;
+  static constexpr char MADE[] = "%d Created critical section %ld";
+  static constexpr char ENDING[] = "%d Destroying critical section %ld";
+  static constexpr char ENTERING[] = "%d Waiting for critical section %ld";
+  static constexpr char ENTERED[] = "%d Got critical section %ld";
+  static constexpr char EXITING[] = "%d Exiting critical section %ld";
+
+  static inline constinit Sharers sharers_;
+};
 
 // Requires: traces(level).
-void print(TraceLevel level, unsigned line, const char* format, YIF_Handle handle) {
+[[gnu::noinline]] void print(TraceLevel level, unsigned line, const char* format,
+                             YIF_Handle handle) {
   const auto task = static_cast<int>(YIF_CurrentTaskId());
   Log::theLog()->print(Debug, "utils", level, SOURCE, line, format, task,
                        static_cast<long>(handle));
 }
 
+template <class Kind>
+YIF_Handle make() {
+  const YIF_Handle made = Kind::MAKE();
+  if (traces(TRACE_LIFETIME)) print(TRACE_LIFETIME, __LINE__, Kind::MADE, made);
+  return made;
+}
+
+template <class Kind>
+void end(YIF_Handle handle) {
+  if (traces(TRACE_LIFETIME)) print(TRACE_LIFETIME, __LINE__, Kind::ENDING, handle);
+  Kind::END(handle);
+}
+
+template <class Kind>
+YIF_Handle share(YIF_Handle handle) {
+  Kind::sharers_.add(handle);
+  return handle;
+}
+
+template <class Kind>
+YIF_Handle shareInstead(YIF_Handle own, YIF_Handle other) {
+  return shareInstead(Kind::sharers_, own, other, end<Kind>);
+}
+
+template <class Kind>
+void leave(YIF_Handle handle) {
+  if (Kind::sharers_.remove(handle)) end<Kind>(handle);
+}
+
+template <class Kind>
+void enter(YIF_Handle handle) {
+  if (traces(TRACE_USE)) print(TRACE_USE, __LINE__, Kind::ENTERING, handle);
+  Kind::ENTER(handle);
+  if (traces(TRACE_USE)) print(TRACE_USE, __LINE__, Kind::ENTERED, handle);
+}
+
+template <class Kind>
+void exit(YIF_Handle handle) {
+  if (traces(TRACE_USE)) print(TRACE_USE, __LINE__, Kind::EXITING, handle);
+  Kind::EXIT(handle);
+}
+
 }  // namespace
+
+// --- The locks ---
 
 Lock::~Lock() {}
 
@@ -30,84 +102,36 @@ void* Lock::operator new(std::size_t size) noexcept { return ::operator new(size
 
 void Lock::operator delete(void* mem) noexcept { ::operator delete(mem); }
 
-// --- Mutex ---
+Mutex::Mutex() : handle_(make<MutexKind>()) {}
 
-namespace {
-
-void endMutex(YIF_Handle handle) {
-  if (traces(TRACE_LIFETIME)) print(TRACE_LIFETIME, __LINE__, "%d Destroying mutex %ld", handle);
-  YIF_DestroyMutex(handle);
-}
-
-}  // namespace
-
-Mutex::Mutex() : handle_(YIF_CreateMutex()) {
-  if (traces(TRACE_LIFETIME)) print(TRACE_LIFETIME, __LINE__, "%d Created mutex %ld", handle_);
-}
-
-Mutex::Mutex(const Mutex& other) : Lock(other), handle_(other.handle_) { _mutexes.add(handle_); }
+Mutex::Mutex(const Mutex& other) : Lock(other), handle_(share<MutexKind>(other.handle_)) {}
 
 Mutex& Mutex::operator=(const Mutex& other) {
-  handle_ = shareInstead(_mutexes, handle_, other.handle_, endMutex);
+  handle_ = shareInstead<MutexKind>(handle_, other.handle_);
   return *this;
 }
 
-Mutex::~Mutex() {
-  if (_mutexes.remove(handle_)) endMutex(handle_);
-}
+Mutex::~Mutex() { leave<MutexKind>(handle_); }
 
-void Mutex::enter() const {
-  if (traces(TRACE_USE)) print(TRACE_USE, __LINE__, "%d Waiting for mutex %ld", handle_);
-  YIF_EnterMutex(handle_);
-  if (traces(TRACE_USE)) print(TRACE_USE, __LINE__, "%d Got mutex %ld", handle_);
-}
+void Mutex::enter() const { Utils::enter<MutexKind>(handle_); }
 
-void Mutex::exit() const {
-  if (traces(TRACE_USE)) print(TRACE_USE, __LINE__, "%d Exiting mutex %ld", handle_);
-  YIF_ExitMutex(handle_);
-}
+void Mutex::exit() const { Utils::exit<MutexKind>(handle_); }
 
-// --- CriticalSection ---
-
-namespace {
-
-void endSection(YIF_Handle handle) {
-  if (traces(TRACE_LIFETIME))
-    print(TRACE_LIFETIME, __LINE__, "%d Destroying critical section %ld", handle);
-  YIF_DestroyCriticalSection(handle);
-}
-
-}  // namespace
-
-CriticalSection::CriticalSection() : handle_(YIF_CreateCriticalSection()) {
-  if (traces(TRACE_LIFETIME))
-    print(TRACE_LIFETIME, __LINE__, "%d Created critical section %ld", handle_);
-}
+CriticalSection::CriticalSection() : handle_(make<SectionKind>()) {}
 
 CriticalSection::CriticalSection(const CriticalSection& other)
-    : Lock(other), handle_(other.handle_) {
-  _sections.add(handle_);
-}
+    : Lock(other), handle_(share<SectionKind>(other.handle_)) {}
 
 CriticalSection& CriticalSection::operator=(const CriticalSection& other) {
-  handle_ = shareInstead(_sections, handle_, other.handle_, endSection);
+  handle_ = shareInstead<SectionKind>(handle_, other.handle_);
   return *this;
 }
 
-CriticalSection::~CriticalSection() {
-  if (_sections.remove(handle_)) endSection(handle_);
-}
+CriticalSection::~CriticalSection() { leave<SectionKind>(handle_); }
 
-void CriticalSection::enter() const {
-  if (traces(TRACE_USE)) print(TRACE_USE, __LINE__, "%d Waiting for critical section %ld", handle_);
-  YIF_EnterCriticalSection(handle_);
-  if (traces(TRACE_USE)) print(TRACE_USE, __LINE__, "%d Got critical section %ld", handle_);
-}
+void CriticalSection::enter() const { Utils::enter<SectionKind>(handle_); }
 
-void CriticalSection::exit() const {
-  if (traces(TRACE_USE)) print(TRACE_USE, __LINE__, "%d Exiting critical section %ld", handle_);
-  YIF_ExitCriticalSection(handle_);
-}
+void CriticalSection::exit() const { Utils::exit<SectionKind>(handle_); }
 
 // --- Locker ---
 

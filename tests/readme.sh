@@ -21,3 +21,7 @@ block text >"$work/expected"
 } >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }
 "$work/build/first" >"$work/printed"
 diff -u "$work/expected" "$work/printed" && echo "the README's program prints what it says"
+
+place=$(grep -n '"%s is done"' "$source/examples/tour.cpp" | cut -d: -f1)
+grep -qF "|examples/tour.cpp:$place|Reading is done" "$source/README.md" ||
+  { echo "the README's log lines name another line than $place"; exit 1; }

@@ -11,7 +11,16 @@
 #include "support/system_memory.h"
 #include "utils/sdk/alloc.h"
 #include "utils/sdk/object.h"
+#include "utils/sdk/platform.h"
 #include "utils/sdk/result.h"
+
+namespace {
+
+int _attached = 0;
+
+}  // namespace
+
+int DisableThreadLibraryCalls(void*) noexcept { return ++_attached; }
 
 namespace {
 
@@ -103,6 +112,7 @@ const unsigned _initsAtLoad = SystemMemory::inits_;
 const std::vector<unsigned> _sizesAtLoad = SystemMemory::sizes_;
 
 TEST(TheAllocator, IsBuiltOnceWithItsReservation) {
+  EXPECT_EQ(_attached, 1);
   EXPECT_EQ(_initsAtLoad, 1u);
   EXPECT_THAT(_sizesAtLoad, ElementsAre(0x1400010u));
   inAChild([] {

@@ -8,10 +8,11 @@
 namespace Utils {
 
 enum LoadOrder {
-  LOADED_NULL_STRING = 101,     // String::null_ (string.cpp)
-  LOADED_DEFAULT_LOGGER = 102,  // Log::theDefaultLogger_ (log.cpp)
-  LOADED_STD_RESULTS = 103,     // _stdResults, and with them the process allocator (result.cpp)
-  LOADED_LAST_ERRORS = 104,     // _lastErrorValues (result.cpp)
+  LOADED_LIBRARY = 101,         // the library itself (load.cpp)
+  LOADED_NULL_STRING = 102,     // String::null_ (string.cpp)
+  LOADED_DEFAULT_LOGGER = 103,  // Log::theDefaultLogger_ (log.cpp)
+  LOADED_STD_RESULTS = 104,     // _stdResults, and with them the process allocator (result.cpp)
+  LOADED_LAST_ERRORS = 105,     // _lastErrorValues (result.cpp)
 };
 
 }  // namespace Utils

@@ -22,7 +22,8 @@ int MessageBoxA(void* owner, const char* text, const char* caption, unsigned int
 // reader has gone, the write fails and no signal ends the process.
 void YfWithoutPipeSignal(void (*step)(void*), void* argument) noexcept;
 
-// Gives up the notifications of task start and end for a library. There are none here; gives 1.
+// Gives up the notifications of task start and end for the library that the address lies in. There
+// are none here; gives 1.
 int DisableThreadLibraryCalls(void* library) noexcept;
 
 // The runtime library's assertion report. Does what YfAssert__ does.

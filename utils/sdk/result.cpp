@@ -69,23 +69,23 @@ namespace {
 
 using LastErrors = AVLTree<unsigned long, unsigned>;
 
-union LastErrorsStorage {
-  constexpr LastErrorsStorage() : tree_() {}
-  ~LastErrorsStorage() {}
+alignas(LastErrors) constinit unsigned char _lastErrors[sizeof(LastErrors)] = {};
+LastErrors* _lastErrorValues = nullptr;
 
-  LastErrors tree_;
+LastErrors& lastErrors() {
+  if (!_lastErrorValues) _lastErrorValues = ::new (_lastErrors) LastErrors;
+  return *_lastErrorValues;
+}
+
+struct LastErrorsLife {
+  LastErrorsLife() { lastErrors(); }
+  ~LastErrorsLife() { lastErrors().empty(); }
 };
 
-constinit LastErrorsStorage _lastErrorValues;
-
-struct LastErrorsEnd {
-  ~LastErrorsEnd() { _lastErrorValues.tree_.empty(); }
-};
-
-[[gnu::init_priority(LOADED_LAST_ERRORS)]] LastErrorsEnd _lastErrorsEnd;
+[[gnu::init_priority(LOADED_LAST_ERRORS)]] LastErrorsLife _lastErrorsLife;
 
 // The entry of the calling task, made where there was none.
-LastErrors::Iter ownError() { return _lastErrorValues.tree_[YIF_CurrentTaskIdCoop()]; }
+LastErrors::Iter ownError() { return lastErrors()[YIF_CurrentTaskIdCoop()]; }
 
 }  // namespace
 

@@ -141,12 +141,12 @@ TEST(Settings, MakeTheHub) {
 // --- Exhaustion ---
 
 // 1 when it went through without a failure, 0 with one.
-int makeWithFailure(unsigned n) {
+int makeWithFailure(void (FailingAllocator::*fail)(unsigned), unsigned n) {
   clearenv();
   setenv("YUtils.Log.Categories", "a:b#2", 1);
-  setenv("YUtils.Log.Logger", "null", 1);
+  if (fail == &FailingAllocator::failFrom) setenv("YUtils.Log.Logger", "null", 1);
   FailingAllocator memory;
-  memory.failFrom(n);
+  (memory.*fail)(n);
   errno = 4321;
   const unsigned before = Allocator::theAllocator()->allocatedMemory();
   Log* log = Log::theLog();
@@ -173,11 +173,13 @@ int makeWithFailure(unsigned n) {
 }
 
 TEST(Exhaustion, NeverLeavesTheProcessWithoutAHub) {
-  failEveryNth(50, [](unsigned n) {
-    const ChildResult child = runInChild([n] { return makeWithFailure(n); });
-    EXPECT_TRUE(child.status == 0 || child.status == 1) << child.status << child.errorOutput;
-    return child.status == 1;
-  });
+  for (auto fail : {&FailingAllocator::failFrom, &FailingAllocator::failOnly}) {
+    failEveryNth(50, [fail](unsigned n) {
+      const ChildResult child = runInChild([&] { return makeWithFailure(fail, n); });
+      EXPECT_TRUE(child.status == 0 || child.status == 1) << child.status << child.errorOutput;
+      return child.status == 1;
+    });
+  }
 }
 
 // --- The end of the process ---

@@ -345,6 +345,7 @@ TEST(Expand, GivesWhatPrintfGives) {
   Random random(17);
   for (int i = 0; i < 20000 && !HasFatalFailure(); i++) expandRandomly(random, "");
   expectExpanded(20, "%*d|%c|%%", 7, -5, 'c');
+  expectExpanded(20, "a%cb", 0);
 }
 
 // --- The sinks ---

@@ -1,4 +1,4 @@
-// failing_allocator.h: the process allocator, made to fail from the nth request on.
+// failing_allocator.h: the process allocator, made to fail from the nth request on, or at the nth.
 //
 // While one lives, the process allocator answers as this class does: its table of virtual
 // operations is exchanged, which is all that tells the two apart, since this class adds no data.
@@ -18,12 +18,11 @@ struct FailingAllocator {
   FailingAllocator(const FailingAllocator&) = delete;
   FailingAllocator& operator=(const FailingAllocator&) = delete;
 
-  // Requests from the nth on, counted from 1 and from now, give null; 0 for none.
-  void failFrom(unsigned nth) {
-    Counting::failFrom_ = nth;
-    Counting::asked_ = 0;
-  }
-  bool failed() const { return Counting::fails(); }  // whether one has since then
+  // Requests from the nth on, or that one alone, counted from 1 and from now, give null; 0 for
+  // none.
+  void failFrom(unsigned nth) { fail(nth, false); }
+  void failOnly(unsigned nth) { fail(nth, true); }
+  bool failed() const { return Counting::failed(); }  // whether one has since then
   unsigned asked() const { return Counting::asked_; }
 
  private:
@@ -36,12 +35,20 @@ struct FailingAllocator {
       asked_++;
       return fails() ? nullptr : MemoryAllocator::alloc(size);
     }
-    static bool fails() { return failFrom_ != 0 && asked_ >= failFrom_; }
+    static bool failed() { return failFrom_ != 0 && asked_ >= failFrom_; }
+    static bool fails() { return failed() && (!only_ || asked_ == failFrom_); }
 
     static inline unsigned failFrom_ = 0;
     static inline unsigned asked_ = 0;
+    static inline bool only_ = false;
   };
   static_assert(sizeof(Counting) == sizeof(Utils::MemoryAllocator));
+
+  void fail(unsigned nth, bool only) {
+    Counting::failFrom_ = nth;
+    Counting::only_ = only;
+    Counting::asked_ = 0;
+  }
 
   void swapTables() {
     char kept[sizeof(void*)];

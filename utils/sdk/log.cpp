@@ -45,11 +45,13 @@ Ref<Logger> Log::theDefaultLogger() {
 // --- The records ---
 
 LogCat::LogCat(const char* name)
-    : name_(copyOfText(name)), enabled_(false), level_(0), verbosity_(0) {}
+    : name_(copyOfText(name ? name : "")), enabled_(false), level_(0), verbosity_(0) {}
 
 LogCat::~LogCat() { Allocator::theAllocator()->free(name_); }
 
-int LogCat::operator==(const LogCat& other) const { return std::strcmp(name_, other.name_) == 0; }
+int LogCat::operator==(const LogCat& other) const {
+  return name_ && other.name_ && std::strcmp(name_, other.name_) == 0;
+}
 
 void* LogCat::operator new(std::size_t size) noexcept {
   return Allocator::theAllocator()->alloc(static_cast<unsigned>(size));
@@ -106,8 +108,13 @@ Log::~Log() {
   for (LogCat* category : categories_) delete category;
 }
 
-// Whether there was memory for the classes and a sink.
-bool Log::isWhole() const { return classes_.size() == CLASSES && theDefaultLogger_.valid(); }
+// Whether there was memory for the classes and their sinks.
+bool Log::isWhole() const {
+  for (const LogClass& each : classes_) {
+    if (!each.logger_.valid()) return false;
+  }
+  return classes_.size() == CLASSES;
+}
 
 // --- Categories ---
 

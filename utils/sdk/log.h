@@ -42,9 +42,8 @@ struct YUTILS_EXPORT Logger : Object {
  protected:
   struct BoundedLine;
 
-  // As vsnprintf, and quicker for plain %s, %d, %u, %ld and %lu. Gives how many
-  // characters stand in `text`, the terminator not counted; -1 for a format that cannot be
-  // expanded.
+  // As vsnprintf, and quicker for plain %s, %d, %u, %ld and %lu. Gives the length of what stands in
+  // `text`, up to the first NUL; -1 for a format that cannot be expanded.
   static int expand(char* text, unsigned size, const char* format, std::va_list args);
 };
 

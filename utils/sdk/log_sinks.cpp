@@ -107,8 +107,8 @@ int Logger::expand(char* text, unsigned size, const char* format, std::va_list a
     *quick.at_ = '\0';
     return static_cast<int>(quick.at_ - text);
   }
-  const int length = std::vsnprintf(text, size, format, args);
-  return length < 0 || static_cast<unsigned>(length) < size ? length : static_cast<int>(size) - 1;
+  if (std::vsnprintf(text, size, format, args) < 0) return -1;
+  return static_cast<int>(std::strlen(text));
 }
 
 // A line of at most 478 characters in a block from the process allocator; where that has none, on

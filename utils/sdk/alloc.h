@@ -99,7 +99,10 @@ struct YUTILS_EXPORT MemoryAllocator : Allocator {
   bool tryHard() const { return tryHard_; }  // kept for the caller, without effect
   void tryHard(bool hard) { tryHard_ = hard; }
 
-  static bool busy(const void* mem);  // the busy bit of a block of any arena; false for null
+  static bool busy(const void* mem);
+  static bool busy(std::nullptr_t) {
+    return false;
+  }  // the busy bit of a block of any arena; false for null
 
   // The walk over the chain, pages and gaps included: the block behind, null after the last. Fails
   // an assertion on a block whose tail does not fit its head.

@@ -70,7 +70,8 @@ struct YUTILS_EXPORT YtLightBLock {
   }
 
   // Once for each lock(). A task that does not hold it, or finds it free, is told of in the log,
-  // category "utils", level 0, and then counted like the owner: so it frees a lock held once.
+  // category "utils", level 0, and then counted like the owner: so it frees a lock held once. Only
+  // then does unlock need what the log needs.
   void unlock() {
     if (!ownerIs(YIF_CurrentTaskIdCoop())) tellViolation();
     if (count(-1) != 0) return;
@@ -98,9 +99,9 @@ struct YUTILS_EXPORT YtLightBLock {
   }
 
   const char* name_;
-  int count_;            // how often the owner holds it
-  unsigned long owner_;  // its id, or NOBODY
-  YIF_Handle event_;     // set: free and not claimed
+  mutable int count_;            // how often the owner holds it
+  mutable unsigned long owner_;  // its id, or NOBODY
+  YIF_Handle event_;             // set: free and not claimed
 };
 
 // Holds a YtLightBLock for a scope, in one task.

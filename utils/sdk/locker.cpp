@@ -1,8 +1,6 @@
 // locker.cpp: the locks and their lines in the log.
 #include "utils/sdk/locker.h"
 
-#include <new>
-
 #include "utils/sdk/sharers.h"
 #include "utils/sdk/trace.h"
 

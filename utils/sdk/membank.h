@@ -65,6 +65,7 @@ struct YUTILS_EXPORT MemoryBank : Allocator {
   void tryHard(bool hard) { tryHard_ = hard; }
 
   static bool busy(const void* mem);
+  static bool busy(std::nullptr_t) { return false; }
 
   void* firstBlock() const;
   void* nextBlock(const void* mem) const;

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstddef>
+#include <new>
 
 #include "utils/sdk/export.h"
 
@@ -41,6 +42,9 @@ struct YUTILS_EXPORT Object : Countable {
   // Null, and no constructor runs, when there is no memory.
   static void* operator new(std::size_t size) noexcept;
   static void* operator new(std::size_t, void* place) noexcept { return place; }
+  static void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return operator new(size);
+  }
   static void operator delete(void* mem) noexcept;
 };
 

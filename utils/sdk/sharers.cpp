@@ -1,35 +1,54 @@
-// sharers.cpp: the lists of shared system objects.
+// sharers.cpp: the entries of shared system objects.
 #include "utils/sdk/sharers.h"
 
 #include <new>
 
 namespace Utils {
 
-Sharers::Entry** Sharers::find(YIF_Handle handle) {
-  Entry** link = &first_;
-  while (*link && (*link)->handle_ != handle) link = &(*link)->next_;
-  return link;
+// Null when none is such.
+template <class Condition>
+Sharers::Entry* Sharers::find(Condition condition) {
+  for (Entry& entry : few_) {
+    if (condition(entry)) return &entry;
+  }
+  Entry* entry = more_.load(std::memory_order_acquire);
+  while (entry && !condition(*entry)) entry = entry->next_;
+  return entry;
+}
+
+// Reads the count first, which is written last: then the handle is the one that is counted.
+Sharers::Entry* Sharers::entryOf(YIF_Handle handle) {
+  return find([=](const Entry& entry) {
+    return entry.others_.load(std::memory_order_acquire) != 0 &&
+           entry.handle_.load(std::memory_order_relaxed) == handle;
+  });
+}
+
+Sharers::Entry* Sharers::unusedEntry() {
+  Entry* entry = find([](const Entry& each) { return each.others_ == 0; });
+  if (entry) return entry;
+  entry = new (std::nothrow) Entry;
+  if (!entry) return nullptr;
+  entry->next_ = more_;
+  more_.store(entry, std::memory_order_release);
+  return entry;
 }
 
 void Sharers::add(YIF_Handle handle) {
-  Entry* entry = *find(handle);
-  if (entry) {
+  if (Entry* entry = entryOf(handle)) {
     entry->others_++;
-  } else if ((entry = new (std::nothrow) Entry{handle, 1, first_})) {
-    first_ = entry;
+  } else if ((entry = unusedEntry())) {
+    entry->handle_.store(handle, std::memory_order_relaxed);
+    entry->others_.store(1, std::memory_order_release);
   } else {
     lost_ = true;
   }
 }
 
 bool Sharers::remove(YIF_Handle handle) {
-  Entry** link = find(handle);
-  Entry* entry = *link;
+  Entry* entry = entryOf(handle);
   if (!entry) return !lost_;
-  if (--entry->others_ == 0) {
-    *link = entry->next_;
-    delete entry;
-  }
+  entry->others_--;
   return false;
 }
 

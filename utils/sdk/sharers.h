@@ -2,11 +2,15 @@
 //
 // Copies of a lock or an event refer to one system object, which the last of them ends. Most are
 // never copied, so only what is shared is counted, here and not in the objects: a handle that is in
-// no list has one object. Each module keeps one list for each kind of system object, as a static
-// object that the language neither builds nor destroys.
+// no entry has one object. Each module keeps one of these for each kind of system object, as a
+// static object that the language neither builds nor destroys.
 //
-// The caller serialises the copying of objects with the copying and ending of others of their kind.
+// The caller serialises the copying of objects with the copying and ending of copies of their kind.
+// Objects that have no copies end whenever they like: they meet entries that are never freed, and
+// whose count is set behind their handle.
 #pragma once
+
+#include <atomic>
 
 #include "utils/sdk/ysys.h"
 
@@ -18,15 +22,21 @@ struct Sharers {
 
  private:
   struct Entry {
-    YIF_Handle handle_;
-    unsigned others_;  // objects beside the first
-    Entry* next_;
+    std::atomic<YIF_Handle> handle_{0};
+    std::atomic<unsigned> others_{0};  // objects beside the first; 0: the entry is not used
+    Entry* next_ = nullptr;
   };
 
-  Entry** find(YIF_Handle handle);
+  template <class Condition>
+  Entry* find(Condition condition);
+  Entry* entryOf(YIF_Handle handle);
+  Entry* unusedEntry();
 
-  Entry* first_ = nullptr;
-  bool lost_ = false;  // there was no memory to count one; from then on nothing is ended
+  static constexpr unsigned FEW = 16;
+
+  Entry few_[FEW];                     // which need no memory
+  std::atomic<Entry*> more_{nullptr};  // the latest of the others
+  std::atomic<bool> lost_{false};      // one could not be counted; from then on nothing is ended
 };
 
 // The handle that an object has after it was assigned that of another one of its kind.

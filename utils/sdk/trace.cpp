@@ -6,8 +6,9 @@ namespace Utils {
 constinit TraceCategory _traceCategory;
 
 void TraceCategory::ask(Log* hub) {
-  number_.store(hub->getCategory("utils"), std::memory_order_relaxed);
-  hub_.store(hub, std::memory_order_release);
+  const unsigned number = hub->getCategory("utils");
+  number_.store(number, std::memory_order_relaxed);
+  if (number != static_cast<unsigned>(-1)) hub_.store(hub, std::memory_order_release);
 }
 
 }  // namespace Utils

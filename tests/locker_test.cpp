@@ -1,6 +1,7 @@
 // The exact order of lines and system calls, who ends what is shared, and real contention.
 #include "utils/sdk/locker.h"
 
+#include <atomic>
 #include <memory>
 
 #include "gmock/gmock.h"
@@ -29,7 +30,9 @@ unsigned long YIF_CurrentTaskId() noexcept {
   YIF_Handle NAME() noexcept {                               \
     SystemCalls::note("create");                             \
     static const auto real = SystemCalls::real(NAME, #NAME); \
-    return _made = real();                                   \
+    const YIF_Handle made = real();                          \
+    if (SystemCalls::isNoting()) _made = made;               \
+    return made;                                             \
   }
 
 NOTED_MAKER(YIF_CreateMutex)
@@ -169,6 +172,19 @@ TYPED_TEST(Locks, Exclude) {
               step();
             }),
             20000u);
+}
+
+TYPED_TEST(Locks, ComeAndGoWhileOthersAreCopied) {
+  TypeParam original;
+  std::atomic<unsigned> tasks{0};
+  inTasks(3, [&] {
+    const bool copies = tasks++ == 0;
+    for (int i = 0; i < 2000; i++) {
+      const TypeParam lock = copies ? TypeParam(original) : TypeParam();
+      lock.enter();
+      lock.exit();
+    }
+  });
 }
 
 TEST(Lockers, ThatAreAssignedEnterAndLeaveNothing) {

@@ -199,6 +199,8 @@ struct YUTILS_EXPORT Log : Object {
   void logStats(unsigned& errors, unsigned& warnings, unsigned& infos, unsigned& debugs) const;
 
  private:
+  friend struct TraceCategory;
+
   struct Mute {};
   explicit Log(Mute);
   static Log* makeTheLog();

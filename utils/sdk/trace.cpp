@@ -1,4 +1,4 @@
-// trace.cpp: the number of the library's own category.
+// trace.cpp: the record of the library's own category.
 #include "utils/sdk/trace.h"
 
 namespace Utils {
@@ -7,8 +7,9 @@ constinit TraceCategory _traceCategory;
 
 void TraceCategory::ask(Log* hub) {
   const unsigned number = hub->getCategory("utils");
-  number_.store(number, std::memory_order_relaxed);
-  if (number != static_cast<unsigned>(-1)) hub_.store(hub, std::memory_order_release);
+  const LogCat* record = number < hub->categories_.size() ? hub->categories_[number] : nullptr;
+  record_.store(record, std::memory_order_relaxed);
+  if (record) hub_.store(hub, std::memory_order_release);
 }
 
 }  // namespace Utils

@@ -11,25 +11,29 @@ namespace Utils {
 // Level 0 tells of the lifetime of system objects and of violations, level 2 of each use.
 enum TraceLevel { TRACE_LIFETIME = 0, TRACE_USE = 2 };
 
-// The hub that was asked for the number of the category, and the number that it gave. The hub is
-// stored last and read first, so whoever reads it has its number.
+// The hub that was asked for the category, and the record that it has for it, null when there was
+// no memory. The hub is stored last and read first, so whoever reads it has its record.
 struct TraceCategory {
   bool isOf(const Log* hub) const { return hub_.load(std::memory_order_acquire) == hub; }
-  unsigned number() const { return number_.load(std::memory_order_relaxed); }
+  bool lets(TraceLevel level) const {
+    const LogCat* record = record_.load(std::memory_order_relaxed);
+    return record && record->enabled_ && level <= record->level_;
+  }
   void ask(Log* hub);
 
  private:
   std::atomic<Log*> hub_{nullptr};
-  std::atomic<unsigned> number_{0};
+  std::atomic<const LogCat*> record_{nullptr};
 };
 
 extern constinit TraceCategory _traceCategory;
 
-// Whether lines of that level go out. To be asked before their arguments are worked out.
+// Whether lines of that level go out. To be asked before their arguments are worked out. What is
+// off costs one look at the record, which every lock takes three times.
 inline bool traces(TraceLevel level) {
   Log* hub = Log::theLog();
   if (!_traceCategory.isOf(hub)) _traceCategory.ask(hub);
-  return hub->willPrint(Debug, _traceCategory.number(), level);
+  return _traceCategory.lets(level) && hub->willPrint(Debug, "utils", level);
 }
 
 }  // namespace Utils

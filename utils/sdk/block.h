@@ -89,7 +89,7 @@ struct YUTILS_EXPORT YtLightBLock {
 
   // The fields are plain, and what other tasks may be writing is read and written in one piece. The
   // event orders them: a new owner writes behind it, the old one before it. Only the owner's own
-  // task ever reads its id here.
+  // task ever reads its id here. A lock that is const can be held, too.
   bool ownerIs(unsigned long id) const { return __atomic_load_n(&owner_, __ATOMIC_RELAXED) == id; }
   int count(int step) {  // gives the new count
     const auto before = static_cast<unsigned>(__atomic_load_n(&count_, __ATOMIC_RELAXED));

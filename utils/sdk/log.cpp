@@ -5,13 +5,13 @@
 #include "utils/sdk/log.h"
 
 #include <atomic>
-#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <new>
 
 #include "utils/sdk/decimal.h"
+#include "utils/sdk/kept_errno.h"
 #include "utils/sdk/load_order.h"
 #include "utils/sdk/string.h"
 #include "utils/sdk/text_copy.h"
@@ -80,14 +80,13 @@ alignas(Log) unsigned char _mute[sizeof(Log)];
 }  // namespace
 
 Log* Log::makeTheLog() {
-  const int error = errno;
+  const KeptErrno kept;
   Log* made = new Log;
   if (made && !made->isWhole()) {
     delete made;
     made = nullptr;
   }
   theLog_ = made;
-  errno = error;
   static Log* mute = ::new (_mute) Log(Mute());
   return made ? made : mute;
 }
@@ -156,7 +155,7 @@ unsigned Log::search(const char* name) {
 unsigned Log::getCategory(const char* name) { return find(name ? name : ""); }
 
 unsigned Log::addCategory(const char* name) {
-  const int error = errno;
+  const KeptErrno kept;
   auto* category = new LogCat(name);
   unsigned cat = static_cast<unsigned>(-1);
   if (category && category->name_) {
@@ -166,7 +165,6 @@ unsigned Log::addCategory(const char* name) {
     cat = categories_.add(category);
   }
   if (cat == static_cast<unsigned>(-1)) delete category;
-  errno = error;
   return cat;
 }
 
@@ -325,18 +323,17 @@ bool Log::willPrint(MessageClass cls, const char* category, int level) {
 void Log::printAux(MessageClass cls, unsigned cat, int level, const char* file, unsigned line,
                    const char* format, std::va_list& args) {
   if (!willPrint(cls, cat, level)) return;
+  const KeptErrno kept;
   classes_[cls].count_++;
   const Ref<Logger> sink = classes_[cls].logger_;
-  const int error = errno;
   Line text;
   itemHeader(classes_[cls].name_, categories_[cat]->name_, level, file, line, text, verbosity_);
   text.add('|');
   text.add(format ? format : "");
   if (const char* whole = text.text()) {
-    errno = error;  // the format may tell it
+    kept.putBack();
     sink->print(cls, whole, args);
   }
-  errno = error;
 }
 
 // --- Sinks, settings and counts ---

@@ -1,11 +1,11 @@
 // log_sinks.cpp: the sinks. None of them tells its caller how it went.
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "utils/sdk/allocator.h"
 #include "utils/sdk/decimal.h"
+#include "utils/sdk/kept_errno.h"
 #include "utils/sdk/log.h"
 #include "utils/sdk/platform.h"
 
@@ -16,16 +16,6 @@ template struct Ref<Logger>;
 namespace {
 
 // --- What the sinks share ---
-
-// Leaves `errno` as it was found.
-struct KeptErrno {
-  KeptErrno() : value_(errno) {}
-  ~KeptErrno() { errno = value_; }
-  KeptErrno(const KeptErrno&) = delete;
-  KeptErrno& operator=(const KeptErrno&) = delete;
-
-  const int value_;
-};
 
 // What most messages are made of, expanded into a room.
 struct QuickText {
@@ -116,7 +106,7 @@ int Logger::expand(char* text, unsigned size, const char* format, std::va_list a
 struct Logger::BoundedLine {
   BoundedLine(const char* format, std::va_list args, const char* end)
       : block_(static_cast<char*>(Allocator::theAllocator()->alloc(BLOCK_SIZE))) {
-    errno = kept_.value_;  // the format may tell it
+    kept_.putBack();
     const int size = expand(text(), BOUND, format, args);
     if (size < 0) return;
     const std::size_t endSize = std::strlen(end);
@@ -174,13 +164,13 @@ namespace {
 
 struct StreamLine {
   void print() {
-    errno = error_;  // the format may tell it
+    kept_.putBack();
     std::vfprintf(stream_, format_, args_);
     std::fprintf(stream_, "\n");
     std::fflush(stream_);
   }
 
-  const int error_;
+  const KeptErrno& kept_;
   std::FILE* const stream_;
   const char* const format_;
   std::va_list args_;
@@ -192,7 +182,7 @@ StdLogger::~StdLogger() {}
 
 void StdLogger::print(MessageClass, const char* format, std::va_list args) {
   const KeptErrno kept;
-  StreamLine line{kept.value_, channel_ == Stdout ? stdout : stderr, format, {}};
+  StreamLine line{kept, channel_ == Stdout ? stdout : stderr, format, {}};
   va_copy(line.args_, args);
   YfWithoutPipeSignal([](void* made) { static_cast<StreamLine*>(made)->print(); }, &line);
   va_end(line.args_);

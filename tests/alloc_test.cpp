@@ -2,6 +2,7 @@
 // the model cannot see.
 #include "utils/sdk/alloc.h"
 
+#include <ctime>
 #include <utility>
 #include <vector>
 
@@ -80,6 +81,20 @@ TEST_F(Arena, SmallRequestWithoutAPage) {
   }
   EXPECT_EQ(arena.internalFree(), 131064u);
   EXPECT_EQ(arena.alloc(200000), nullptr);
+}
+
+// The lowest block that is large enough is found in the mean of logarithmic time. The model
+// compares what is found; this counts steps.
+TEST_F(Arena, PagesAreFoundFastBesideManyFreeBlocks) {
+  std::vector<void*> blocks;
+  for (int i = 0; i < 20000; i++) {
+    blocks.push_back(arena.alloc(10240));
+    arena.alloc(1016);
+  }
+  for (void* mem : blocks) arena.free(mem);
+  const std::clock_t begin = std::clock();
+  for (int i = 0; i < 19 * 8000; i++) arena.alloc(500);
+  EXPECT_LT(std::clock() - begin, CLOCKS_PER_SEC) << "0.05 s, or 2 s if all are looked at";
 }
 
 // Numbers that were worked out by hand: those of the model are as good as its rules.
@@ -206,16 +221,25 @@ TEST_F(Arena, ReportsTheChain) {
 TEST(MemoryAllocator, DamageFailsTheRightAssertion) {
   AssertionRecorder recorder;
   ScriptedParent parent;
-  OpenArena arena(&parent);
+  OpenArena arena(&parent), other;
+  alignas(8) char foreign[64] = {};
+  foreign[4] = 33;
   char* mem = bytes(arena.alloc(2000));
   mem[2000] ^= 1;
+  const unsigned held = arena.allocatedMemory();
   arena.free(mem);
   EXPECT_THAT(recorder.take(), ElementsAre("s+1 == TAIL(h)->size"));
   EXPECT_THAT(recorder.files_, ElementsAre("utils/sdk/alloc"));
+  EXPECT_EQ(arena.allocatedMemory(), held) << "the block is left alone";
+  mem[2000] ^= 1;
+  arena.free(mem);
   arena.check();
   const unsigned before = arena.internalFree();
   arena.free(mem);
-  EXPECT_THAT(recorder.take(), ElementsAre("busy(h)"));
+  arena.free(foreign + 8);
+  other.free(arena.firstBlock());
+  EXPECT_THAT(recorder.take(), ElementsAre("busy(h)", "busy(h)", "busy(h)"));
+  EXPECT_THAT(recorder.reports_, testing::HasSubstr("no block can be at"));
   EXPECT_EQ(arena.internalFree(), before);
   arena.check();
   void* lost = arena.alloc(5000);

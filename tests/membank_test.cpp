@@ -209,6 +209,9 @@ TEST(MemoryBank, DamageFailsTheRightAssertion) {
   bank.checkArena();
   bank.free(mem);
   EXPECT_THAT(recorder.take(), ElementsAre("size == (t->size & ~1)", "s == TAIL(h)->size"));
+  EXPECT_EQ(bank.allocatedMemory(), 32u) << "the block is left alone";
+  mem[24] ^= 8;
+  bank.free(mem);
   bank.check();
   const unsigned before = bank.internalFree();
   bank.free(mem);

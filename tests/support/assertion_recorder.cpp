@@ -33,5 +33,6 @@ extern "C" {
 // What the library says of a broken block is wanted only where it stops the process.
 [[gnu::visibility("default")]] void OutputDebugStringA(const char* text) noexcept {
   if (!_recorder) std::fputs(text, stderr);
+  if (_recorder) _recorder->reports_ += text;
 }
 }

@@ -16,4 +16,5 @@ struct AssertionRecorder {
 
   std::vector<std::string> texts_;
   std::vector<std::string> files_;
+  std::string reports_;  // of broken blocks
 };

@@ -14,11 +14,13 @@
 //   0                             head word: colour << 26 | (S + 1)      head word: S
 //   4                             caller's bytes                         tree node, 12 (24) bytes
 //   16 (28)                       caller's bytes                         colour label
+//   20 (32)                       caller's bytes                         lowest address, see below
 //   S - 4                         tail word: S + 1                       tail word: S + 1
 //
 // Bit 0 of the head word is the busy bit. Small blocks have no tail; a free one has the link to the
-// next of its list at 4. Example: alloc(1000, 6) gives a block of 1024 bytes whose head word is
-// 0x18000401.
+// next of its list at 4, and its label where a large one has it. The lowest address is a lower
+// bound for all blocks of the node's subtree (free_tree.h). Example: alloc(1000, 6) gives a block
+// of 1024 bytes whose head word is 0x18000401.
 //
 // The chunks form one chain of blocks in ascending order, from firstHead_ to endHead_, the last
 // word of the newest chunk. Where a chunk does not begin right behind that word, a block that is
@@ -27,6 +29,12 @@
 // firstHead_ to endHead_ alone.
 //
 // Bytes are counted by block size, in 32-bit totals. The caller serialises; see allocator.h.
+//
+// Damage. Whatever a program writes over this bookkeeping, nothing outside of the arena is read or
+// written, and a block whose words disagree is reported and left alone: it fails an assertion,
+// which stops the process unless it was told to go on, and then its memory is lost. What the words
+// do not show is not noticed: another colour, or the head word of another small class in a small
+// block. In a chain that was cut, a head is not known to lie outside.
 #pragma once
 
 #include <cstddef>
@@ -69,10 +77,12 @@ struct YUTILS_EXPORT MemoryAllocator : Allocator {
   // Requests above 67108848 bytes give null. When the parent has no memory, null, nothing changed.
   void* alloc(unsigned size, unsigned color) override;
   void* alloc(unsigned size) override;
-  // Fails an assertion where the block is not busy, or large and written past its end.
+  // Does nothing for null. What is no busy block of this arena, or large and written past its end,
+  // is reported, fails an assertion and is left alone.
   void free(void* mem) override;
 
-  // The three give 0, 0 and false for whatever is no busy block between firstHead_ and endHead_.
+  // For a pointer that alloc() returned. The three give 0, 0 and false for null, for what lies not
+  // between firstHead_ and endHead_, and for a block that is not busy.
   unsigned size(const void* mem) const override;
   unsigned allocatedMemory() const override;
   unsigned internalFree() const override;
@@ -104,19 +114,24 @@ struct YUTILS_EXPORT MemoryAllocator : Allocator {
     return false;
   }  // the busy bit of a block of any arena; false for null
 
-  // The walk over the chain, pages and gaps included: the block behind, null after the last. Fails
-  // an assertion on a block whose tail does not fit its head.
+  // The walk over the chain, pages and gaps included: the next block, null after the last. A block
+  // whose tail does not fit its head is reported and fails an assertion; if its size cannot be true
+  // the walk ends there.
   void* firstBlock() const;
   void* nextBlock(const void* mem) const;
-  void checkArena() const;  // walks the chain
+  // Walks the chain, then compares the tree, the lists of small blocks and the totals of free
+  // memory with it. The first damaged block of each is reported and fails an assertion. Takes n log
+  // n steps for n free blocks.
+  void checkArena() const;
 
   // Prints to standard output, by powers of two of the block size (Arena): the number of blocks of
   // the chain, the bytes in busy and in free ones, the biggest; then the totals in KiB.
   void report();
 
  protected:
-  // What runs with the lock held by the caller, as told in alloc.cpp. Blocks are passed by their
-  // heads.
+  // What runs with the lock held by the caller. Blocks are passed by their heads. The allocator's
+  // own operations take shorter ways to the same results (Arena in alloc.cpp): these are for
+  // classes that derive from it.
 
   void* _alloc(unsigned size, unsigned color);
   unsigned _free(void* mem);  // gives the block's size
@@ -144,6 +159,7 @@ struct YUTILS_EXPORT MemoryAllocator : Allocator {
   MemHead* smallFree_[10];  // by log2 of the block size; 0 to 4 stay null
   unsigned allocatedMemory_;
   bool tryHard_;
+  bool cut_;  // some chunks lie outside of the chain
   unsigned defaultColor_;
   unsigned allocatedColorMemory_[64];
   unsigned freeColorMemory_[64];

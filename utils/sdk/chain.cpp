@@ -10,11 +10,13 @@
 
 namespace Utils {
 
+bool Chain::holds(const void* head) const {
+  return addressOf(head) % ALIGN == 4 && addressOf(head) >= addressOf(first_) &&
+         addressOf(head) < addressOf(end_);
+}
+
 bool Chain::holdsBusy(const void* mem) const {
-  if (!mem || addressOf(mem) % ALIGN != 0) return false;
-  const void* head = headOfMemory(mem);
-  return addressOf(head) >= addressOf(first_) && addressOf(head) < addressOf(end_) &&
-         isBusy(wordAt(head));
+  return mem && holds(headOfMemory(mem)) && isBusy(wordAt(headOfMemory(mem)));
 }
 
 unsigned Chain::size(const void* mem) const {
@@ -37,7 +39,8 @@ bool Chain::valid(const void* mem) const {
 
 unsigned Chain::setColor(void* mem, unsigned color, unsigned* totals) const {
   color &= COLOR_MASK;
-  if (color == 0 || !holdsBusy(mem)) return RESULT_INVALID_ARGUMENT;
+  if (color == 0 || !holdsBusy(mem) || !canBeHead(headOfMemory(mem)))
+    return RESULT_INVALID_ARGUMENT;
   unsigned& word = wordAt(headOfMemory(mem));
   if (colorOf(word) != 0) return RESULT_INVALID_ARGUMENT;
   totals[color] += sizeOf(word);
@@ -45,24 +48,60 @@ unsigned Chain::setColor(void* mem, unsigned color, unsigned* totals) const {
   return 0;
 }
 
-const void* Chain::next(const void* head, const char* source) const {
-  if (addressOf(head) >= addressOf(end_)) return nullptr;
+// Of a block of any kind: one of a gap has as few as 8 bytes.
+bool Chain::canBeHead(const void* head) const {
+  const unsigned word = wordAt(head);
+  const unsigned size = sizeOf(word);
+  if (!isBusy(word) && colorOf(word) != 0) return false;
+  return fits(head, size, ALIGN);
+}
+
+// Null at the end, and where the chain was cut, at the end marker of a chunk.
+const void* Chain::next(const void* head, const char* source, bool& isWhole) const {
+  constexpr char CONDITION[] = "size == (t->size & ~1)";
+  const bool canBe = canBeHead(head);
   const unsigned size = sizeOf(wordAt(head));
-  if (size == 0 || size > addressOf(end_) - addressOf(head)) return nullptr;
-  const unsigned tail = wordAt(behind(head, size - 4));
-  if (size != (tail & ~1u)) YfAssert__("size == (t->size & ~1)", source, __LINE__);
-  const void* behindIt = behind(head, size);
-  return behindIt == end_ || wordAt(behindIt) == SEAM ? nullptr : behindIt;
+  if (!canBe || size != (wordAt(behind(head, size - 4)) & ~1u)) {
+    isWhole = false;
+    brokenBlock(CONDITION, source, __LINE__, head);
+  }
+  if (!canBe) return nullptr;
+  const void* next = behind(head, size);
+  return next == end_ || (cut_ && wordAt(next) == SEAM) ? nullptr : next;
 }
 
 void* Chain::nextBlock(const void* mem, const char* source) const {
-  if (!mem) return nullptr;
-  const void* head = next(headOfMemory(mem), source);
+  if (!mem || !holds(headOfMemory(mem))) return nullptr;
+  bool isWhole = true;
+  const void* head = next(headOfMemory(mem), source, isWhole);
   return head ? behind(const_cast<void*>(head), 4) : nullptr;
 }
 
-void Chain::check(const char* source) const {
-  for (const void* head = first_; head; head = next(head, source)) continue;
+bool Chain::check(const char* source) const {
+  bool isWhole = true;
+  const void* last = first_;
+  for (const void* head = first_; head; head = next(head, source, isWhole)) last = head;
+  if (isWhole && !cut_ && end_ && wordAt(end_) != SEAM) {
+    isWhole = false;
+    brokenBlock("*endHead_ == SEAM", source, __LINE__, last);
+  }
+  return isWhole;
+}
+
+// A block that leads past `head`, or has no size that can be true, is the damaged one.
+const void* Chain::blockBefore(const void* head) const {
+  const void* at = first_;
+  while (holds(at) && addressOf(at) < addressOf(head)) {
+    const void* next = behind(at, sizeOf(wordAt(at)));
+    if (!canBeHead(at) || addressOf(next) >= addressOf(head)) return at;
+    at = next;
+  }
+  return head;
+}
+
+bool Chain::leadsTo(const void* head) const {
+  const void* before = blockBefore(head);
+  return head == first_ || (before != head && behind(before, sizeOf(wordAt(before))) == head);
 }
 
 void Chain::report(const char* source) const {
@@ -71,7 +110,8 @@ void Chain::report(const char* source) const {
     unsigned count, used, free, biggest;
   };
   Bucket buckets[BUCKETS] = {};
-  for (const void* head = first_; head; head = next(head, source)) {
+  bool isWhole = true;
+  for (const void* head = first_; head; head = next(head, source, isWhole)) {
     const unsigned word = wordAt(head);
     const unsigned size = sizeOf(word);
     Bucket& bucket = buckets[std::bit_width(size | 1) - 1];
@@ -92,21 +132,23 @@ namespace {
 
 // The head of the one block of a chunk that does not begin right behind `end`. Where a gap block
 // can join the two, it is made; else the chain is cut.
-void* joinAcrossGap(void* end, void* chunk) {
+void* joinAcrossGap(void* end, void* chunk, bool& isCut) {
   const std::uintptr_t gap = addressOf(chunk) - addressOf(end) + 4;
   wordAt(chunk) = EDGE;
   if (end && addressOf(chunk) > addressOf(end) && gap < BLOCK_LIMIT) {
     wordAt(end) = static_cast<unsigned>(gap) + 1;
     wordAt(chunk) = static_cast<unsigned>(gap) + 1;
+  } else if (end) {
+    isCut = true;
   }
   return behind(chunk, 4);
 }
 
 }  // namespace
 
-void* joinChunk(void* end, void* chunk, unsigned need) {
+void* joinChunk(void* end, void* chunk, unsigned need, bool& isCut) {
   const bool continues = end && chunk == behind(end, 4) && need < BLOCK_LIMIT;
-  void* head = continues ? end : joinAcrossGap(end, chunk);
+  void* head = continues ? end : joinAcrossGap(end, chunk, isCut);
   const unsigned size = continues ? need : need - 8;
   wordAt(head) = size + 1;
   writeTail(head, size);
@@ -119,6 +161,13 @@ void brokenBlock(const char* condition, const char* source, unsigned line, const
   const unsigned word = wordAt(head);
   std::snprintf(text, sizeof text, "heap: block at %p, head word 0x%08x, size %u, colour %u\n",
                 head, word, sizeOf(word), colorOf(word));
+  OutputDebugStringA(text);
+  YfAssert__(condition, source, line);
+}
+
+void strayBlock(const char* condition, const char* source, unsigned line, const void* head) {
+  char text[64];
+  std::snprintf(text, sizeof text, "heap: no block can be at %p\n", head);
   OutputDebugStringA(text);
   YfAssert__(condition, source, line);
 }

@@ -14,6 +14,7 @@
 // Never allocates. The caller serialises.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 
@@ -42,6 +43,10 @@ inline const void* behind(const void* address, std::size_t bytes) {
   return static_cast<const char*>(address) + bytes;
 }
 
+inline void* offsetBack(void* address, std::size_t bytes) {
+  return static_cast<char*>(address) - bytes;
+}
+
 inline std::uintptr_t addressOf(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
 
 inline const void* headOfMemory(const void* mem) { return static_cast<const char*>(mem) - 4; }
@@ -59,14 +64,19 @@ inline unsigned blockSize(unsigned request) {
 
 inline void writeTail(void* head, unsigned size) { wordAt(behind(head, size - 4)) = size + 1; }
 
-// The head of the block in front; requires one, or the edge of a chunk.
-inline void* previousHead(void* head) {
-  return static_cast<char*>(head) - (wordAt(static_cast<char*>(head) - 4) - 1);
-}
-
-// The part of the chain that an allocator's two fields name. Where a module `source` is named, a
-// tail that does not fit its head fails an assertion of that module.
+// The part of the chain that an allocator's fields name. Where a module `source` is named, a
+// damaged block is reported and fails an assertion of that module. Nothing outside of the chain is
+// read, whatever its words hold, unless the chain was cut: then blocks may lie anywhere.
 struct Chain {
+  // The places where a block of at least `least` bytes can begin: one comparison for each.
+  struct Places {
+    Places(const Chain& chain, unsigned least);
+    bool has(std::uintptr_t head) const { return std::rotr(head - first_, 3) <= last_; }
+
+    std::uintptr_t first_;
+    std::uintptr_t last_;
+  };
+
   // 0, 0 and false for whatever is not the memory of a busy block that begins in the chain. What is
   // valid has a tail that fits.
   unsigned size(const void* mem) const;
@@ -77,29 +87,57 @@ struct Chain {
   // where the colour is 0 or there is no such block.
   unsigned setColor(void* mem, unsigned color, unsigned* totals) const;
 
-  // The walk, by the memory of the blocks. Null at the end, at a seam, and for what lies outside.
+  // The walk, by the memory of the blocks. Null at the end, where the chain was cut, for what lies
+  // outside, and after a block whose head word cannot be true.
   void* firstBlock() const { return first_ ? behind(first_, 4) : nullptr; }
   void* nextBlock(const void* mem, const char* source) const;
-  void check(const char* source) const;
+  bool check(const char* source) const;  // walks the chain; false if anything is damaged
 
   // Prints the table of MemoryAllocator::report, without its last line.
   void report(const char* source) const;
 
+  // Whether a block at `head` can have that size: a multiple of 8, at least `least`, and not past
+  // the end of the chain. If that was cut, the end is not known.
+  bool fits(const void* head, unsigned size, unsigned least) const {
+    return std::rotr(std::uintptr_t{size}, 3) <= (addressOf(end_) - addressOf(head)) / ALIGN &&
+           size >= least;
+  }
+  // Whether the words of a free block of at least `least` bytes, which can begin there, agree.
+  bool isFree(const void* head, unsigned least) const {
+    const unsigned size = wordAt(head);
+    return fits(head, size, least) && wordAt(behind(head, size - 4)) == size + 1;
+  }
+  // The head of the block that ends where the one at `head` begins, or of a damaged one before it:
+  // for a report. Returns `head` itself if the walk does not come there.
+  const void* blockBefore(const void* head) const;
+  bool leadsTo(const void* head) const;  // whether the walk comes there
+
   void* first_;
   void* end_;
+  bool cut_;
 
  private:
+  bool holds(const void* head) const;
   bool holdsBusy(const void* mem) const;
-  const void* next(const void* head, const char* source) const;
+  bool canBeHead(const void* head) const;
+  const void* next(const void* head, const char* source, bool& isWhole) const;
 };
 
-// Joins the chunk of `need` bytes at `chunk` to the chain that ends at `end`, null for none. Gives
-// the head of its one block, busy, colour 0 and with its tail; the new end marker stands right
-// behind it.
-void* joinChunk(void* end, void* chunk, unsigned need);
+// Of an empty chain no place is asked for.
+inline Chain::Places::Places(const Chain& chain, unsigned least)
+    : first_(chain.cut_ ? 4 : addressOf(chain.first_)),
+      last_(chain.cut_ ? UINTPTR_MAX / ALIGN : (addressOf(chain.end_) - first_ - least) / ALIGN) {}
 
-// Names the block, without the help of what may be broken, and fails an assertion of `source`.
+// Joins the chunk of `need` bytes at `chunk` to the chain that ends at `end`, null for none; sets
+// `isCut` if it cannot be joined. Gives the head of its one block, busy, colour 0 and with its
+// tail; the new end marker stands right behind it.
+void* joinChunk(void* end, void* chunk, unsigned need, bool& isCut);
+
+// Reports the block and fails an assertion of `source`, without the help of what may be broken.
 [[gnu::cold]] void brokenBlock(const char* condition, const char* source, unsigned line,
                                const void* head);
+// The same for a place where no block can begin, which is not read.
+[[gnu::cold]] void strayBlock(const char* condition, const char* source, unsigned line,
+                              const void* head);
 
 }  // namespace Utils

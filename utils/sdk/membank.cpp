@@ -8,6 +8,7 @@
 #include <new>
 
 #include "utils/sdk/arena_steps.h"
+#include "utils/sdk/ysys.h"
 
 namespace Utils {
 
@@ -27,13 +28,31 @@ int binOf(unsigned size) { return static_cast<int>(std::bit_width(size)) - 1; }
 struct Bank : ArenaSteps {
   using MemHead = MemoryBank::MemHead;
 
+  // A block of a bin, and the one that the bin has before it, null for its first.
+  struct Place {
+    MemHead* head_;
+    const MemHead* previous_;
+    int bin_;
+  };
+
   static MemHead* takeFit(MemoryBank& b, unsigned amt);
   static int lowestBin(const MemoryBank& b, int bin);
-  static MemHead* searchBin(const MemoryBank& b, int bin, unsigned amt);
+  static Place findFit(const MemoryBank& b, unsigned amt);
   static void joinFree(MemoryBank& b, MemHead* h, unsigned size, unsigned color);
+  static bool remove(MemoryBank& b, MemHead* h);
 
   static void link(MemoryBank& b, MemHead* h, int bin);
   static void unlink(MemoryBank& b, MemHead* h, int bin);
+
+  static bool canBe(const MemoryBank& b, const MemHead* h) { return isLink(b, h) || b.cut_; }
+  static bool isLinked(const MemoryBank& b, Place place);
+  static bool isWhole(const MemoryBank& b, Place place);
+  static bool holds(const MemoryBank& b, MemHead* h);
+  static void repair(MemoryBank& b, Place place);
+  static void keepWholeLinks(MemoryBank& b, int bin, FreeSums& sums);
+  static const MemHead* damagedOf(const MemoryBank& b, Place place);
+  static void check(const MemoryBank& b);
+  static bool checkBin(const MemoryBank& b, int bin, FreeSums& sums);
 };
 
 // --- Construction ---
@@ -89,7 +108,7 @@ void* MemoryBank::_alloc(unsigned size, unsigned color) {
 }
 
 unsigned MemoryBank::_free(void* mem) {
-  const auto block = Bank::takeBack(*this, mem, "s == TAIL(h)->size", SOURCE);
+  const auto block = Bank::takeBack(*this, mem, SMALLEST_BLOCK, "s == TAIL(h)->size", SOURCE);
   if (block.head_)
     Bank::joinFree(*this, static_cast<MemHead*>(block.head_), block.size_, block.color_);
   return block.size_;
@@ -116,22 +135,42 @@ inline int Bank::lowestBin(const MemoryBank& b, int bin) {
   return bin;
 }
 
-// The first block of the bin that is large enough, or null.
-inline MemoryBank::MemHead* Bank::searchBin(const MemoryBank& b, int bin, unsigned amt) {
-  MemHead* h = b.bins_[bin];
-  while (h && h->sizeandcolor_ < amt) h = h->next_;
-  return h;
+// Whether the links of a free block agree with those of the blocks that they lead to.
+inline bool Bank::isLinked(const MemoryBank& b, Place place) {
+  const MemHead* h = place.head_;
+  if (h->prev_ != place.previous_ || (!place.previous_ && b.bins_[place.bin_] != h)) return false;
+  return !h->next_ || (canBe(b, h->next_) && h->next_->prev_ == h);
 }
 
-// A busy block of amt bytes, or of less than 32 more, out of the free ones; null. All blocks of the
-// bins above that of the request fit; those of its own bin are looked at last.
-inline MemoryBank::MemHead* Bank::takeFit(MemoryBank& b, unsigned amt) {
+inline bool Bank::isWhole(const MemoryBank& b, Place place) {
+  return isFree(b, place.head_, SMALLEST_BLOCK) &&
+         binOf(place.head_->sizeandcolor_) == place.bin_ && isLinked(b, place);
+}
+
+// The first block of the bins above that of the request, where all blocks fit, else the first of
+// its own bin that is large enough; null if there is none. Stops at one that is not linked.
+inline Bank::Place Bank::findFit(const MemoryBank& b, unsigned amt) {
   const int own = binOf(amt);
-  int bin = lowestBin(b, own + 1);
-  MemHead* h = bin < BINS ? b.bins_[bin] : nullptr;
-  if (!h && b.tryHard_) h = searchBin(b, bin = own, amt);
+  const int above = lowestBin(b, own + 1);
+  if (above < BINS) return {b.bins_[above], nullptr, above};
+  Place place{b.tryHard_ ? b.bins_[own] : nullptr, nullptr, own};
+  while (place.head_ && place.head_->sizeandcolor_ < amt && isLinked(b, place)) {
+    place.previous_ = place.head_;
+    place.head_ = place.head_->next_;
+  }
+  return place;
+}
+
+// A busy block of amt bytes, or of less than 32 more, out of the free ones; null.
+inline MemoryBank::MemHead* Bank::takeFit(MemoryBank& b, unsigned amt) {
+  const Place place = findFit(b, amt);
+  MemHead* h = place.head_;
   if (!h) return nullptr;
-  unlink(b, h, bin);
+  if (!isWhole(b, place) || h->sizeandcolor_ < amt) [[unlikely]] {
+    repair(b, place);
+    return takeFit(b, amt);
+  }
+  unlink(b, h, place.bin_);
   const unsigned size = h->sizeandcolor_;
   if (size - amt < SMALLEST_BLOCK) {
     amt = size;
@@ -145,23 +184,45 @@ inline MemoryBank::MemHead* Bank::takeFit(MemoryBank& b, unsigned amt) {
 
 // coalesce and freeLoser in one, for a busy block.
 inline void Bank::joinFree(MemoryBank& b, MemHead* h, unsigned size, unsigned color) {
-  const auto sum = join(h, size, [&](MemHead* neighbour) {
-    const unsigned joined = neighbour->sizeandcolor_;
-    unlink(b, neighbour, binOf(joined));
-    b.freeColorMemory_[neighbour->color_] -= joined;
-    b.freeColorMemory_[color] += joined;
-  });
+  const auto sum = join(b, h, size, SMALLEST_BLOCK, SOURCE,
+                        [&](MemHead* neighbour) { return remove(b, neighbour); });
   sum.head_->sizeandcolor_ = sum.size_;
   sum.head_->color_ = color;
   writeTail(sum.head_, sum.size_);
   link(b, sum.head_, binOf(sum.size_));
-  countFree(b, size, color);
+  countFree(b, sum.size_, color);
+}
+
+inline bool Bank::holds(const MemoryBank& b, MemHead* h) {
+  const MemHead* previous = h->prev_;
+  if (previous && (!canBe(b, previous) || previous->next_ != h)) return false;
+  return isLinked(b, {h, previous, binOf(h->sizeandcolor_)});
+}
+
+// Takes a free block out of its bin. One that no bin holds stays busy from then on, so that no
+// neighbour looks for it again; then false.
+inline bool Bank::remove(MemoryBank& b, MemHead* h) {
+  const int bin = binOf(h->sizeandcolor_);
+  if (!holds(b, h)) [[unlikely]] {
+    repair(b, {h, h->prev_, bin});
+    if (!holds(b, h)) {
+      b.setBusy(h);
+      return false;
+    }
+  }
+  unlink(b, h, bin);
+  uncount(b, h);
+  return true;
 }
 
 MemoryBank::MemHead* MemoryBank::allocCandidate(int bin) {
   bin = Bank::lowestBin(*this, bin);
   if (bin >= BINS) return nullptr;
   MemHead* h = bins_[bin];
+  if (!Bank::isWhole(*this, {h, nullptr, bin})) {
+    Bank::repair(*this, {h, nullptr, bin});
+    return allocCandidate(bin);
+  }
   Bank::unlink(*this, h, bin);
   Bank::uncount(*this, h);
   setBusy(h);
@@ -180,10 +241,78 @@ void MemoryBank::splitBlock(MemHead* h, unsigned amt) {
 }
 
 MemoryBank::MemHead* MemoryBank::coalesce(MemHead* h) {
-  return Bank::coalesce(h, [this](MemHead* neighbour) {
-    Bank::unlink(*this, neighbour, binOf(neighbour->sizeandcolor_));
-    Bank::uncount(*this, neighbour);
-  });
+  return Bank::coalesce(*this, h, SMALLEST_BLOCK, SOURCE,
+                        [this](MemHead* neighbour) { return Bank::remove(*this, neighbour); });
+}
+
+// --- After damage ---
+
+// Of two blocks whose links disagree, the second is damaged if the link leads to a true block.
+const MemoryBank::MemHead* Bank::damagedOf(const MemoryBank& b, Place place) {
+  const MemHead* h = place.head_;
+  const MemHead* next = h->next_;
+  const bool isSecond = isFree(b, h, SMALLEST_BLOCK) && h->prev_ == place.previous_ && next &&
+                        canBe(b, next) && next->prev_ != h && chain(b).leadsTo(next);
+  return isSecond ? next : h;
+}
+
+// Reports the block, and makes the bins and the totals anew of the free blocks that can still be
+// reached and are whole. The others are lost.
+[[gnu::cold, gnu::noinline]] void Bank::repair(MemoryBank& b, Place place) {
+  brokenBlock("isWhole(h)", SOURCE, __LINE__, damagedOf(b, place));
+  FreeSums sums;
+  for (int bin = 0; bin < BINS; bin++) keepWholeLinks(b, bin, sums);
+  recount(b, sums);
+}
+
+// The blocks that were gone through count as busy for the moment, so that none comes twice.
+void Bank::keepWholeLinks(MemoryBank& b, int bin, FreeSums& sums) {
+  const Chain::Places places(chain(b), SMALLEST_BLOCK);
+  MemHead* previous = nullptr;
+  MemHead* h = b.bins_[bin];
+  while (h) {
+    const bool stays = places.has(addressOf(h)) && chain(b).isFree(h, SMALLEST_BLOCK) &&
+                       binOf(h->sizeandcolor_) == bin;
+    (previous ? previous->next_ : b.bins_[bin]) = stays ? h : nullptr;
+    if (!stays) break;
+    h->prev_ = previous;
+    if (h->color_ > COLOR_MASK) h->color_ = 0;
+    sums.add(h->sizeandcolor_, h->color_);
+    b.setBusy(h);
+    previous = h;
+    h = h->next_;
+  }
+  for (h = b.bins_[bin]; h; h = h->next_) b.resetBusy(h);
+}
+
+// The chain, then the bins, then whether these hold every free block, then the totals.
+void Bank::check(const MemoryBank& b) {
+  FreeSums sums;
+  if (!chain(b).check(SOURCE)) return;
+  for (int bin = 0; bin < BINS; bin++) {
+    if (!checkBin(b, bin, sums)) return;
+  }
+  for (void* mem = b.firstBlock(); mem; mem = b.nextBlock(mem)) {
+    MemHead* h = static_cast<MemHead*>(headOfMemory(mem));
+    if (isBusy(h->sizeandcolor_) || holds(b, h)) continue;
+    brokenBlock("isWhole(h)", SOURCE, __LINE__, h);
+    return;
+  }
+  if (!isCounted(b, sums)) YfAssert__("isCounted(sums)", SOURCE, __LINE__);
+}
+
+bool Bank::checkBin(const MemoryBank& b, int bin, FreeSums& sums) {
+  Place place{b.bins_[bin], nullptr, bin};
+  while (place.head_) {
+    if (!isWhole(b, place)) {
+      brokenBlock("isWhole(h)", SOURCE, __LINE__, damagedOf(b, place));
+      return false;
+    }
+    sums.add(place.head_->sizeandcolor_, place.head_->color_);
+    place.previous_ = place.head_;
+    place.head_ = place.head_->next_;
+  }
+  return true;
 }
 
 // --- Questions ---
@@ -232,7 +361,7 @@ void* MemoryBank::nextBlock(const void* mem) const {
   return ArenaSteps::chain(*this).nextBlock(mem, SOURCE);
 }
 
-void MemoryBank::checkArena() const { ArenaSteps::chain(*this).check(SOURCE); }
+void MemoryBank::checkArena() const { Bank::check(*this); }
 
 void MemoryBank::report() { ArenaSteps::chain(*this).report(SOURCE); }
 

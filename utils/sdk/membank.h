@@ -34,7 +34,7 @@ struct YUTILS_EXPORT MemoryBank : Allocator {
   explicit MemoryBank(Allocator* parent);
 
   // What is said of these in alloc.h holds here as well, but every block that is freed is tested
-  // for a write past its end, and `valid` is exact.
+  // for a write past its end, and `valid` looks at the tail of every block.
 
   void* alloc(unsigned size, unsigned color) override;
   void* alloc(unsigned size) override;
@@ -69,7 +69,7 @@ struct YUTILS_EXPORT MemoryBank : Allocator {
 
   void* firstBlock() const;
   void* nextBlock(const void* mem) const;
-  void checkArena() const;
+  void checkArena() const;  // walks the chain and the bins, then compares the totals
   void report();  // without the line of totals
 
  protected:
@@ -109,6 +109,7 @@ struct YUTILS_EXPORT MemoryBank : Allocator {
   unsigned internalFree_;
   unsigned allocatedMemory_;
   bool tryHard_;
+  bool cut_;  // some chunks lie outside of the chain
   unsigned defaultColor_;
   unsigned allocatedColorMemory_[64];
   unsigned freeColorMemory_[64];

@@ -9,6 +9,15 @@
 // weights and rotates where the balance asks for it. A node's other child weighs what the node
 // weighs less the child on the path, so the way up touches nothing that the way down did not.
 //
+// A path has a guard. That of the general tree, WTreeTrust, costs nothing and follows every link. A
+// guard of one's own, for nodes that may be overwritten, looks at each node before it is used:
+//
+//   admits(node)           whether a node can be there       refuse(parent, node)   one is not
+//   sound follows(node)          the same, in order on the way     narrow(node, right)    the way
+//   goes on added(path, node), replaced(former, node), rotated(top, former)   keep what nodes have
+//   beside
+//                                                                     their weights
+//
 // The caller serialises.
 #pragma once
 
@@ -21,17 +30,35 @@ namespace Utils {
 // The nodes passed on the way down, the topmost first. A child weighs at most 70/99 of its parent
 // and a weight has 32 bits, so no path is longer than 64 but for the nodes a step outside the
 // balance.
-struct WTreePath {
+template <class Guard>
+struct WTreePathWith : Guard {
   static constexpr unsigned MAX_DEPTH = 96;
 
-  explicit WTreePath(WTreeNodeBase** root) : root_(root) {}
+  template <class... Arguments>
+  explicit WTreePathWith(WTreeNodeBase** root, const Arguments&... arguments)
+      : Guard(arguments...), root_(root) {}
 
   void push(WTreeNodeBase* node) { nodes_[depth_++] = node; }
+  WTreeNodeBase* last() const { return depth_ > 0 ? nodes_[depth_ - 1] : nullptr; }
 
   WTreeNodeBase** root_;
   unsigned depth_ = 0;
   WTreeNodeBase* nodes_[MAX_DEPTH];
 };
+
+struct WTreeTrust {
+  static constexpr bool GUARDS = false;
+  static constexpr bool isSound() { return true; }
+
+  static bool admits(const WTreeNodeBase*) { return true; }
+  static void passed(const WTreeNodeBase*) {}
+  static void refuse(const WTreeNodeBase*, const WTreeNodeBase*) {}
+  static void added(const WTreeNodeBase*) {}
+  static void replaced(const WTreeNodeBase*, const WTreeNodeBase*) {}
+  static void rotated(const WTreeNodeBase*, const WTreeNodeBase*) {}
+};
+
+using WTreePath = WTreePathWith<WTreeTrust>;
 
 struct WTreeSteps {
   using Node = WTreeNodeBase;
@@ -76,10 +103,15 @@ struct WTreeSteps {
     std::uintptr_t mask_;
   };
 
-  template <class Place>
-  static End descend(WTreePath& path, Place place) {
+  // A link that the guard refuses ends the path.
+  template <class Path, class Place>
+  static End descend(Path& path, Place place) {
     End end{nullptr, false, 0};
     for (Node* node = *path.root_; node;) {
+      if (Path::GUARDS && !(path.depth_ < Path::MAX_DEPTH && path.admits(node))) [[unlikely]] {
+        path.refuse(path.last(), node);
+        break;
+      }
       const int order = place(node);
       if (order == 0) {
         end.found_ = node;
@@ -87,6 +119,7 @@ struct WTreeSteps {
       }
       end.toRight_ = order > 0;
       const Choice right(end.toRight_);
+      path.passed(node);
       path.push(node);
       end.upper_ = right.of(end.upper_, path.depth_);
       node = right.of(node->right_, node->left_);
@@ -95,7 +128,8 @@ struct WTreeSteps {
   }
 
   // The link that the path leads to, where `node` hangs below its last node.
-  static Link linkTo(const WTreePath& path, unsigned level, const Node* node) {
+  template <class Path>
+  static Link linkTo(const Path& path, unsigned level, const Node* node) {
     if (level == 0) return path.root_;
     Node* parent = path.nodes_[level - 1];
     return parent->left_ == node ? &parent->left_ : &parent->right_;
@@ -104,20 +138,32 @@ struct WTreeSteps {
   // The way back up, from the end of the path to level `from`: adds `delta` (1, 0 or -1) to the
   // weight of each node and restores its balance. `below` is the weight of what the path leads to.
   // The test is the stricter of the two of adjust(), for both sides; adjust() decides.
-  static void settle(const WTreePath& path, unsigned from, unsigned below, int delta) {
+  template <class Path>
+  static void settle(Path& path, unsigned from, unsigned below, int delta) {
     for (unsigned level = path.depth_; level-- > from;) {
       Node* node = path.nodes_[level];
       const unsigned weight = node->weight_ + static_cast<unsigned>(delta);
       node->weight_ = weight;
-      if (outOfBalance(below, weight)) WTreeBase::adjust(linkTo(path, level, node));
+      if (outOfBalance(below, weight)) rebalance(path, level, node);
       below = weight;
     }
+  }
+
+  // A node whose surroundings are not sound stays as it is.
+  template <class Path>
+  static void rebalance(Path& path, unsigned level, Node* node) {
+    if (Path::GUARDS && !canRotate(path, node)) [[unlikely]]
+      return;
+    const Link link = linkTo(path, level, node);
+    WTreeBase::adjust(link);
+    if (*link != node) path.rotated(*link, node);
   }
 
   // The way back up of a search that changed nothing, to level `from`: mends what an earlier step
   // left outside the balance. Only nodes of at least that weight can have been left so; the path is
   // cut behind the last of them.
-  static void mend(WTreePath& path, unsigned from, unsigned below) {
+  template <class Path>
+  static void mend(Path& path, unsigned from, unsigned below) {
     constexpr unsigned LEAST_WEIGHT = 239;
     unsigned depth = from;
     while (depth < path.depth_ && path.nodes_[depth]->weight_ >= LEAST_WEIGHT) depth++;
@@ -127,7 +173,8 @@ struct WTreeSteps {
   }
 
   // Puts a node where a descent ended without finding one.
-  static void attach(const WTreePath& path, End end, Node* node) {
+  template <class Path>
+  static void attach(Path& path, End end, Node* node) {
     node->left_ = node->right_ = nullptr;
     node->weight_ = 2;
     if (path.depth_ == 0) {
@@ -136,53 +183,117 @@ struct WTreeSteps {
       Node* parent = path.nodes_[path.depth_ - 1];
       (end.toRight_ ? parent->right_ : parent->left_) = node;
     }
+    path.added(node);
     settle(path, 0, 2, 1);
   }
 
   // Takes out the node that the path leads to; both its children are null then. A node with two
-  // children changes places with its predecessor first.
-  static void detach(WTreePath& path, Node* node) {
+  // children changes places with its predecessor first. False, and nothing is changed, if the guard
+  // refuses a node.
+  template <class Path>
+  static bool detach(Path& path, Node* node) {
     const Link link = linkTo(path, path.depth_, node);
     Node* rest = node->left_ ? node->left_ : node->right_;
     if (node->left_ && node->right_) {
-      rest = exchangeWithPredecessor(path, link, node);
+      if (!exchangeWithPredecessor(path, link, node, rest)) return false;
     } else {
+      if (!admitsOrNull(path, node, rest)) return false;
       *link = rest;
     }
     node->left_ = node->right_ = nullptr;
     settle(path, 0, WTreeBase::wt(rest), -1);
+    return true;
   }
 
   // `fresh` takes the place of `node`, which hangs at `link`. Requires: the same place in the
   // order.
-  static void replace(Link link, const Node* node, Node* fresh) {
+  template <class Path>
+  static void replace(Path& path, Link link, Node* node, Node* fresh) {
     fresh->weight_ = node->weight_;
     fresh->left_ = node->left_;
     fresh->right_ = node->right_;
     *link = fresh;
+    path.replaced(node, fresh);
   }
 
   static Node* leftmost(Node* node) {
     while (node->left_) node = node->left_;
     return node;
   }
+  // The same with the guard of the path, for a child of `parent`; null if a node is refused.
+  template <class Path>
+  static Node* leftmost(Path& path, const Node* parent, Node* node) {
+    for (unsigned depth = 0; depth < Path::MAX_DEPTH && path.admits(node); depth++) {
+      if (!node->left_) return node;
+      parent = node;
+      node = node->left_;
+    }
+    path.refuse(parent, node);
+    return nullptr;
+  }
+
+  static unsigned weightOf(const Node* node) { return node->weight_; }
 
  private:
-  // The predecessor takes the node's place and leaves its own to its left child, which is given.
-  // The path then leads there.
-  static Node* exchangeWithPredecessor(WTreePath& path, Link link, Node* node) {
+  // The predecessor takes the node's place and leaves its own to its left child, which is `rest`
+  // then. The path then leads there.
+  template <class Path>
+  static bool exchangeWithPredecessor(Path& path, Link link, Node* node, Node*& rest) {
     const unsigned level = path.depth_;
     path.push(node);
     Node* predecessor = node->left_;
+    if (!admitsOrNull(path, node, node->right_) || !admitsOrNull(path, node, predecessor))
+      return false;
     while (predecessor->right_) {
+      if (Path::GUARDS && path.depth_ >= Path::MAX_DEPTH) path.refuse(predecessor, predecessor);
+      if (!path.isSound() || !admitsOrNull(path, predecessor, predecessor->right_)) return false;
       path.push(predecessor);
       predecessor = predecessor->right_;
     }
-    Node* rest = predecessor->left_;
+    rest = predecessor->left_;
+    if (!admitsOrNull(path, predecessor, rest)) return false;
     *linkTo(path, path.depth_, predecessor) = rest;
-    replace(link, node, predecessor);
+    replace(path, link, node, predecessor);
     path.nodes_[level] = predecessor;
-    return rest;
+    return true;
+  }
+
+  template <class Path>
+  static bool admitsOrNull(Path& path, const Node* parent, const Node* node) {
+    if (!node || path.admits(node)) return true;
+    path.refuse(parent, node);
+    return false;
+  }
+
+  // Whether a rotation that the weights ask for finds all nodes that it reads: the children, those
+  // of the heavier one, and those of the inner one of these. A weight that is not the sum of the
+  // weights below would make it look for nodes that are not there.
+  template <class Path>
+  static bool canRotate(Path& path, const Node* node) {
+    const Node* left = node->left_;
+    const Node* right = node->right_;
+    if (!hasWeight(path, node, left) || !hasWeight(path, node, right)) return false;
+    const bool leftIsHeavy = WTreeBase::wt(left) > WTreeBase::wt(right);
+    const Node* heavy = leftIsHeavy ? left : right;
+    if (!heavy) return true;
+    if (!hasWeight(path, heavy, heavy->left_) || !hasWeight(path, heavy, heavy->right_))
+      return false;
+    if (heavy->weight_ != WTreeBase::wt(heavy->left_) + WTreeBase::wt(heavy->right_)) {
+      path.refuse(heavy, heavy);
+      return false;
+    }
+    const Node* inner = leftIsHeavy ? heavy->right_ : heavy->left_;
+    return !inner ||
+           (admitsOrNull(path, inner, inner->left_) && admitsOrNull(path, inner, inner->right_));
+  }
+
+  // Whether there is no node, or one that can weigh as much as a node does.
+  template <class Path>
+  static bool hasWeight(Path& path, const Node* parent, const Node* node) {
+    if (!admitsOrNull(path, parent, node)) return false;
+    if (!node || node->weight_ >= 2) return true;
+    path.refuse(node, node);
+    return false;
   }
 };
 

@@ -1,0 +1,291 @@
+// Damage: every word of an arena's bookkeeping is written over, one at a time, with everything that
+// programs leave there. Nothing outside of the arena may be read or written, no two blocks may
+// overlap, and the walk must name the damaged block.
+#include <sys/mman.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "gmock/gmock.h"
+#include "support/arena_check.h"
+#include "support/assertion_recorder.h"
+#include "support/seed.h"
+
+namespace {
+
+constexpr unsigned CHUNK = 131072;
+
+// One chunk between pages that cannot be read; no other.
+struct GuardedChunk : Utils::Allocator {
+  GuardedChunk() {
+    map_ = static_cast<char*>(
+        mmap(nullptr, CHUNK + 2 * GUARD, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    if (mprotect(chunk(), CHUNK, PROT_READ | PROT_WRITE) != 0) std::abort();
+  }
+  ~GuardedChunk() { munmap(map_, CHUNK + 2 * GUARD); }
+
+  char* chunk() const { return map_ + GUARD; }
+  using Allocator::alloc;
+  void* alloc(unsigned) override { return isTaken_ ? nullptr : (isTaken_ = true, chunk()); }
+  void free(void*) override {}
+  unsigned size(const void*) const override { return 0; }
+  unsigned allocatedMemory() const override { return 0; }
+  unsigned internalFree() const override { return 0; }
+
+  static constexpr unsigned GUARD = 65536;
+  char* map_;
+  bool isTaken_ = false;
+};
+
+enum class Kind { HEAD, TAIL, LINK, LABEL, HINT };
+
+struct Word {
+  char* at_;
+  const char* head_;  // of the block that it belongs to
+  Kind kind_;
+  bool isOfChain_;
+  unsigned size_ = 1;  // of that block, as far as it matters
+  unsigned bytes_ = 4;
+};
+
+constexpr unsigned POINTER = sizeof(void*);
+constexpr unsigned LABEL = sizeof(Utils::MemHead) - 4;
+
+Word wordOf(const char* head, unsigned offset, Kind kind, bool isOfChain, unsigned bytes = 4) {
+  return {const_cast<char*>(head) + offset, head, kind, isOfChain, 1, bytes};
+}
+
+// What the arena keeps beside heads and tails.
+void addOwnWords(std::vector<Word>& words, const OpenArena& arena) {
+  for (const auto& block : arena.chain()) {
+    if (block.busy()) continue;
+    words.push_back(wordOf(block.head_, 4, Kind::LINK, true));
+    words.push_back(wordOf(block.head_, 4 + POINTER, Kind::LINK, true, POINTER));
+    words.push_back(wordOf(block.head_, 4 + 2 * POINTER, Kind::LINK, true, POINTER));
+    words.push_back(wordOf(block.head_, LABEL, Kind::LABEL, true));
+    words.push_back(wordOf(block.head_, LABEL + 4, Kind::HINT, true, POINTER));
+  }
+  for (unsigned k = 5; k < 10; k++) {
+    const auto list = arena.list(k);
+    for (std::size_t i = 0; i < list.size(); i += 1 + i / 3) {
+      words.push_back(wordOf(list[i], 0, Kind::HEAD, false));
+      words.push_back(wordOf(list[i], 4, Kind::LINK, false, POINTER));
+      words.push_back(wordOf(list[i], LABEL, Kind::LABEL, false));
+    }
+  }
+}
+
+void addOwnWords(std::vector<Word>& words, const OpenBank& bank) {
+  for (const auto& block : bank.chain()) {
+    if (block.busy()) continue;
+    words.push_back(wordOf(block.head_, 4, Kind::LINK, true, POINTER));
+    words.push_back(wordOf(block.head_, 4 + POINTER, Kind::LINK, true, POINTER));
+    words.push_back(wordOf(block.head_, 4 + 2 * POINTER, Kind::LABEL, true));
+  }
+}
+
+template <class Arena>
+struct Damage : testing::Test {
+  struct Held {
+    char* mem_;
+    unsigned bytes_;
+    char pattern_;
+  };
+
+  Damage() {
+    for (unsigned i = 0; i < 60; i++) alloc(arena_);
+    alloc(arena_, 3000);
+    alloc(arena_, 2000);
+    for (unsigned i = 0; i < 40; i++) free(arena_, random_.below(unsigned(held_.size())));
+    arena_.check();
+  }
+
+  void alloc(Arena& arena, unsigned size = 0) {
+    const unsigned sizes[] = {20, 50, 100, 200, 500, 1000, 1500, 4000, 12000};
+    if (size == 0) size = sizes[random_.below(9)];
+    char* mem = static_cast<char*>(arena.alloc(size, random_.below(64)));
+    if (!mem) return;
+    ASSERT_TRUE(mem >= parent_.chunk() && mem + size <= parent_.chunk() + CHUNK);
+    for (const Held& other : held_)
+      ASSERT_TRUE(mem + size <= other.mem_ || other.mem_ + other.bytes_ <= mem);
+    held_.push_back({mem, size, static_cast<char>(0x61 + random_.below(20))});
+    std::memset(mem, held_.back().pattern_, size);
+  }
+
+  void free(Arena& arena, unsigned index) {
+    const Held freed = held_[index];
+    held_[index] = held_.back();
+    held_.pop_back();
+    for (unsigned i = 0; i < freed.bytes_; i++) ASSERT_EQ(freed.mem_[i], freed.pattern_);
+    arena.free(freed.mem_);
+  }
+
+  std::vector<Word> words() const {
+    std::vector<Word> all;
+    const char* last = nullptr;
+    for (const auto& block : arena_.chain()) {
+      char* head = const_cast<char*>(last = block.head_);
+      all.push_back({head, head, Kind::HEAD, true, block.size()});
+      all.push_back({head + block.size() - 4, head, Kind::TAIL, true, block.size()});
+    }
+    all.push_back({parent_.chunk() + CHUNK - 4, last, Kind::HEAD, true});
+    all.push_back({parent_.chunk(), nullptr, Kind::HINT, true});
+    for (const Held& held : held_) {
+      if (!inChain(held.mem_ - 4)) all.push_back({held.mem_ - 4, held.mem_ - 4, Kind::HEAD, false});
+    }
+    addOwnWords(all, arena_);
+    return all;
+  }
+
+  bool inChain(const char* head) const {
+    const auto blocks = arena_.chain();
+    return std::any_of(blocks.begin(), blocks.end(),
+                       [=](const auto& block) { return block.head_ == head; });
+  }
+
+  std::vector<std::uintptr_t> values(unsigned was) {
+    std::vector<std::uintptr_t> all = {0,
+                                       1,
+                                       2,
+                                       5,
+                                       8,
+                                       9,
+                                       33,
+                                       49,
+                                       0x400,
+                                       0x401,
+                                       0x21212121,
+                                       0x41414141,
+                                       ~0ul,
+                                       ~0u,
+                                       1u << 31,
+                                       0x7fffffff,
+                                       0x3ffffff,
+                                       0x3fffff9,
+                                       was + 1,
+                                       was - 1,
+                                       was + 8,
+                                       was - 8,
+                                       was ^ 2,
+                                       was * 2,
+                                       was ^ (1u << random_.below(32)),
+                                       was ^ (1u << random_.below(32))};
+    for (int i = 0; i < 3; i++) {
+      const char* other = held_[random_.below(unsigned(held_.size()))].mem_;
+      const char* chunk = parent_.chunk();
+      for (const char* p : std::initializer_list<const char*>{
+               other, other - 4, chunk + 4, chunk + CHUNK - 12, chunk + CHUNK, chunk - 60})
+        all.push_back(reinterpret_cast<std::uintptr_t>(p));
+    }
+    return all;
+  }
+
+  // What no word of the arena contradicts: a colour, and the head of a small block of another
+  // class.
+  static bool isPlausible(const Word& word, unsigned was, unsigned now) {
+    if (word.kind_ != Kind::HEAD) return word.kind_ == Kind::TAIL && (was ^ now) == 1;
+    const unsigned size = (now & 0x3ffffff) - 1;
+    const bool isSmall = size >= 32 && size <= 512 && (size & (size - 1)) == 0;
+    return ((was ^ now) & 0x3ffffff) == 0 ? (was & 1) != 0 : !word.isOfChain_ && isSmall;
+  }
+
+  void damage(const Word& word, std::uintptr_t value, unsigned bytes) {
+    unsigned was, now;
+    std::memcpy(&was, word.at_, sizeof was);
+    std::memcpy(word.at_, &value, bytes);
+    std::memcpy(&now, word.at_, sizeof now);
+    SCOPED_TRACE("word at " + std::to_string(word.at_ - parent_.chunk()) + " of kind " +
+                 std::to_string(int(word.kind_)) + ", " + std::to_string(was) + " to " +
+                 std::to_string(value));
+    const bool isSeen =
+        std::memcmp(word.at_, &before_[std::size_t(word.at_ - parent_.chunk())], bytes) != 0 &&
+        !isPlausible(word, was, now);
+    recorder_.take();
+    recorder_.reports_.clear();
+    if (isSeen && (word.isOfChain_ || !isHeld(word.head_)) && word.kind_ != Kind::HINT) {
+      arena_.checkArena();
+      EXPECT_FALSE(recorder_.texts_.empty());
+      if (word.kind_ == Kind::HEAD || word.kind_ == Kind::TAIL) expectNamed(word);
+    }
+    if (isSeen || word.isOfChain_) useAll(word);
+  }
+
+  bool isHeld(const char* head) const {
+    return std::any_of(held_.begin(), held_.end(),
+                       [=](const Held& held) { return held.mem_ - 4 == head; });
+  }
+
+  // The block, or what its former words show to be a block in it.
+  void expectNamed(const Word& word) {
+    const char* end = word.head_ + word.size_;
+    bool isNamed = false;
+    for (const char* at = recorder_.reports_.c_str(); (at = std::strstr(at, "block at "));
+         at += 9) {
+      void* named = nullptr;
+      std::sscanf(at, "block at %p", &named);
+      isNamed = isNamed || (named >= word.head_ && named < end);
+    }
+    EXPECT_TRUE(isNamed) << recorder_.reports_;
+  }
+
+  // The damaged block is freed first if it is held, its neighbours soon.
+  void useAll(const Word& word) {
+    for (unsigned i = 0; i < held_.size(); i++) {
+      arena_.size(held_[i].mem_);
+      arena_.color(held_[i].mem_);
+      arena_.valid(held_[i].mem_);
+      if (held_[i].mem_ - 4 != word.head_) continue;
+      recorder_.reports_.clear();
+      free(arena_, i);
+      if (!word.isOfChain_) expectNamed(word);
+    }
+    for (unsigned i = 0; i < 30; i++) {
+      if (!held_.empty() && random_.below(2) == 0) {
+        free(arena_, random_.below(unsigned(held_.size())));
+      } else {
+        alloc(arena_);
+      }
+    }
+    arena_.checkArena();
+  }
+
+  void sweep() {
+    before_.assign(parent_.chunk(), parent_.chunk() + CHUNK);
+    const auto held = held_;
+    std::vector<char> object(sizeof(Arena));
+    std::memcpy(object.data(), static_cast<void*>(&arena_), sizeof(Arena));
+    for (const Word& word : words()) {
+      unsigned was;
+      std::memcpy(&was, word.at_, sizeof was);
+      for (const std::uintptr_t value : values(was)) {
+        damage(word, value, random_.below(2) == 0 ? 4 : word.bytes_);
+        std::memcpy(parent_.chunk(), before_.data(), CHUNK);
+        std::memcpy(static_cast<void*>(&arena_), object.data(), sizeof(Arena));
+        held_ = held;
+        if (HasFailure()) return;
+      }
+    }
+  }
+
+  AssertionRecorder recorder_;
+  GuardedChunk parent_;
+  Random random_{1};
+  std::vector<Held> held_;
+  std::vector<char> before_;
+  Arena arena_{&parent_};
+};
+
+using Arenas = testing::Types<OpenArena, OpenBank>;
+TYPED_TEST_SUITE(Damage, Arenas);
+
+TYPED_TEST(Damage, OfAnyWordIsReportedAndDoesNotSpread) {
+  testing::internal::CaptureStdout();  // a lost block prints the tree
+  this->sweep();
+  const std::string printed = testing::internal::GetCapturedStdout();
+  if (this->HasFailure()) std::puts(printed.c_str());
+}
+
+}  // namespace

@@ -378,25 +378,41 @@ TEST(Memory, AnExhaustedWindowGivesNull) {
   EXPECT_EQ(child.status, 0);
 }
 
+// Lets the process have that much more of the address space.
+void limitAddressSpace(size_t more) {
+  size_t pages = 0;
+  std::ifstream("/proc/self/statm") >> pages;
+  const size_t all = pages * static_cast<size_t>(getpagesize()) + more;
+  const rlimit limit = {all, all};
+  setrlimit(RLIMIT_AS, &limit);
+}
+
 // In a process that has no window yet.
 int useScarceMemory() {
-  const rlimit narrow = {700u << 20, RLIM_INFINITY}, none = {1, RLIM_INFINITY};
-  setrlimit(RLIMIT_AS, &narrow);
+  const rlimit none = {1, RLIM_INFINITY};
+  limitAddressSpace(500u << 20);
   char* chunk = static_cast<char*>(YIF_MemAlloc(4u << 20));
   if (chunk == nullptr || YIF_MemAlloc(16) != chunk + (4u << 20)) return 1;
-  void* others = mmap(nullptr, 300u << 20, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  void* others = mmap(nullptr, 200u << 20, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (others == MAP_FAILED) return 2;
   setrlimit(RLIMIT_DATA, &none);
   if (YIF_MemAlloc(1u << 25) != nullptr || YIF_MemAlloc((1u << 26) + 1) != nullptr) return 3;
   const rlimit all = {RLIM_INFINITY, RLIM_INFINITY};
   setrlimit(RLIMIT_DATA, &all);
-  return YIF_MemAlloc(1u << 25) == chunk + (4u << 20) + 16 ? 0 : 4;
+  if (YIF_MemAlloc(1u << 25) != chunk + (4u << 20) + 16) return 4;
+  return YIF_MemAlloc(1u << 26) != nullptr && YIF_MemAlloc(1u << 26) != nullptr ? 0 : 5;
+}
+
+int useLittleMemory() {
+  limitAddressSpace(1u << 20);
+  return YIF_MemAlloc(3u << 17) != nullptr ? 0 : 1;
 }
 
 TEST(Memory, LeavesRoomForOthersAndIsUnchangedByARefusal) {
   if (_isSanitized) GTEST_SKIP() << "a sanitizer needs the memory that is refused here";
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(_exit(useScarceMemory()), testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(_exit(useLittleMemory()), testing::ExitedWithCode(0), "");
 }
 
 // --- Configuration ---

@@ -6,9 +6,10 @@
 // 0x7f0000000000 and 0x7f0000400000, the third 0x7f0000400070, and 5 MiB of pages are open.
 //
 // It is not an allocator: nothing comes back. The size that is tried first is twice the wanted one
-// and is halved until the system agrees; then the upper half is returned, so that the host keeps at
-// least as much of the address space as the window takes. A request above 2^26 bytes bypasses the
-// window.
+// and becomes an eighth smaller until the system agrees; then the upper half is returned, so that
+// the host keeps at least as much of the address space as the window takes: under a limit of 600 MB
+// nearly 300. A request above 2^26 bytes bypasses the window. A used-up window stays so: a further
+// one would take from the host's half.
 //
 // May be called from any task, also ahead of YIF_MemInit and in the child of a fork.
 #include <stddef.h>
@@ -40,19 +41,20 @@ struct Window {
 
 constinit Window _window;
 
+size_t pageSize() { return static_cast<size_t>(sysconf(_SC_PAGESIZE)); }
+
 size_t wantedSize() {
-  const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   if constexpr (sizeof(void*) == 4) return size_t{1} << 30;
-  return static_cast<size_t>((uint64_t{1} << 32) - page);
+  return static_cast<size_t>((uint64_t{1} << 32) - pageSize());
 }
 
-// Rounds a halved size down to pages, so that both halves begin on one.
-size_t halfOf(size_t size) { return size / 2 & ~(static_cast<size_t>(sysconf(_SC_PAGESIZE)) - 1); }
+// The next smaller size to try, in whole pages; 0 after one page.
+size_t smallerThan(size_t size) { return (size - size / 8) & ~(pageSize() - 1); }
 
 // requires: _window.mutex_ held
 void reserveWindow() {
   if (_window.base_ != nullptr) return;
-  for (size_t kept = wantedSize(); kept >= OPEN_STEP; kept = halfOf(kept)) {
+  for (size_t kept = wantedSize(); kept != 0; kept = smallerThan(kept)) {
     void* base =
         mmap(nullptr, 2 * kept, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (base == MAP_FAILED) continue;
@@ -63,13 +65,19 @@ void reserveWindow() {
   }
 }
 
-bool openUpTo(size_t end) {
-  if (end <= _window.open_) return true;
-  const size_t steps = (end - _window.open_ + OPEN_STEP - 1) / OPEN_STEP;
-  const size_t length = std::min(steps * OPEN_STEP, _window.size_ - _window.open_);
+bool openInSteps(size_t missing, size_t step) {
+  const size_t steps = (missing + step - 1) / step;
+  const size_t length = std::min(steps * step, _window.size_ - _window.open_);
   if (mprotect(_window.base_ + _window.open_, length, PROT_READ | PROT_WRITE) != 0) return false;
   _window.open_ += length;
   return true;
+}
+
+// The system may refuse a step and still give the pages that are needed.
+bool openUpTo(size_t end) {
+  if (end <= _window.open_) return true;
+  const size_t missing = end - _window.open_;
+  return openInSteps(missing, OPEN_STEP) || openInSteps(missing, pageSize());
 }
 
 void* handOut(size_t size) {

@@ -75,7 +75,8 @@ void YIF_MemInit(unsigned int flags) noexcept;
 // `size` bytes, cleared, aligned to 16, never given back; null when there is none. Sizes are
 // rounded up to 16 (0 counts as 1). Up to 2^26 bytes come from the window, each behind the one
 // before without a gap; a larger request gets a mapping of its own, so that it never stands between
-// two chunks.
+// two chunks. The window takes at most half of the addresses that a limit leaves when it is
+// reserved, and at most 4 GiB (1 GiB with 32-bit pointers); it does not grow.
 void* YIF_MemAlloc(unsigned int size) noexcept;
 
 // --- Configuration ---

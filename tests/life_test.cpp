@@ -1,6 +1,8 @@
 // The library at every moment of a process, each time as the first thing that the process asks of
-// it, and once after its own static objects have gone. The test itself is not linked with it.
+// it, in little memory, and once after its own static objects have gone. The test itself is not
+// linked with it.
 #include <dlfcn.h>
+#include <sys/resource.h>
 
 #include <cstdlib>
 #include <vector>
@@ -15,9 +17,13 @@ std::string linesOf(const std::string& moment) {
   return "info|life|" + moment + "\nerror|utils|Raising error: File not found\nall well\n";
 }
 
-ChildResult runAt(const std::string& moment) {
+ChildResult runAt(const std::string& moment, rlim_t addressSpace = RLIM_INFINITY,
+                  const char* assertions = "") {
   return runInChild([&] {
     setenv("LIFE", moment.c_str(), 1);
+    setenv("YSYS_ASSERT", assertions, 1);
+    const rlimit limit = {addressSpace, addressSpace};
+    setrlimit(RLIMIT_AS, &limit);
     execl(PROGRAM, PROGRAM, nullptr);
     return 99;
   });
@@ -42,6 +48,24 @@ TEST(Life, IsThereAtEveryMoment) {
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.errorOutput, before + linesOf(moment));
   }
+}
+
+// --- In little memory ---
+
+// A program without the library needs 6 MiB of addresses.
+TEST(Life, GoesOnInLittleMemoryAndAfterItRanOut) {
+  if (dlsym(RTLD_DEFAULT, "__sanitizer_print_stack_trace"))
+    GTEST_SKIP() << "a sanitizer needs the memory that is refused here";
+  const std::string start = "the program's initialiser";
+  EXPECT_EQ(runAt(start, 12 << 20, "stop").errorOutput, linesOf(start));
+  const ChildResult result = runAt("memory ran out", 100 << 20);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_THAT(
+      result.errorOutput,
+      testing::MatchesRegex("assertion failed: m, utils/sdk/allocator:[0-9]+\n"
+                            "assertion failed: h, utils/sdk/alloc:[0-9]+\ninfo[^:]*:[^:]*"));
+  EXPECT_THAT(result.errorOutput, testing::EndsWith(linesOf("memory ran out")));
+  EXPECT_EQ(runAt("memory ran out", 100 << 20, "stop").status, -SIGABRT);
 }
 
 // --- After the unload ---

@@ -625,6 +625,27 @@ TEST(Assertion, StopsTheProcessUnlessAskedToGoOn) {
             "assertion failed: a < b, some/file:17\nassertion failed: , :4294967295\n");
 }
 
+TEST(Assertion, OfExhaustionIsPrintedOnceAndStopsNothingUnlessAskedTo) {
+  constexpr auto exhausted = [](void*) { YfAssert__("m", "utils/sdk/allocator", 1); };
+  const std::string m = "assertion failed: m, utils/sdk/allocator:1\n";
+  const std::string h = "assertion failed: h, utils/sdk/alloc:2\n";
+  for (const auto& [choice, expected] :
+       std::map<std::string, std::string>{{"", m + h}, {"continue", m + h + m + h}, {"stop", m}}) {
+    const auto child = runInChild([&, choice = choice] {
+      setenv("YSYS_ASSERT", choice.c_str(), 1);
+      YfWithoutExhaustionReport(exhausted, nullptr);
+      for (int i = 0; i < 2; ++i) {
+        exhausted(nullptr);
+        YfAssert__("h", "utils/sdk/alloc", 2);
+      }
+      return 0;
+    });
+    EXPECT_EQ(child.status, choice == "stop" ? -SIGABRT : 0);
+    EXPECT_EQ(child.errorOutput, expected);
+  }
+  expectStop([] { YfAssert__("h", "utils/sdk/membank", 3); }, "assertion failed: h, ");
+}
+
 // --- The debugger channel ---
 
 std::string debugOutputToStandardError(const char* text) {

@@ -1,20 +1,68 @@
 // assertion.cpp: the report of a condition that does not hold.
 //
-// One line on standard error in one system call, then the end of the process; with YSYS_ASSERT set
-// to "continue" the caller goes on instead. The caller has made the test: there is nothing to test
-// here. May be called from any task, with any lock held and the heap broken.
+// One line on standard error in one system call, then the end of the process. The caller has made
+// the test: there is nothing to test here. May be called from any task, with any lock held and the
+// heap broken; nothing is allocated.
+//
+// Two conditions report that memory has run out. Nothing is damaged then and the caller gets null,
+// so each of the two is printed the first time alone, and the process goes on.
 #include <stdlib.h>
 #include <string.h>
+
+#include <atomic>
 
 #include "utils/sdk/platform.h"
 #include "utils/sdk/ysys.h"
 #include "ysys/voice.h"
 
-void YfAssert__(const char* condition, const char* file, unsigned int line) noexcept {
-  const ysys::NumberText lineText(line, 10);
-  ysys::say({"assertion failed: ", condition, ", ", file, ":", lineText.text(), "\n"});
+namespace ysys {
+namespace {
+
+struct Exhaustion {
+  const char* condition_;
+  const char* file_;
+  std::atomic<bool> wasPrinted_{false};
+};
+
+constinit Exhaustion _exhaustions[] = {{"m", "utils/sdk/allocator"}, {"h", "utils/sdk/alloc"}};
+
+// How many calls of YfWithoutExhaustionReport the task is in.
+constinit thread_local unsigned _unreported __attribute__((tls_model("initial-exec"))) = 0;
+
+// Null where the condition reports something else.
+Exhaustion* exhaustionOf(const char* condition, const char* file) {
+  if (condition == nullptr || file == nullptr) return nullptr;
+  for (Exhaustion& each : _exhaustions) {
+    if (strcmp(condition, each.condition_) == 0 && strcmp(file, each.file_) == 0) return &each;
+  }
+  return nullptr;
+}
+
+bool isChosen(const char* value) {
   const char* choice = getenv("YSYS_ASSERT");
-  if (choice == nullptr || strcmp(choice, "continue") != 0) abort();
+  return choice != nullptr && strcmp(choice, value) == 0;
+}
+
+}  // namespace
+}  // namespace ysys
+
+using namespace ysys;
+
+void YfAssert__(const char* condition, const char* file, unsigned int line) noexcept {
+  Exhaustion* exhaustion = exhaustionOf(condition, file);
+  if (exhaustion != nullptr && _unreported != 0) return;
+  const bool goesOn = isChosen("continue");
+  const bool stops = !goesOn && (exhaustion == nullptr || isChosen("stop"));
+  if (!goesOn && !stops && exhaustion->wasPrinted_.exchange(true)) return;
+  const NumberText lineText(line, 10);
+  say({"assertion failed: ", condition, ", ", file, ":", lineText.text(), "\n"});
+  if (stops) abort();
+}
+
+void YfWithoutExhaustionReport(void (*step)(void*), void* argument) noexcept {
+  ++_unreported;
+  step(argument);
+  --_unreported;
 }
 
 void _assert(const char* condition, const char* file, unsigned int line) noexcept {

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "life/uses.h"
+#include "utils/sdk/alloc.h"
 
 extern "C" void lifeUse(const char* moment);
 
@@ -34,6 +35,18 @@ void useInPlugin(const char* moment) {
   dlclose(plugin);
 }
 
+// Takes all blocks of 1000000 bytes, then uses the library with one of them given back.
+void useWithoutMemory(const char* moment) {
+  Utils::Allocator* memory = Utils::Allocator::theAllocator();
+  void* last = memory->alloc(1000000);
+  while (void* block = memory->alloc(1000000)) last = block;
+  Utils::AllocationLimiter empty(1u << 30);
+  Utils::MemoryAllocator arena(&empty);
+  if (memory->alloc(1000000) || arena.alloc(10) || arena.alloc(4000)) Life::say("memory is left\n");
+  memory->free(last);
+  Life::use(moment);
+}
+
 }  // namespace
 
 int main() {
@@ -42,6 +55,7 @@ int main() {
     Utils::raiseError(0x80040001);
     Life::use("after a first error");
   }
+  if (isMoment("memory ran out")) useWithoutMemory("memory ran out");
   if (isMoment("a child")) useInChild("a child");
   if (isMoment("a child of a process that has used it")) {
     Life::use("its parent");

@@ -74,7 +74,9 @@ struct YUTILS_EXPORT MemoryAllocator : Allocator {
   // The parent is borrowed, and null stands for YIF_MemAlloc.
   explicit MemoryAllocator(Allocator* parent);
 
-  // Requests above 67108848 bytes give null. When the parent has no memory, null, nothing changed.
+  // Requests above 67108848 bytes give null. When the parent has no memory, null, nothing changed;
+  // a small request fails the assertion "h" first, after which the process goes on unless
+  // YSYS_ASSERT says otherwise.
   void* alloc(unsigned size, unsigned color) override;
   void* alloc(unsigned size) override;
   // Does nothing for null. What is no busy block of this arena, or large and written past its end,

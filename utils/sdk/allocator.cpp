@@ -3,7 +3,7 @@
 // The process allocator lies in static storage that no destructor is registered for: static objects
 // of the library and of its users free memory when the process ends, in whatever order, and must
 // find it whole. It is built at the first use, with 20 MiB taken from the system and kept as one
-// free block.
+// free block; without them, which is no error, each chunk is taken when it is needed.
 //
 // The global operators serve the library's own code alone, they are not visible outside. They give
 // null where there is no memory, which a plain new expression does not look for: code of the
@@ -13,6 +13,7 @@
 #include <new>
 
 #include "utils/sdk/alloc.h"
+#include "utils/sdk/platform.h"
 #include "utils/sdk/ysys.h"
 
 namespace Utils {
@@ -25,6 +26,11 @@ constexpr unsigned RESERVATION = 0x1400000;
 alignas(HostAllocator) unsigned char _host[sizeof(HostAllocator)];
 alignas(MemoryAllocator) unsigned char _arena[sizeof(MemoryAllocator)];
 
+void reserve(void* arena) {
+  Allocator* allocator = static_cast<MemoryAllocator*>(arena);
+  if (void* reserved = allocator->alloc(RESERVATION)) allocator->free(reserved);
+}
+
 }  // namespace
 
 // --- Allocator: the process's own, and a source without colours ---
@@ -36,7 +42,7 @@ Allocator* Allocator::buildTheAllocator() {
   YIF_MemInit(0);
   HostAllocator* host = ::new (_host) HostAllocator;
   MemoryAllocator* arena = ::new (_arena) MemoryAllocator(host);
-  if (void* reserved = arena->alloc(RESERVATION)) arena->free(reserved);
+  YfWithoutExhaustionReport(reserve, arena);
   return built = arena;
 }
 

@@ -65,7 +65,8 @@ struct YUTILS_EXPORT Allocator {
 };
 
 // Memory straight from the system layer. An exhausted system layer fails the assertion "m" before
-// null is given. Every question is answered with 0.
+// null is given; the process goes on, unless YSYS_ASSERT says otherwise (YfAssert__ in ysys.h).
+// Every question is answered with 0.
 struct YUTILS_EXPORT HostAllocator : Allocator {
   using Allocator::alloc;
   void* alloc(unsigned size) override;

@@ -22,6 +22,10 @@ int MessageBoxA(void* owner, const char* text, const char* caption, unsigned int
 // reader has gone, the write fails and no signal ends the process.
 void YfWithoutPipeSignal(void (*step)(void*), void* argument) noexcept;
 
+// Calls step(argument), which can do without the memory that it asks for: while it runs, exhaustion
+// that the calling task reports to YfAssert__ is not printed and does not stop the process.
+void YfWithoutExhaustionReport(void (*step)(void*), void* argument) noexcept;
+
 // Gives up the notifications of task start and end for the library that the address lies in. There
 // are none here; gives 1.
 int DisableThreadLibraryCalls(void* library) noexcept;

@@ -119,9 +119,11 @@ void YIF_Close(YIF_Handle file) noexcept;
 
 // --- Assertion ---
 
-// Tells on standard error that `condition` does not hold at `line` of `file`, and stops the
-// process; with the environment variable YSYS_ASSERT set to "continue" it returns. Called when the
-// test failed.
+// Prints on standard error that `condition` does not hold at `line` of `file`, and stops the
+// process. Called when the test failed. Two conditions report that memory has run out, "m" of
+// utils/sdk/allocator and "h" of utils/sdk/alloc: for each of them the first call prints, and every
+// call returns. With the environment variable YSYS_ASSERT set to "continue" all calls print and
+// return; set to "stop", all print and stop the process.
 void YfAssert__(const char* condition, const char* file, unsigned int line) noexcept;
 
 }  // extern "C"

@@ -453,10 +453,27 @@ TEST(Config, EnvironmentGoesBeforeTheFileTheExactNameFirstAndNoFileIsWaitedFor) 
   EXPECT_EQ(textOf("Test.Order.One"), " underscored ");
   const Variable exact("Test.Order.One", "");
   EXPECT_EQ(textOf("Test.Order.One"), "");
-  mkfifo(directory.pathOf("fifo").c_str(), 0600);
-  for (const char* name : {"missing", "fifo", "."}) {
-    const Variable unreadable("YSYS_CONFIG", directory.pathOf(name));
-    EXPECT_EQ(textOf("Key"), "?") << name;
+}
+
+TEST(Config, FileIsARegularOneAndMayBeginWithAByteOrderMark) {
+  const TemporaryDirectory directory;
+  const Variable marked("YSYS_CONFIG", directory.write("settings", "\xef\xbb\xbfKey = 5"));
+  EXPECT_EQ(textOf("Key"), "5");
+  const std::string fifo = directory.pathOf("fifo"), notRegular = "it is not a regular file";
+  mkfifo(fifo.c_str(), 0600);
+  for (const auto& [path, reason] : std::map<std::string, std::string>{
+           {"/no/such/file", "No such file or directory"},
+           {"/proc/self/mem", "Input/output error"},  // from its start
+           {"/dev/zero", notRegular},
+           {"/", notRegular},
+           {fifo, notRegular}}) {
+    const auto child = runInChild([&path = path] {
+      setenv("YSYS_CONFIG", path.c_str(), 1);
+      return textOf("Key") == "?" && textOf("Key") == "?";
+    });
+    EXPECT_EQ(child.status, 1) << path;
+    EXPECT_EQ(child.errorOutput,
+              "ysys: cannot read the settings file " + path + ": " + reason + "\n");
   }
 }
 

@@ -2,7 +2,8 @@
 //
 // Nothing is kept: each look-up reads the environment and the file as they are then, so a change is
 // seen at the next one. The file is run through a small buffer on the stack, lines may have any
-// length, and a value is copied only when it is known to fit.
+// length, and a value is copied only when it is known to fit. Only a regular file is read: anything
+// else may have no end, or cannot be read a second time from where the value begins.
 //
 // A setting is text; that of `YUtils.Log.Level = 3` lies at offset 19 of its line and is 1 byte
 // long. A program that runs with more rights than its caller sees no settings. Keys longer than 255
@@ -17,6 +18,7 @@
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -38,10 +40,17 @@ bool isBlank(int byte) {
 
 bool endsLine(int byte) { return byte == '\n' || byte == END_OF_FILE; }
 
-// The bytes of a file, one after the other.
+// The bytes of a file, one after the other, without a byte order mark at the start. An error ends
+// the file.
 class Reader {
  public:
-  explicit Reader(int descriptor) : descriptor_(descriptor) { fill(); }
+  explicit Reader(int descriptor) : descriptor_(descriptor) {
+    fill();
+    if (end_ < 3 || memcmp(buffer_, "\xef\xbb\xbf", 3) != 0) return;
+    at_ = 2;
+    next();
+  }
+  int error() const { return error_; }  // of the system, 0 for none
   int byte() const { return at_ < end_ ? static_cast<unsigned char>(buffer_[at_]) : END_OF_FILE; }
   off_t position() const { return base_ + static_cast<off_t>(at_); }
   void next() {
@@ -59,6 +68,7 @@ class Reader {
   void fill();
 
   int descriptor_;
+  int error_ = 0;
   off_t base_ = 0;
   size_t at_ = 0;
   size_t end_ = 0;
@@ -71,8 +81,46 @@ void Reader::fill() {
   do {
     count = read(descriptor_, buffer_, sizeof buffer_);
   } while (count == -1 && errno == EINTR);
+  if (count == -1) error_ = errno;
   at_ = 0;
   end_ = count > 0 ? static_cast<size_t>(count) : 0;
+}
+
+constinit std::atomic<uint64_t> _told[64];
+
+// Leaves the mark of a text in the table; false when it was there already, or the table is full.
+bool isFirst(const char* key, const char* complaint) {
+  uint64_t mark = 0xcbf29ce484222325u;
+  for (const char* text : {key, complaint}) {
+    for (; *text != '\0'; ++text)
+      mark = (mark ^ static_cast<unsigned char>(*text)) * 0x100000001b3u;
+  }
+  for (std::atomic<uint64_t>& place : _told) {
+    uint64_t there = 0;
+    if (place.compare_exchange_strong(there, mark, std::memory_order_relaxed)) return true;
+    if (there == mark) return false;
+  }
+  return false;
+}
+
+void reportFile(const char* path, const char* reason) {
+  if (isFirst(path, reason))
+    say({"ysys: cannot read the settings file ", path, ": ", reason, "\n"});
+}
+
+// Returns -1, the reason reported, where the file cannot be opened or is no regular one.
+int openSettings(const char* path) {
+  const int file = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  struct stat status;
+  if (file == -1 || fstat(file, &status) != 0) {
+    reportFile(path, strerrordesc_np(errno));
+  } else if (!S_ISREG(status.st_mode)) {
+    reportFile(path, "it is not a regular file");
+  } else {
+    return file;
+  }
+  if (file != -1) close(file);
+  return -1;
 }
 
 // Where the text of a setting stands: in the environment or in the file, which it keeps open.
@@ -88,7 +136,8 @@ class Setting {
   bool isThere() const { return isThere_; }
   size_t length() const { return length_; }
 
-  // Copies the text and a terminator; false, and the buffer spoilt, when the file has changed.
+  // Copies the text and a terminator. Returns false, the buffer spoilt and the reason reported,
+  // when the file has changed or cannot be read.
   bool copyTo(char* buffer) const;
 
  private:
@@ -98,6 +147,7 @@ class Setting {
 
   bool isThere_ = false;
   const char* text_ = nullptr;
+  const char* path_ = nullptr;
   int file_ = -1;
   off_t start_ = 0;
   size_t length_ = 0;
@@ -106,7 +156,10 @@ class Setting {
 Setting::Setting(const char* key) {
   if (key == nullptr || *key == '\0') return;
   findInEnvironment(key);
-  if (!isThere_) findInFile(key);
+  if (isThere_) return;
+  path_ = secure_getenv("YSYS_CONFIG");
+  if (path_ != nullptr && *path_ != '\0') file_ = openSettings(path_);
+  if (file_ != -1) findInFile(key);
 }
 
 void Setting::findInEnvironment(const char* key) {
@@ -122,14 +175,14 @@ void Setting::findInEnvironment(const char* key) {
 }
 
 void Setting::findInFile(const char* key) {
-  const char* path = secure_getenv("YSYS_CONFIG");
-  if (path != nullptr) file_ = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-  if (file_ == -1) return;
   Reader reader(file_);
   while (!isThere_ && reader.byte() != END_OF_FILE) {
     isThere_ = takeLine(reader, key);
-    reader.skipLine();
+    if (!isThere_) reader.skipLine();
   }
+  if (reader.error() == 0) return;
+  isThere_ = false;
+  reportFile(path_, strerrordesc_np(reader.error()));
 }
 
 bool Setting::takeLine(Reader& reader, const char* key) {
@@ -152,7 +205,9 @@ bool Setting::takeLine(Reader& reader, const char* key) {
 bool Setting::copyTo(char* buffer) const {
   if (text_ != nullptr) {
     memcpy(buffer, text_, length_);
-  } else if (pread(file_, buffer, length_, start_) != static_cast<ssize_t>(length_)) {
+  } else if (const ssize_t count = pread(file_, buffer, length_, start_);
+             count != static_cast<ssize_t>(length_)) {
+    reportFile(path_, count == -1 ? strerrordesc_np(errno) : "it changes while it is read");
     return false;
   }
   buffer[length_] = '\0';
@@ -178,23 +233,6 @@ bool readNumber(const char* text, int* value) {
   return true;
 }
 
-constinit std::atomic<uint64_t> _told[64];
-
-// Leaves the mark of a text in the table; false when it was there already, or the table is full.
-bool isFirst(const char* key, const char* complaint) {
-  uint64_t mark = 0xcbf29ce484222325u;
-  for (const char* text : {key, complaint}) {
-    for (; *text != '\0'; ++text)
-      mark = (mark ^ static_cast<unsigned char>(*text)) * 0x100000001b3u;
-  }
-  for (std::atomic<uint64_t>& place : _told) {
-    uint64_t there = 0;
-    if (place.compare_exchange_strong(there, mark, std::memory_order_relaxed)) return true;
-    if (there == mark) return false;
-  }
-  return false;
-}
-
 int absentAfterTelling(const char* key, const char* complaint) {
   if (isFirst(key, complaint)) say({"ysys: setting ", key, " ", complaint, "; it is not used\n"});
   return ABSENT;
@@ -209,9 +247,9 @@ int YIF_GetConfigNumber(const char* key, int* value) noexcept {
   const KeepErrno keep;
   const Setting setting(key);
   if (!setting.isThere()) return ABSENT;
-  char text[NUMBER_TEXT_MAX + 1];
-  const bool fits = setting.length() <= NUMBER_TEXT_MAX;
-  if (fits && setting.copyTo(text) && readNumber(text, value)) return FOUND;
+  char text[NUMBER_TEXT_MAX + 1] = "";
+  if (setting.length() <= NUMBER_TEXT_MAX && !setting.copyTo(text)) return ABSENT;
+  if (readNumber(text, value)) return FOUND;
   return absentAfterTelling(key, "is not a 32-bit decimal number");
 }
 

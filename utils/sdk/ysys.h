@@ -82,10 +82,11 @@ void* YIF_MemAlloc(unsigned int size) noexcept;
 // --- Configuration ---
 
 // A setting is looked up as the environment variable named exactly as the key, else as the one with
-// '_' for each '.', else as a line `key = value` of the file that the variable YSYS_CONFIG names.
-// There white space around key and value does not count, lines that begin with '#' do not either,
-// and the first line with the key decides. A program that runs with more rights than its caller
-// sees no settings.
+// '_' for each '.', else as a line `key = value` of the regular file that the variable YSYS_CONFIG
+// names. Any other file, and one that cannot be read, is reported once on standard error and has no
+// settings. In the file a UTF-8 byte order mark at the start and white space around key and value
+// do not count, lines that begin with '#' do not either, and the first line with the key decides. A
+// program that runs with more rights than its caller sees no settings.
 
 // Stores the decimal number and gives 0; gives non-zero, `value` untouched, when the setting is
 // absent. A text that is no 32-bit number is told on standard error, once, and counts as absent.

@@ -606,26 +606,61 @@ TEST(Files, InterruptedWritesToAFifoAreFinished) {
   YIF_Close(file);
 }
 
+// Writes what is refused; the host's own signal stays.
+void expectNoSignal(YIF_Handle file, int signal) {
+  errno = 12345;
+  writeText(file, "dropped");
+  EXPECT_EQ(errno, 12345);
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, signal);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  const timespec atOnce = {};
+  for (int expected : {-1, signal}) {
+    if (expected == signal) raise(signal);
+    writeText(file, "dropped");
+    EXPECT_EQ(sigtimedwait(&set, nullptr, &atOnce), expected);
+  }
+  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
 TEST(Files, AReaderThatHasGoneRaisesNoSignal) {
   Fifo fifo;
   fifo.openReader();
   const YIF_Handle file = YIF_Open(fifo.path().c_str(), YIF_OPEN_APPEND, 1);
   fifo.closeReader();
-  errno = 12345;
-  writeText(file, "dropped");
-  EXPECT_EQ(errno, 12345);
-  sigset_t pipe;
-  sigemptyset(&pipe);
-  sigaddset(&pipe, SIGPIPE);
-  pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
-  const timespec atOnce = {};
-  for (int expected : {-1, SIGPIPE}) {  // the host's own signal stays
-    if (expected == SIGPIPE) raise(SIGPIPE);
-    writeText(file, "dropped");
-    EXPECT_EQ(sigtimedwait(&pipe, nullptr, &atOnce), expected);
-  }
-  pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
+  expectNoSignal(file, SIGPIPE);
   YIF_Close(file);
+}
+
+void printLine(std::FILE* stream, const char* format, ...) {
+  std::va_list args;
+  va_start(args, format);
+  YfPrintLine(stream, format, args);
+  va_end(args);
+}
+
+TEST(Files, TheLimitOnTheirSizesRaisesNoSignal) {
+  const TemporaryDirectory directory;
+  const auto child = runInChild([&] {
+    const rlimit limit = {4, 4};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    const YIF_Handle file = YIF_Open(directory.pathOf("file").c_str(), YIF_OPEN_APPEND, 1);
+    writeText(file, "12345");
+    expectNoSignal(file, SIGXFSZ);
+    const Variable goOn("YSYS_ASSERT", "continue"),
+        channel("YSYS_DEBUG_CHANNEL", directory.pathOf("debug"));
+    dup2(open(directory.pathOf("out").c_str(), O_WRONLY | O_CREAT, 0600), STDOUT_FILENO);
+    for (int i = 0; i < 2; ++i) {
+      YfAssert__("more than 4 bytes", "file", 1);
+      OutputDebugStringA("12345");
+      for (std::FILE* stream : {stdout, stderr}) printLine(stream, "%d", 12345);
+    }
+    return HasFailure() ? 1 : 0;
+  });
+  EXPECT_EQ(child.status, 0);
+  EXPECT_EQ(child.errorOutput, "asse");
+  for (const char* name : {"file", "debug", "out"}) EXPECT_EQ(directory.read(name), "1234") << name;
 }
 
 // --- Assertions ---
@@ -661,6 +696,29 @@ TEST(Assertion, OfExhaustionIsPrintedOnceAndStopsNothingUnlessAskedTo) {
     EXPECT_EQ(child.errorOutput, expected);
   }
   expectStop([] { YfAssert__("h", "utils/sdk/membank", 3); }, "assertion failed: h, ");
+}
+
+// --- Standard error that does not block ---
+
+TEST(StandardError, TakesWholeLinesThoughItDoesNotBlock) {
+  Fifo fifo;
+  pollfd ready = {fifo.openReader(), POLLIN, 0};
+  const std::string text(300000, 'x');
+  const pid_t child = startChild([&] {
+    dup2(open(fifo.path().c_str(), O_WRONLY | O_NONBLOCK), STDERR_FILENO);
+    const Variable goOn("YSYS_ASSERT", "continue");
+    YfAssert__(text.c_str(), "file", 1);
+    OutputDebugStringA((text + "\n").c_str());
+    for (const char* each : {text.c_str(), "short"}) printLine(stderr, "%s%d", each, 1);
+    return 0;
+  });
+  std::string received;
+  for (std::string part = " "; !part.empty() && poll(&ready, 1, 5000) == 1; received += part)
+    part = fifo.read();
+  EXPECT_EQ(waitForChild(child), 0);
+  EXPECT_TRUE(received ==
+              "assertion failed: " + text + ", file:1\n" + text + "\n" + text + "1\nshort1\n")
+      << received.size();
 }
 
 // --- The debugger channel ---

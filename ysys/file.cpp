@@ -1,17 +1,21 @@
 // file.cpp: files that are open for writing.
 //
-// A file is its descriptor and whether it is a pipe. Nothing is kept back: a write is with the
-// system when it returns, so flushing has nothing left to do. Every file is in append mode, one
-// whose content was replaced too; so the lines of several processes land one behind the other.
+// A file is its descriptor and whether a write may send a signal. Nothing is kept back: a write is
+// with the system when it returns, so flushing has nothing left to do. Every file is in append
+// mode, one whose content was replaced too; so the lines of several processes land one behind the
+// other.
 //
-// A FIFO opens only when somebody reads it, and a write to one whose reader has gone is dropped
-// without a signal. That costs a few system calls a write, and other files do without them.
+// A FIFO opens only when somebody reads it. A write to one whose reader has gone and a write past
+// the limit on file sizes are dropped without a signal. That costs two system calls a write, half
+// as much time as the write itself, and files that are opened without such a limit do without them.
+// A look at the limit ahead of each write would cost as much.
 //
 // May be called from any task; closing a file that another task is writing to is the caller's
 // mistake.
 #include "ysys/posix.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,13 +28,13 @@ namespace ysys {
 namespace {
 
 struct OpenFile {
-  void begin(int descriptor, bool isPipe) {
+  void begin(int descriptor, bool mayRaiseSignal) {
     descriptor_ = descriptor;
-    isPipe_ = isPipe;
+    mayRaiseSignal_ = mayRaiseSignal;
   }
 
   int descriptor_ = -1;
-  bool isPipe_ = false;
+  bool mayRaiseSignal_ = false;
 };
 
 constinit HandleTable<OpenFile, OPEN_FILE> _files;
@@ -46,10 +50,11 @@ int openForWriting(const char* path, int mode) {
   return descriptor;
 }
 
-bool isPipe(int descriptor) {
+bool mayRaiseSignal(int descriptor) {
   struct stat status;
-  if (fstat(descriptor, &status) != 0) return true;
-  return S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode);
+  struct rlimit size;
+  if (fstat(descriptor, &status) != 0 || getrlimit(RLIMIT_FSIZE, &size) != 0) return true;
+  return S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode) || size.rlim_cur != RLIM_INFINITY;
 }
 
 }  // namespace
@@ -65,7 +70,7 @@ using namespace ysys;
 YIF_Handle YIF_Open(const char* path, int mode, int) noexcept {
   const int descriptor = path == nullptr ? -1 : openForWriting(path, mode);
   if (descriptor == -1) return YIF_NO_FILE;
-  const YIF_Handle made = _files.create(descriptor, isPipe(descriptor));
+  const YIF_Handle made = _files.create(descriptor, mayRaiseSignal(descriptor));
   if (made != 0) return made;
   close(descriptor);
   return YIF_NO_FILE;
@@ -74,7 +79,7 @@ YIF_Handle YIF_Open(const char* path, int mode, int) noexcept {
 void YIF_Write(YIF_Handle file, const void* bytes, unsigned int count) noexcept {
   const KeepErrno keep;
   const OpenFile& target = _files.at(file, __func__);
-  const auto writeOut = target.isPipe_ ? writeAll : writeAllToFile;
+  const auto writeOut = target.mayRaiseSignal_ ? writeAll : writeUnguarded;
   writeOut(target.descriptor_, bytes, count, WhenFull::WAIT);
 }
 

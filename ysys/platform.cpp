@@ -85,7 +85,7 @@ EscapedText::EscapedText(const char* text)
 class InputFile {
  public:
   explicit InputFile(const char* text) : file_(memfd_create("message", MFD_CLOEXEC)) {
-    if (file_ != -1) writeAllToFile(file_, text, strlen(text), WhenFull::WAIT);
+    if (file_ != -1) writeAll(file_, text, strlen(text), WhenFull::WAIT);
   }
   ~InputFile() {
     if (file_ != -1) close(file_);
@@ -189,7 +189,7 @@ bool askOnTerminal(const char* caption, const char* text) {
   const bool isOurs = tcgetpgrp(terminal) == getpgrp();
   if (isOurs) {
     for (const char* part : {caption, "\n\n", text, "\n\nPress Enter to go on. "}) {
-      writeAllToFile(terminal, part, strlen(part), WhenFull::WAIT);
+      writeAll(terminal, part, strlen(part), WhenFull::WAIT);
     }
     readLine(terminal);
   }
@@ -218,12 +218,6 @@ int MessageBoxA(void*, const char* text, const char* caption, unsigned int) noex
   if (hasDisplay() && askInDialog(caption, text)) return 1;
   if (!askOnTerminal(caption, text)) say({caption, ": ", text, "\n"});
   return 1;
-}
-
-void YfWithoutPipeSignal(void (*step)(void*), void* argument) noexcept {
-  NoPipeSignal quiet;
-  step(argument);
-  quiet.takeBack();
 }
 
 int DisableThreadLibraryCalls(void*) noexcept { return 1; }

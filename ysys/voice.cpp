@@ -1,9 +1,10 @@
 // voice.cpp: writing that finishes, and messages without the log. See voice.h.
 //
-// A write to a pipe whose reader has gone sends SIGPIPE to the writing task. The disposition of
-// that signal belongs to the host, so it is left alone: the task blocks the signal around the
-// write, takes back the one that its own write has caused, and puts its mask as it was. A SIGPIPE
-// that was pending before stays pending.
+// A write to a pipe whose reader has gone sends SIGPIPE to the writing task, one past the limit on
+// file sizes SIGXFSZ. The dispositions of these signals belong to the host, so they are left alone:
+// the task blocks the signals around the write, takes back the one that its own write has caused,
+// and puts its mask as it was. A signal that was pending before stays pending; only one that the
+// host itself has blocked can be.
 #include "ysys/voice.h"
 
 #include <poll.h>
@@ -27,21 +28,39 @@ bool canGoOn(int descriptor, WhenFull whenFull) {
   return poll(&room, 1, -1) == 1 || errno == EINTR;
 }
 
-}  // namespace
-
-NoPipeSignal::NoPipeSignal() {
-  sigset_t pending;
-  sigpending(&pending);
-  wasPending_ = sigismember(&pending, SIGPIPE) == 1;
-  sigemptyset(&pipe_);
-  sigaddset(&pipe_, SIGPIPE);
-  pthread_sigmask(SIG_BLOCK, &pipe_, &before_);
+sigset_t setOf(std::initializer_list<int> signals) {
+  sigset_t set;
+  sigemptyset(&set);
+  for (int each : signals) sigaddset(&set, each);
+  return set;
 }
 
-void NoPipeSignal::takeBack() {
+// Takes the bytes that were written off the pieces; returns the first piece that has any left.
+iovec* advance(iovec* piece, const iovec* end, size_t written) {
+  for (; piece != end && written >= piece->iov_len; ++piece) written -= piece->iov_len;
+  if (piece != end) {
+    piece->iov_base = static_cast<char*>(piece->iov_base) + written;
+    piece->iov_len -= written;
+  }
+  return piece;
+}
+
+}  // namespace
+
+NoWriteSignal::NoWriteSignal() : pendingBefore_(setOf({})) {
+  const sigset_t signals = setOf({SIGPIPE, SIGXFSZ});
+  pthread_sigmask(SIG_BLOCK, &signals, &before_);
+  if (sigismember(&before_, SIGPIPE) == 1 || sigismember(&before_, SIGXFSZ) == 1)
+    sigpending(&pendingBefore_);
+}
+
+void NoWriteSignal::takeBack() {
+  if (errno != EPIPE && errno != EFBIG) return;
+  const int caused = errno == EPIPE ? SIGPIPE : SIGXFSZ;
+  if (sigismember(&pendingBefore_, caused) == 1) return;
+  const sigset_t set = setOf({caused});
   const timespec atOnce = {};
-  if (errno != EPIPE || wasPending_) return;
-  while (sigtimedwait(&pipe_, nullptr, &atOnce) == -1 && errno == EINTR) {
+  while (sigtimedwait(&set, nullptr, &atOnce) == -1 && errno == EINTR) {
   }
 }
 
@@ -59,7 +78,7 @@ NumberText::NumberText(unsigned number, unsigned base) {
   text_ = at;
 }
 
-size_t writeAllToFile(int descriptor, const void* bytes, size_t count, WhenFull whenFull) {
+size_t writeUnguarded(int descriptor, const void* bytes, size_t count, WhenFull whenFull) {
   const char* from = static_cast<const char*>(bytes);
   size_t written = 0;
   while (written < count) {
@@ -74,25 +93,29 @@ size_t writeAllToFile(int descriptor, const void* bytes, size_t count, WhenFull 
 }
 
 size_t writeAll(int descriptor, const void* bytes, size_t count, WhenFull whenFull) {
-  NoPipeSignal quiet;
-  const size_t written = writeAllToFile(descriptor, bytes, count, whenFull);
+  NoWriteSignal quiet;
+  const size_t written = writeUnguarded(descriptor, bytes, count, whenFull);
   if (written < count) quiet.takeBack();
   return written;
 }
 
 void say(std::initializer_list<const char*> parts) {
   iovec pieces[PARTS_MAX];
-  int count = 0;
+  iovec* end = pieces;
   for (const char* part : parts) {
-    if (part != nullptr) pieces[count++] = {const_cast<char*>(part), strlen(part)};
+    if (part != nullptr) *end++ = {const_cast<char*>(part), strlen(part)};
   }
   const KeepErrno keep;
-  NoPipeSignal quiet;
-  ssize_t written;
-  do {
-    written = writev(STDERR_FILENO, pieces, count);
-  } while (written == -1 && canGoOn(STDERR_FILENO, WhenFull::WAIT));
-  if (written == -1) quiet.takeBack();
+  NoWriteSignal quiet;
+  for (iovec* from = pieces; from != end;) {
+    const ssize_t written = writev(STDERR_FILENO, from, static_cast<int>(end - from));
+    if (written > 0) {
+      from = advance(from, end, static_cast<size_t>(written));
+    } else if (written == 0 || !canGoOn(STDERR_FILENO, WhenFull::WAIT)) {
+      quiet.takeBack();
+      break;
+    }
+  }
 }
 
 void sayAndStop(std::initializer_list<const char*> parts) {

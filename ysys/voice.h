@@ -4,8 +4,9 @@
 // the log gone, and by the fork handlers. It is not a log: what it says is for the person who has
 // to find out why a process stopped or why a setting is not followed.
 //
-// Safe from any task. A message of several parts is one system call, so that the lines of two tasks
-// do not mix: {"ysys: ", "YIF_SetEvent", ": no event\n"} leaves as one line of 29 bytes.
+// Safe from any task. A message of several parts is one system call, unless the system takes it in
+// parts, so that the lines of two tasks do not mix: {"ysys: ", "YIF_SetEvent", ": no event\n"}
+// leaves as one line of 29 bytes.
 #pragma once
 
 #include <errno.h>
@@ -20,26 +21,29 @@ namespace ysys {
 class KeepErrno {
  public:
   KeepErrno() = default;
-  ~KeepErrno() { errno = saved_; }
+  ~KeepErrno() { putBack(); }
   KeepErrno(const KeepErrno&) = delete;
   KeepErrno& operator=(const KeepErrno&) = delete;
+
+  void putBack() const { errno = saved_; }
 
  private:
   int saved_ = errno;
 };
 
-// Holds back the signal that a write to a pipe without a reader sends to the calling task.
-class NoPipeSignal {
+// Holds back the signals that a write sends to the calling task: SIGPIPE where a pipe has no
+// reader, SIGXFSZ at the limit on file sizes.
+class NoWriteSignal {
  public:
-  NoPipeSignal();
-  ~NoPipeSignal() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-  NoPipeSignal(const NoPipeSignal&) = delete;
-  NoPipeSignal& operator=(const NoPipeSignal&) = delete;
-  void takeBack();  // the one that a write has caused; `errno` tells whether any has failed
+  NoWriteSignal();
+  ~NoWriteSignal() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  NoWriteSignal(const NoWriteSignal&) = delete;
+  NoWriteSignal& operator=(const NoWriteSignal&) = delete;
+  void takeBack();  // the one that a write has caused; `errno` tells which
 
  private:
-  sigset_t pipe_, before_;
-  bool wasPending_;
+  sigset_t before_;
+  sigset_t pendingBefore_;
 };
 
 // The text of a number, digits of base 10 or 16 (the latter behind "0x").
@@ -55,12 +59,12 @@ class NumberText {
 
 enum class WhenFull { WAIT, GIVE_UP };
 
-// Writes until all is written or the system refuses; gives the number of bytes that it took. A pipe
-// without a reader is a refusal and no signal.
+// Writes until all is written or the system refuses; returns the number of bytes that it took. A
+// pipe without a reader and the limit on file sizes are refusals and no signals.
 size_t writeAll(int descriptor, const void* bytes, size_t count, WhenFull whenFull);
 
-// The same for a descriptor that is no pipe, at the price of the write alone.
-size_t writeAllToFile(int descriptor, const void* bytes, size_t count, WhenFull whenFull);
+// The same where no signal can come or a NoWriteSignal is there, at the price of the write alone.
+size_t writeUnguarded(int descriptor, const void* bytes, size_t count, WhenFull whenFull);
 
 // One message of at most 12 parts on standard error; a null part counts as empty.
 void say(std::initializer_list<const char*> parts);

@@ -160,32 +160,10 @@ void FileLogger::print(MessageClass, const char* format, std::va_list args) {
 
 // --- StdLogger ---
 
-namespace {
-
-struct StreamLine {
-  void print() {
-    kept_.putBack();
-    std::vfprintf(stream_, format_, args_);
-    std::fprintf(stream_, "\n");
-    std::fflush(stream_);
-  }
-
-  const KeptErrno& kept_;
-  std::FILE* const stream_;
-  const char* const format_;
-  std::va_list args_;
-};
-
-}  // namespace
-
 StdLogger::~StdLogger() {}
 
 void StdLogger::print(MessageClass, const char* format, std::va_list args) {
-  const KeptErrno kept;
-  StreamLine line{kept, channel_ == Stdout ? stdout : stderr, format, {}};
-  va_copy(line.args_, args);
-  YfWithoutPipeSignal([](void* made) { static_cast<StreamLine*>(made)->print(); }, &line);
-  va_end(line.args_);
+  YfPrintLine(channel_ == Stdout ? stdout : stderr, format, args);
 }
 
 // --- SystemLogger ---

@@ -4,6 +4,9 @@
 // for POSIX. All may be called from any task, none uses the library's allocation operators.
 #pragma once
 
+#include <cstdarg>
+#include <cstdio>
+
 #pragma GCC visibility push(default)
 extern "C" {
 
@@ -18,9 +21,12 @@ void OutputDebugStringA(const char* text) noexcept;
 // at.
 int MessageBoxA(void* owner, const char* text, const char* caption, unsigned int type) noexcept;
 
-// Calls step(argument), which writes to a stream of the runtime library: where that is a pipe whose
-// reader has gone, the write fails and no signal ends the process.
-void YfWithoutPipeSignal(void (*step)(void*), void* argument) noexcept;
+// Prints the format with its arguments and a line end to a stream of the runtime library, and
+// flushes the stream. A line goes out whole, also to a pipe that does not block: the call waits for
+// room. Only a line of more than 1023 bytes that malloc has no room for may lose its end there. A
+// pipe whose reader has gone and the limit on file sizes raise no signal; the rest of the line is
+// dropped.
+void YfPrintLine(std::FILE* stream, const char* format, std::va_list args) noexcept;
 
 // Calls step(argument), which can do without the memory that it asks for: while it runs, exhaustion
 // that the calling task reports to YfAssert__ is not printed and does not stop the process.

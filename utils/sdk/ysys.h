@@ -113,7 +113,8 @@ constexpr int YIF_OPEN_APPEND = 4;   // what the file holds stays, each write la
 YIF_Handle YIF_Open(const char* path, int mode, int share) noexcept;
 
 // Writes all bytes, in one system call unless the system takes them in parts; what cannot be
-// written is dropped. A reader that has gone raises no signal.
+// written is dropped. A reader that has gone raises no signal, nor does the limit on file sizes if
+// the file was opened under it.
 void YIF_Write(YIF_Handle file, const void* bytes, unsigned int count) noexcept;
 void YIF_Flush(YIF_Handle file) noexcept;  // what was written is with the system then
 void YIF_Close(YIF_Handle file) noexcept;

@@ -3,6 +3,7 @@
 #include "utils/sdk/log.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
 
@@ -515,6 +516,50 @@ TEST(Sinks, OutliveTheirReaders) {
       for (const char* each : {"short", longText.c_str()})
         write(*sink.operator->(), Info, "%s", each);
   });
+}
+
+template <class Sink>
+struct CountedSink : Sink {
+  using Sink::Sink;
+  ~CountedSink() override { RecordingSink::ended_++; }
+};
+
+// A task prints to the sink, whose FIFO is full, and is cancelled; a line of another task follows.
+void cancelWhilePrinting(Logger* sink, int fifo) {
+  char text[4096] = {};
+  EXPECT_EQ(::write(fifo, text, sizeof text), 4096);
+  Log hub;
+  hub.setLogger(sink);
+  const auto print = [](void* log) -> void* {
+    static_cast<Log*>(log)->print(Info, "c", -1, "f", 1, "line");
+    return nullptr;
+  };
+  pthread_t task;
+  EXPECT_EQ(pthread_create(&task, nullptr, print, &hub), 0);
+  usleep(20000);
+  EXPECT_EQ(pthread_cancel(task), 0);
+  EXPECT_EQ(read(fifo, text, sizeof text), 4096);
+  pthread_join(task, nullptr);
+  print(&hub);
+  RecordingSink::ended_ = 0;
+  hub.setLogger(nullptr);
+  EXPECT_EQ(RecordingSink::ended_, 1);
+  const ssize_t size = read(fifo, text, sizeof text - 1);
+  text[std::max<ssize_t>(size, 0)] = '\0';
+  EXPECT_THAT(text, testing::MatchesRegex("(info.c.line\r?\n){2}"));
+}
+
+TEST(Sinks, FinishTheLineOfATaskThatIsCancelled) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.pathOf("fifo");
+  mkfifo(path.c_str(), 0600);
+  const int fifo = open(path.c_str(), O_RDWR | O_NONBLOCK), usual = dup(STDERR_FILENO);
+  fcntl(fifo, F_SETPIPE_SZ, 4096);
+  cancelWhilePrinting(new CountedSink<FileLogger>(path.c_str(), FileLogger::Append), fifo);
+  freopen(path.c_str(), "w", stderr);
+  cancelWhilePrinting(new CountedSink<StdLogger>, fifo);
+  dup2(usual, STDERR_FILENO);
+  for (int each : {fifo, usual}) close(each);
 }
 
 // --- Exhaustion ---

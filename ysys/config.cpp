@@ -245,6 +245,7 @@ using namespace ysys;
 
 int YIF_GetConfigNumber(const char* key, int* value) noexcept {
   const KeepErrno keep;
+  const NoCancellation whole;
   const Setting setting(key);
   if (!setting.isThere()) return ABSENT;
   char text[NUMBER_TEXT_MAX + 1] = "";
@@ -255,6 +256,7 @@ int YIF_GetConfigNumber(const char* key, int* value) noexcept {
 
 int YIF_GetConfigString(const char* key, char* buffer, unsigned int capacity) noexcept {
   const KeepErrno keep;
+  const NoCancellation whole;
   const Setting setting(key);
   if (!setting.isThere()) return ABSENT;
   if (setting.length() >= capacity) return absentAfterTelling(key, "is too long a text");

@@ -68,6 +68,7 @@ void releaseFiles(bool) { _files.release(); }
 using namespace ysys;
 
 YIF_Handle YIF_Open(const char* path, int mode, int) noexcept {
+  const NoCancellation whole;
   const int descriptor = path == nullptr ? -1 : openForWriting(path, mode);
   if (descriptor == -1) return YIF_NO_FILE;
   const YIF_Handle made = _files.create(descriptor, mayRaiseSignal(descriptor));
@@ -78,6 +79,7 @@ YIF_Handle YIF_Open(const char* path, int mode, int) noexcept {
 
 void YIF_Write(YIF_Handle file, const void* bytes, unsigned int count) noexcept {
   const KeepErrno keep;
+  const NoCancellation whole;
   const OpenFile& target = _files.at(file, __func__);
   const auto writeOut = target.mayRaiseSignal_ ? writeAll : writeUnguarded;
   writeOut(target.descriptor_, bytes, count, WhenFull::WAIT);
@@ -87,6 +89,7 @@ void YIF_Flush(YIF_Handle file) noexcept { _files.at(file, __func__); }
 
 void YIF_Close(YIF_Handle file) noexcept {
   const KeepErrno keep;
+  const NoCancellation whole;
   const int descriptor = _files.at(file, __func__).descriptor_;
   _files.end(file, __func__);
   close(descriptor);

@@ -205,6 +205,7 @@ using namespace ysys;
 void OutputDebugStringA(const char* text) noexcept {
   if (text == nullptr) return;
   const KeepErrno keep;
+  const NoCancellation whole;
   const size_t length = strlen(text);
   const char* path = secure_getenv("YSYS_DEBUG_CHANNEL");
   const size_t written = path == nullptr ? 0 : writeToChannel(path, text, length);
@@ -213,6 +214,7 @@ void OutputDebugStringA(const char* text) noexcept {
 
 int MessageBoxA(void*, const char* text, const char* caption, unsigned int) noexcept {
   const KeepErrno keep;
+  const NoCancellation whole;
   if (text == nullptr) text = "";
   if (caption == nullptr) caption = "";
   if (hasDisplay() && askInDialog(caption, text)) return 1;

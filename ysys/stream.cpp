@@ -78,6 +78,7 @@ using namespace ysys;
 
 void YfPrintLine(FILE* stream, const char* format, va_list args) noexcept {
   const KeepErrno keep;
+  const NoCancellation whole;
   NoWriteSignal quiet;
   va_list again;
   va_copy(again, args);

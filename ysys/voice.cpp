@@ -8,7 +8,6 @@
 #include "ysys/voice.h"
 
 #include <poll.h>
-#include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/uio.h>
@@ -106,6 +105,7 @@ void say(std::initializer_list<const char*> parts) {
     if (part != nullptr) *end++ = {const_cast<char*>(part), strlen(part)};
   }
   const KeepErrno keep;
+  const NoCancellation whole;
   NoWriteSignal quiet;
   for (iovec* from = pieces; from != end;) {
     const ssize_t written = writev(STDERR_FILENO, from, static_cast<int>(end - from));

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <errno.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stddef.h>
 
@@ -29,6 +30,19 @@ class KeepErrno {
 
  private:
   int saved_ = errno;
+};
+
+// Puts off the cancellation of the calling task (pthread_cancel): a task that is cancelled in a
+// system call would leave what it has half done, and its callers' destructors would not run.
+class NoCancellation {
+ public:
+  NoCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+  ~NoCancellation() { pthread_setcancelstate(before_, nullptr); }
+  NoCancellation(const NoCancellation&) = delete;
+  NoCancellation& operator=(const NoCancellation&) = delete;
+
+ private:
+  int before_;
 };
 
 // Holds back the signals that a write sends to the calling task: SIGPIPE where a pipe has no

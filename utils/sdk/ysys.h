@@ -8,6 +8,9 @@
 // After a fork the child has task ids of its own, and every lock is there and held by nobody; what
 // is set stays set.
 //
+// No operation is a cancellation point: a task that is cancelled in one finishes it, and one that
+// is cancelled while it waits goes on waiting.
+//
 // What cannot be done for a caller who has no way to hear of it (a lock that cannot be made, a
 // handle that is stale or of another kind) is told on standard error and stops the process.
 #pragma once

@@ -5,11 +5,15 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <poll.h>
 #include <pty.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 #include <algorithm>
 #include <atomic>
@@ -309,6 +313,41 @@ TEST(Events, TimedWaitEndsInTimeAndSleeps) {
     EXPECT_EQ(event.wait(1e-12), 1);
   }
 }
+
+#ifdef SYS_futex_time64
+// Makes the kernel refuse one system call, like one that does not know it or a filter.
+bool refuse(unsigned call, unsigned error) {
+  sock_filter steps[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1),
+                         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
+                         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+  sock_fprog filter = {4, steps};
+  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
+TEST(Events, AreWaitedForWhereTheKernelHasOnlyTheShortTime) {
+  for (unsigned error : {ENOSYS, EPERM}) {
+    const auto child = runInChild([&] {
+      if (!refuse(SYS_futex_time64, error)) return 77;
+      Event event(0, 0), back(1, 0);
+      const double begun = YIF_CurrentTime();
+      if (event.wait(0.05) != 0 || YIF_CurrentTime() < begun + 0.04) return 1;
+      Tasks waiting(2, [&](unsigned i) {
+        i == 0 ? event.wait() : static_cast<void>(event.wait(9e8));
+        back.set();
+      });
+      if (!waiting.fallAsleep()) return 2;
+      for (int i = 0; i < 2; ++i) event.set();
+      back.wait();
+      waiting.join();
+      return 0;
+    });
+    if (child.status == 77) GTEST_SKIP() << "this system has no filters";
+    EXPECT_EQ(child.status, 0) << child.errorOutput;
+  }
+}
+#endif
 
 // Some waits run out of time as they are let through; none of the passes is lost or doubled.
 TEST(Events, TimeoutsLoseNoSet) {

@@ -1,7 +1,9 @@
 // futex.cpp: the kernel's side of sleeping and waking. See futex.h.
 //
-// The kernel's own time structure has two 64-bit members on every pointer size, for which 32-bit
-// systems have a system call of their own.
+// A 64-bit system has one system call, whose time structure has two 64-bit members. A 32-bit system
+// has a second call for that structure; kernels before 5.1 and some filters refuse it. Then the
+// first call serves, with 32-bit seconds: a deadline beyond them (68 years after the start of the
+// machine) is cut, and the caller of futexSleep looks again and sleeps on.
 #include "ysys/futex.h"
 
 #include <limits.h>
@@ -10,6 +12,8 @@
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <atomic>
 
 #include "ysys/voice.h"
 
@@ -23,16 +27,45 @@ constexpr unsigned LOOKS = 100;
 constexpr double LIMITLESS_SECONDS = 1e9;
 constexpr int64_t SECOND = 1'000'000'000;
 
-#ifdef SYS_futex_time64
-constexpr long FUTEX_CALL = SYS_futex_time64;
-#else
-constexpr long FUTEX_CALL = SYS_futex;
-#endif
-
 struct KernelTime {
   int64_t seconds;
   int64_t nanoseconds;
 };
+
+// All return false if the kernel refuses; `errno` then has the reason.
+bool futexCall(long call, const void* word, int operation, uint32_t value, const void* limit) {
+  return syscall(call, word, operation, value, limit, nullptr, FUTEX_BITSET_MATCH_ANY) >= 0;
+}
+
+#ifdef SYS_futex_time64
+constinit std::atomic<bool> _hasLongTime{true};
+
+struct ShortKernelTime {
+  int32_t seconds;
+  int32_t nanoseconds;
+};
+
+bool shortFutex(const void* word, int operation, uint32_t value, const KernelTime* limit) {
+  if (limit == nullptr) return futexCall(SYS_futex, word, operation, value, nullptr);
+  const bool isCut = limit->seconds > INT32_MAX;
+  const ShortKernelTime end = {static_cast<int32_t>(isCut ? INT32_MAX : limit->seconds),
+                               static_cast<int32_t>(limit->nanoseconds)};
+  return futexCall(SYS_futex, word, operation, value, &end) || (isCut && errno == ETIMEDOUT);
+}
+
+bool futex(const void* word, int operation, uint32_t value, const KernelTime* limit) {
+  if (_hasLongTime.load(std::memory_order_relaxed)) {
+    if (futexCall(SYS_futex_time64, word, operation, value, limit)) return true;
+    if (errno != ENOSYS && errno != EPERM) return false;  // filters use either
+    _hasLongTime.store(false, std::memory_order_relaxed);
+  }
+  return shortFutex(word, operation, value, limit);
+}
+#else
+bool futex(const void* word, int operation, uint32_t value, const KernelTime* limit) {
+  return futexCall(SYS_futex, word, operation, value, limit);
+}
+#endif
 
 __attribute__((constructor)) void countProcessors() {
   cpu_set_t usable;
@@ -54,9 +87,7 @@ bool futexSleep(const void* word, uint32_t seen, Deadline deadline) {
   const KeepErrno keep;
   const KernelTime end = {deadline / SECOND, deadline % SECOND};
   const KernelTime* limit = deadline == FOREVER ? nullptr : &end;
-  const int wait = FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG;
-  if (syscall(FUTEX_CALL, word, wait, seen, limit, nullptr, FUTEX_BITSET_MATCH_ANY) == 0)
-    return true;
+  if (futex(word, FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG, seen, limit)) return true;
   if (errno == ETIMEDOUT) return false;
   if (errno != EAGAIN && errno != EINTR) {
     const NumberText error(static_cast<unsigned>(errno), 10);
@@ -67,7 +98,7 @@ bool futexSleep(const void* word, uint32_t seen, Deadline deadline) {
 
 void futexWake(const void* word, int count) {
   const KeepErrno keep;
-  syscall(FUTEX_CALL, word, FUTEX_WAKE | FUTEX_PRIVATE_FLAG, count, nullptr, nullptr, 0);
+  futex(word, FUTEX_WAKE | FUTEX_PRIVATE_FLAG, static_cast<uint32_t>(count), nullptr);
 }
 
 }  // namespace ysys

@@ -59,9 +59,9 @@ bool mayRaiseSignal(int descriptor) {
 
 }  // namespace
 
-void holdFiles() { _files.hold(); }
-
-void releaseFiles(bool) { _files.release(); }
+void mendFiles() {
+  _files.mend([](OpenFile&) {});
+}
 
 }  // namespace ysys
 

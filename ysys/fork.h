@@ -1,23 +1,22 @@
-// fork.h: what the families do when the process forks.
+// fork.h: how the child of a fork is made good.
 //
-// Each pair is called by fork.cpp alone, in the task that forks. `hold...` takes the internal locks
-// of a family, so that no other task is in the middle of a change while the process is copied;
-// `release...` gives them up, in the parent and in the child. In the child, whose other tasks are
-// gone, it also makes good what those tasks held and waited for.
+// The child has one task, the one that forked, and a copy of everything else as it was at that
+// moment. Nothing is locked for the fork; instead each family can mend its copy: free the internal
+// locks, free what tasks held that the child does not have, and forget that they waited.
 #pragma once
 
 namespace ysys {
 
-void holdLocks();
-void releaseLocks(bool inChild);
+// Called by fork.cpp alone, in the child, before it has any other task.
+void mendTasks();
+void mendLocks();
+void mendEvents();
+void mendFiles();
+void mendMemory();
 
-void holdEvents();
-void releaseEvents(bool inChild);
-
-void holdMemory();
-void releaseMemory(bool inChild);
-
-void holdFiles();
-void releaseFiles(bool inChild);
+// Mends the child of a fork whose handler has not run yet, and does nothing in any other process.
+// Each wait calls it before the task counts as waiting, and so does what asks for tasks that are
+// gone.
+void mendNewChild();
 
 }  // namespace ysys

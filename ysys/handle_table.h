@@ -13,6 +13,10 @@
 //
 // Not a container: it owns the slots and never runs over what is live, but for the fork. Looking up
 // is free of locks and safe from any task; creating and ending serialise themselves.
+//
+// The child of a fork may get its copy while another task creates or ends an object. The steps are
+// ordered so that the copy then loses one slot or one segment at most: the queue never counts more
+// slots than it links.
 #pragma once
 
 #include <stdint.h>
@@ -24,11 +28,19 @@
 #include <type_traits>
 
 #include "utils/sdk/ysys.h"
+#include "ysys/inner_lock.h"
 #include "ysys/voice.h"
 
 namespace ysys {
 
 enum Kind : uint32_t { MUTEX = 1, CRITICAL_SECTION, EVENT, COOPERATIVE_EVENT, OPEN_FILE };
+
+[[noreturn]] __attribute__((cold, noinline)) inline void stopForBadHandle(YIF_Handle handle,
+                                                                          const char* operation) {
+  const NumberText number(handle, 16);
+  sayAndStop({"ysys: ", operation, ": ", number.text(),
+              " is no handle of this family; it is stale, or of another kind\n"});
+}
 
 // requires: T has no destructor to run, and has an operation `begin` that makes it as new
 template <class T, Kind KIND>
@@ -47,14 +59,14 @@ class HandleTable {
 
   // The object; stops, naming `operation`, when there is none.
   __attribute__((always_inline)) T& at(YIF_Handle handle, const char* operation) {
-    return slotAt(handle, operation).object_;
+    Slot* found = find(handle);
+    if (__builtin_expect(found == nullptr, 0)) stopForBadHandle(handle, operation);
+    return found->object_;
   }
 
-  // For the fork alone: nothing is created or ended from `hold` until `release`.
-  void hold() { mutex_.lock(); }
-  void release() { mutex_.unlock(); }
-  template <class Change>
-  void changeAll(Change change);  // requires: held
+  // In the child of a fork: makes the table usable and calls mendObject(object) for what is live.
+  template <class MendObject>
+  void mend(MendObject mendObject);
 
  private:
   static constexpr uint32_t KIND_SHIFT = 28;
@@ -79,104 +91,108 @@ class HandleTable {
     Slot* segment = segments_[index >> SEGMENT_SHIFT].load(std::memory_order_relaxed);
     return segment[index & (SEGMENT_SLOTS - 1)];
   }
-  __attribute__((always_inline)) Slot& slotAt(YIF_Handle handle, const char* operation);
+  __attribute__((always_inline)) Slot* find(YIF_Handle handle);  // null if the handle is bad
   void queueFreed(uint32_t index);
   uint32_t takeSlot();
   bool addSegment();
 
-  std::mutex mutex_;               // guards all that follows but the reading of segments
-  uint32_t used_ = 0;              // slots below were used at least once
-  uint32_t mapped_ = 0;            // slots below have memory
-  uint32_t freed_ = 0;             // slots that wait to be used again
-  uint32_t firstFreed_ = NO_SLOT;  // freed the longest ago; this and the next if there are any
-  uint32_t lastFreed_ = NO_SLOT;
+  // Atomic for the order in which a fork sees the changes; `mutex_` guards them.
+  using Field = std::atomic<uint32_t>;
+  static uint32_t get(const Field& field) { return field.load(std::memory_order_relaxed); }
+  static void put(Field& field, uint32_t value) { field.store(value, std::memory_order_release); }
+
+  InnerLock mutex_;            // guards all that follows but the reading of segments
+  Field used_{0};              // slots below were used at least once
+  Field mapped_{0};            // slots below have memory
+  Field freed_{0};             // slots that wait to be used again
+  Field firstFreed_{NO_SLOT};  // freed the longest ago; this and the next if there are any
+  Field lastFreed_{NO_SLOT};
   std::atomic<Slot*> segments_[SEGMENT_COUNT] = {};
 };
 
-[[noreturn]] __attribute__((cold, noinline)) inline void stopForBadHandle(YIF_Handle handle,
-                                                                          const char* operation) {
-  const NumberText number(handle, 16);
-  sayAndStop({"ysys: ", operation, ": ", number.text(),
-              " is no handle of this family; it is stale, or of another kind\n"});
-}
-
 template <class T, Kind KIND>
-inline typename HandleTable<T, KIND>::Slot& HandleTable<T, KIND>::slotAt(YIF_Handle handle,
-                                                                         const char* operation) {
+inline typename HandleTable<T, KIND>::Slot* HandleTable<T, KIND>::find(YIF_Handle handle) {
   const uint32_t index = handle & NO_SLOT;
   Slot* segment = segments_[index >> SEGMENT_SHIFT].load(std::memory_order_acquire);
-  if (__builtin_expect(segment != nullptr, 1)) {
-    Slot& found = segment[index & (SEGMENT_SLOTS - 1)];
-    if (__builtin_expect(found.word_.load(std::memory_order_acquire) == handle, 1)) return found;
-  }
-  stopForBadHandle(handle, operation);
+  if (__builtin_expect(segment == nullptr, 0)) return nullptr;
+  Slot& found = segment[index & (SEGMENT_SLOTS - 1)];
+  const bool isGood = found.word_.load(std::memory_order_acquire) == handle;
+  return __builtin_expect(isGood, 1) ? &found : nullptr;
 }
 
 template <class T, Kind KIND>
 template <class... Arguments>
 YIF_Handle HandleTable<T, KIND>::create(Arguments... arguments) {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const std::lock_guard<InnerLock> guard(mutex_);
   const uint32_t index = takeSlot();
   if (index == NO_SLOT) return 0;
   Slot& taken = slot(index);
-  const uint32_t turn = taken.word_.load(std::memory_order_relaxed) & TURN_MASK;
+  const uint32_t turn = get(taken.word_) & TURN_MASK;
   const YIF_Handle handle = KIND << KIND_SHIFT | turn | index;
   taken.object_.begin(arguments...);
-  taken.word_.store(handle, std::memory_order_release);
+  put(taken.word_, handle);
   return handle;
 }
 
 template <class T, Kind KIND>
 void HandleTable<T, KIND>::end(YIF_Handle handle, const char* operation) {
-  const std::lock_guard<std::mutex> guard(mutex_);
+  const std::lock_guard<InnerLock> guard(mutex_);
+  Slot* ended = find(handle);
+  if (ended == nullptr) stopForBadHandle(handle, operation);
   const uint32_t nextTurn = (handle + (1u << TURN_SHIFT)) & TURN_MASK;
-  slotAt(handle, operation).word_.store(nextTurn | NO_SLOT, std::memory_order_release);
+  put(ended->word_, nextTurn | NO_SLOT);
   queueFreed(handle & NO_SLOT);
 }
 
 template <class T, Kind KIND>
 void HandleTable<T, KIND>::queueFreed(uint32_t index) {
-  if (freed_++ == 0) {
-    firstFreed_ = index;
+  const uint32_t waiting = get(freed_);
+  if (waiting == 0) {
+    put(firstFreed_, index);
   } else {
-    std::atomic<uint32_t>& last = slot(lastFreed_).word_;
-    const uint32_t turn = last.load(std::memory_order_relaxed) & TURN_MASK;
-    last.store(turn | index, std::memory_order_relaxed);
+    std::atomic<uint32_t>& last = slot(get(lastFreed_)).word_;
+    put(last, (get(last) & TURN_MASK) | index);
   }
-  lastFreed_ = index;
+  put(lastFreed_, index);
+  put(freed_, waiting + 1);
 }
 
 template <class T, Kind KIND>
 uint32_t HandleTable<T, KIND>::takeSlot() {
-  if (used_ < mapped_) return used_++;
-  if (freed_ < SEGMENT_SLOTS && addSegment()) return used_++;
-  if (freed_ == 0) return NO_SLOT;
-  const uint32_t index = firstFreed_;
-  firstFreed_ = slot(index).word_.load(std::memory_order_relaxed) & NO_SLOT;
-  --freed_;
+  const uint32_t fresh = get(used_), waiting = get(freed_);
+  if (fresh < get(mapped_) || (waiting < SEGMENT_SLOTS && addSegment())) {
+    put(used_, fresh + 1);
+    return fresh;
+  }
+  if (waiting == 0) return NO_SLOT;
+  const uint32_t index = get(firstFreed_);
+  put(freed_, waiting - 1);
+  put(firstFreed_, get(slot(index).word_) & NO_SLOT);
   return index;
 }
 
 template <class T, Kind KIND>
 bool HandleTable<T, KIND>::addSegment() {
-  if (mapped_ + SEGMENT_SLOTS > NO_SLOT) return false;
+  const uint32_t mapped = get(mapped_);
+  if (mapped + SEGMENT_SLOTS > NO_SLOT) return false;
   void* memory = mmap(nullptr, SEGMENT_SLOTS * sizeof(Slot), PROT_READ | PROT_WRITE,
                       MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (memory == MAP_FAILED) return false;
   Slot* segment = static_cast<Slot*>(memory);
   for (uint32_t i = 0; i < SEGMENT_SLOTS; ++i) ::new (segment + i) Slot;
-  segments_[mapped_ >> SEGMENT_SHIFT].store(segment, std::memory_order_release);
-  mapped_ += SEGMENT_SLOTS;
+  segments_[mapped >> SEGMENT_SHIFT].store(segment, std::memory_order_release);
+  put(mapped_, mapped + SEGMENT_SLOTS);
   return true;
 }
 
 template <class T, Kind KIND>
-template <class Change>
-void HandleTable<T, KIND>::changeAll(Change change) {
-  for (uint32_t index = 0; index < used_; ++index) {
+template <class MendObject>
+void HandleTable<T, KIND>::mend(MendObject mendObject) {
+  for (uint32_t index = 0; index < get(used_); ++index) {
     Slot& each = slot(index);
-    if (each.word_.load(std::memory_order_relaxed) >> KIND_SHIFT == KIND) change(each.object_);
+    if (get(each.word_) >> KIND_SHIFT == KIND) mendObject(each.object_);
   }
+  mutex_.mend();
 }
 
 }  // namespace ysys

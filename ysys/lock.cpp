@@ -9,8 +9,9 @@
 // looks again for a moment, then announces itself in bit 31 and sleeps; leaving wakes one sleeper.
 // It is not fair: a task that comes at the right moment passes those that sleep.
 //
-// May be called from any task. The counter is atomic only for the child of a fork, which clears it
-// in place of the holder.
+// May be called from any task. In the child of a fork the task that forked has the id that it had
+// in the parent: what it held it holds, as often as it entered. What others held is free. The
+// counter is atomic because a fork may copy it while its task changes it.
 #include <atomic>
 
 #include "utils/sdk/ysys.h"
@@ -27,6 +28,7 @@ class Lock {
   void begin();
   void enter();
   bool exit();  // gives false, and changes nothing, when the calling task does not hold it
+  void mend(uint32_t me);  // in the child of a fork: free unless the calling task holds it
 
  private:
   static constexpr uint32_t SLEEPERS = 0x80000000u;
@@ -68,9 +70,18 @@ inline bool Lock::exit() {
   return true;
 }
 
+void Lock::mend(uint32_t me) {
+  if ((word_.load(std::memory_order_relaxed) & ~SLEEPERS) == me) {
+    word_.store(me, std::memory_order_relaxed);
+  } else {
+    begin();
+  }
+}
+
 // Whoever has slept takes the lock with the bit, since others may sleep still.
 void Lock::enterContended(uint32_t me) {
   if (passesSoon([&] { return takeIfFree(me); })) return;
+  mendNewChild();
   while (!takeIfFree(me | SLEEPERS)) {
     const uint32_t seen = announceSleeper();
     if (seen != 0) futexSleep(&word_, seen, FOREVER);
@@ -99,18 +110,10 @@ void exitOrReport(Lock& lock) {
 
 }  // namespace
 
-void holdLocks() {
-  _mutexes.hold();
-  _sections.hold();
-}
-
-void releaseLocks(bool inChild) {
-  if (inChild) {
-    _mutexes.changeAll([](Lock& lock) { lock.begin(); });
-    _sections.changeAll([](Lock& lock) { lock.begin(); });
-  }
-  _sections.release();
-  _mutexes.release();
+void mendLocks() {
+  const auto mend = [me = taskId()](Lock& lock) { lock.mend(me); };
+  _mutexes.mend(mend);
+  _sections.mend(mend);
 }
 
 }  // namespace ysys

@@ -22,6 +22,7 @@
 
 #include "utils/sdk/ysys.h"
 #include "ysys/fork.h"
+#include "ysys/inner_lock.h"
 
 namespace ysys {
 namespace {
@@ -32,7 +33,7 @@ constexpr size_t OPEN_STEP = size_t{1} << 20;
 
 // The numbers are offsets from base_, handed_ <= open_ <= size_; without a base all are 0.
 struct Window {
-  std::mutex mutex_;
+  InnerLock mutex_;
   char* base_ = nullptr;
   size_t size_ = 0;
   size_t open_ = 0;
@@ -81,7 +82,7 @@ bool openUpTo(size_t end) {
 }
 
 void* handOut(size_t size) {
-  const std::lock_guard<std::mutex> guard(_window.mutex_);
+  const std::lock_guard<InnerLock> guard(_window.mutex_);
   reserveWindow();
   if (size > _window.size_ - _window.handed_) return nullptr;
   if (!openUpTo(_window.handed_ + size)) return nullptr;
@@ -99,16 +100,19 @@ void* mapApart(uint64_t size) {
 
 }  // namespace
 
-void holdMemory() { _window.mutex_.lock(); }
-
-void releaseMemory(bool) { _window.mutex_.unlock(); }
+// If another task was in the middle of a request, what it was about to get is lost to the child, or
+// the window has an address but no size yet and is reserved again.
+void mendMemory() {
+  if (_window.size_ == 0) _window.base_ = nullptr;
+  _window.mutex_.mend();
+}
 
 }  // namespace ysys
 
 using namespace ysys;
 
 void YIF_MemInit(unsigned int) noexcept {
-  const std::lock_guard<std::mutex> guard(_window.mutex_);
+  const std::lock_guard<InnerLock> guard(_window.mutex_);
   reserveWindow();
 }
 

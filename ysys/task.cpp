@@ -1,22 +1,65 @@
 // task.cpp: the identity of the calling task.
 //
-// Both ids are the kernel's number of the thread: it differs among all living threads of the
-// machine, tools show it, and it is never -1. A forked child is a new task: the fork handler asks
-// again for it. Safe from any task; nothing is set up before the first call.
+// People see the kernel's number of the thread, which is below 2^22. Logic compares the id:
+// generation << 22 | number, where the generation counts the forks that led to the process. Task
+// 4711 of a program has the id 4711, and task 4711 of a child of its child 0x00801267.
+//
+// The task that forks keeps its id in the child, so it still holds there what it held. The
+// generation keeps new tasks of the child apart from it, and from the tasks that stayed in the
+// parent, whose ids may still stand in objects of the program: the kernel may give their numbers
+// again. Generations come back after 512 nested forks.
+//
+// Safe from any task; nothing is set up before the first call.
 #include "ysys/task.h"
 
 #include <unistd.h>
 
+#include "utils/sdk/platform.h"
 #include "utils/sdk/ysys.h"
+#include "ysys/fork.h"
 
 namespace ysys {
 
 constinit thread_local unsigned _taskId __attribute__((tls_model("initial-exec"))) = 0;
 
-unsigned refreshTaskId() { return _taskId = static_cast<unsigned>(gettid()); }
+namespace {
+
+constexpr unsigned NUMBER_BITS = 22;
+constexpr unsigned GENERATIONS = 1u << (31 - NUMBER_BITS);
+
+constinit thread_local unsigned _number __attribute__((tls_model("initial-exec"))) = 0;
+
+constinit unsigned _generation = 0;
+constinit unsigned _inherited = 0;  // id of the task that forked this process, 0 if it had none
+
+unsigned generationOf(unsigned id) { return id >> NUMBER_BITS; }
+
+unsigned number() {
+  if (_number == 0) _number = static_cast<unsigned>(gettid());
+  return _number;
+}
+
+}  // namespace
+
+unsigned makeTaskId() { return _taskId = _generation << NUMBER_BITS | number(); }
+
+void mendTasks() {
+  _number = 0;
+  _inherited = _taskId;
+  do {
+    _generation = (_generation + 1) % GENERATIONS;
+  } while (_inherited != 0 && _generation == generationOf(_inherited));
+}
 
 }  // namespace ysys
 
-unsigned long YIF_CurrentTaskId() noexcept { return ysys::taskId(); }
+unsigned long YIF_CurrentTaskId() noexcept { return ysys::number(); }
 
 unsigned long YIF_CurrentTaskIdCoop() noexcept { return ysys::taskId(); }
+
+int YfStayedInParent(unsigned long task) noexcept {
+  using namespace ysys;
+  mendNewChild();
+  const unsigned id = static_cast<unsigned>(task);
+  return id == task && generationOf(id) != _generation && id != _inherited ? 1 : 0;
+}

@@ -1,6 +1,7 @@
 // block.cpp: the life of the locks that block, and what is told of a violation.
 #include "utils/sdk/block.h"
 
+#include "utils/sdk/platform.h"
 #include "utils/sdk/sharers.h"
 #include "utils/sdk/trace.h"
 
@@ -39,7 +40,8 @@ YtLightBLock& YtLightBLock::operator=(const YtLightBLock& other) {
 }
 
 YtLightBLock::~YtLightBLock() {
-  if (owner_ != NOBODY) YfAssert__("owner_ == (unsigned long)-1", SOURCE, __LINE__);
+  if (owner_ != NOBODY && !YfStayedInParent(owner_))
+    YfAssert__("owner_ == (unsigned long)-1", SOURCE, __LINE__);
   if (_events.remove(event_)) YIF_DestroyEventCoop(event_);
 }
 

@@ -8,8 +8,10 @@
 //
 // YtLightBLock is a recursive lock on a cooperative event; taking a free one and giving it back are
 // one step on the event each, taking it again none. YtHeavyBLock is a critical section of the
-// system. Both may be used from any task as long as they live. A copy refers to the same system
-// object, and the last one ends it; the caller serialises copying and the ending of copies.
+// system. Both may be used from any task as long as they live. In the child of a fork the task that
+// forked holds what it held; one that another task held is free, may be taken and may end. A copy
+// refers to the same system object, and the last one ends it; the caller serialises copying and the
+// ending of copies.
 //
 //   YtLightBLock, held twice by task 2480, 64-bit: name_ 8 bytes, count_ 2, owner_ 2480, event_
 //   with no pass. Free: count_ 0, owner_ (unsigned long)-1, and one pass at the event.
@@ -100,7 +102,7 @@ struct YUTILS_EXPORT YtLightBLock {
 
   const char* name_;
   mutable int count_;            // how often the owner holds it
-  mutable unsigned long owner_;  // its id, or NOBODY
+  mutable unsigned long owner_;  // its id, NOBODY, or the id of a task that stayed in the parent
   YIF_Handle event_;             // set: free and not claimed
 };
 

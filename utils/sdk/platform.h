@@ -33,6 +33,10 @@ void YfPrintLine(std::FILE* stream, const char* format, std::va_list args) noexc
 // that the calling task reports to YfAssert__ is not printed and does not stop the process.
 void YfWithoutExhaustionReport(void (*step)(void*), void* argument) noexcept;
 
+// Returns 1 if the id, of YIF_CurrentTaskIdCoop, belongs to a task that stayed in the parent when
+// this process was forked, else 0.
+int YfStayedInParent(unsigned long task) noexcept;
+
 // Gives up the notifications of task start and end for the library that the address lies in. There
 // are none here; gives 1.
 int DisableThreadLibraryCalls(void* library) noexcept;

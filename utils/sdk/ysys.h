@@ -5,8 +5,9 @@
 // uses the library's allocation operators. All of it works from the moment the library is loaded,
 // and may be called from several tasks at once.
 //
-// After a fork the child has task ids of its own, and every lock is there and held by nobody; what
-// is set stays set.
+// In the child of a fork the task that forked keeps its identity and all that it held, as often as
+// it had entered; scopes may span the fork, and handlers of pthread_atfork may enter before it and
+// leave after it. What other tasks held is free. Set events stay set, and nobody waits.
 //
 // No operation is a cancellation point: a task that is cancelled in one finishes it, and one that
 // is cancelled while it waits goes on waiting.
@@ -27,11 +28,13 @@ extern "C" {
 
 // --- Task identity ---
 
-// The number of the calling task that people see, here and in the system's own tools.
+// The number of the calling task that people see, here and in the system's own tools. The child of
+// a fork has a new one.
 unsigned long YIF_CurrentTaskId() noexcept;
 
 // The identity of the calling task that logic compares: constant for its life, different from that
-// of every other living task, never (unsigned long)-1. May be given again after the task has ended.
+// of every other living task of the process, never (unsigned long)-1. May be given again after the
+// task has ended. The task that forks has the same one in the child.
 unsigned long YIF_CurrentTaskIdCoop() noexcept;
 
 // --- Mutexes and critical sections: recursive, a task leaves as often as it entered ---
@@ -63,7 +66,9 @@ void YIF_WaitEvent(YIF_Handle event) noexcept;
 int YIF_WaitEventTimed(YIF_Handle event, double seconds) noexcept;
 
 // The same for cooperative events, which are never reset and never waited for with a limit. There a
-// task that just comes to wait may go through in place of one that waits.
+// task that just comes to wait may go through in place of one that waits. One that is created with
+// the arguments 0 and 1 is the ticket of a lock: in the child of a fork it is clear only if the
+// task that forked went through and nobody has set it since.
 YIF_Handle YIF_CreateEventCoop(int manualReset, int initiallySet) noexcept;
 void YIF_DestroyEventCoop(YIF_Handle event) noexcept;
 void YIF_SetEventCoop(YIF_Handle event) noexcept;

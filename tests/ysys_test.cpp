@@ -88,8 +88,14 @@ class Variable {
   const char* name_;
 };
 
+// The handler of the stop may use the layer.
 void expectStop(const std::function<void()>& action, const std::string& message) {
   const auto child = runInChild([&] {
+    signal(SIGABRT, [](int) {
+      YIF_DestroyMutex(YIF_CreateMutex());
+      YIF_DestroyEvent(YIF_CreateEvent(0, 0));
+      YIF_Close(YIF_Open("/dev/null", YIF_OPEN_APPEND, 1));
+    });
     action();
     return 0;
   });
@@ -197,7 +203,7 @@ TEST(Handles, OfLivingObjectsDifferAndOldOnesDoNotComeBackSoon) {
   std::set<YIF_Handle> living, seen;
   while (living.size() < 700) living.insert(YIF_CreateEvent(0, 0));
   seen = living;
-  for (int i = 0; i < 5000; ++i) {
+  for (int i = 0; i < 16128; ++i) {
     const YIF_Handle event = YIF_CreateEvent(0, 1);
     EXPECT_TRUE(seen.insert(event).second);
     EXPECT_TRUE(event != 0 && event < 0x80000000u);
@@ -219,6 +225,7 @@ TEST(Handles, StaleAndForeignOnesAreCaught) {
   YIF_DestroyMutex(mutex);
   expectStop([&] { YIF_SetEvent(event); }, "ysys: YIF_SetEvent: 0x3");
   expectStop([&] { YIF_DestroyEvent(event); }, "ysys: YIF_DestroyEvent: 0x3");
+  expectStop([&] { YIF_DestroyMutex(mutex); }, "ysys: YIF_DestroyMutex: 0x1");
   expectStop([&] { YIF_EnterMutex(mutex); }, "ysys: YIF_EnterMutex: 0x1");
   expectStop([&] { YIF_EnterMutex(section); }, "ysys: YIF_EnterMutex: 0x2");
   expectStop([&] { YIF_WaitEvent(coop); }, "ysys: YIF_WaitEvent: 0x4");

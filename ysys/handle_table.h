@@ -8,8 +8,9 @@
 // is its handle; a freed one's is the coming turn << 22 | next freed slot: slot 5, freed again and
 // last in the queue, is 0x00bfffff. As no slot comes next to itself, only a live slot's word is
 // ever equal to a handle that leads to the slot, and one comparison tells whether a handle is good.
-// The queue keeps 256 slots waiting as long as there is memory for more, so at least 16384 others
-// are given before a handle comes back.
+// A handle comes back after its slot was taken 64 times. The queue keeps 256 slots waiting as long
+// as there is memory for more. So all but the first of these times need 256 creations each, and at
+// least 16128 other handles are given before one comes back.
 //
 // Not a container: it owns the slots and never runs over what is live, but for the fork. Looking up
 // is free of locks and safe from any task; creating and ending serialise themselves.
@@ -92,6 +93,7 @@ class HandleTable {
     return segment[index & (SEGMENT_SLOTS - 1)];
   }
   __attribute__((always_inline)) Slot* find(YIF_Handle handle);  // null if the handle is bad
+  bool endIfFound(YIF_Handle handle);
   void queueFreed(uint32_t index);
   uint32_t takeSlot();
   bool addSegment();
@@ -136,12 +138,19 @@ YIF_Handle HandleTable<T, KIND>::create(Arguments... arguments) {
 
 template <class T, Kind KIND>
 void HandleTable<T, KIND>::end(YIF_Handle handle, const char* operation) {
+  if (!endIfFound(handle)) stopForBadHandle(handle, operation);
+}
+
+// A handler for the stop may use the table, so nothing stops while the lock is held.
+template <class T, Kind KIND>
+bool HandleTable<T, KIND>::endIfFound(YIF_Handle handle) {
   const std::lock_guard<InnerLock> guard(mutex_);
   Slot* ended = find(handle);
-  if (ended == nullptr) stopForBadHandle(handle, operation);
+  if (ended == nullptr) return false;
   const uint32_t nextTurn = (handle + (1u << TURN_SHIFT)) & TURN_MASK;
   put(ended->word_, nextTurn | NO_SLOT);
   queueFreed(handle & NO_SLOT);
+  return true;
 }
 
 template <class T, Kind KIND>

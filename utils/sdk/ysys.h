@@ -18,7 +18,9 @@
 
 // A system object: a mutex, a critical section, an event, a cooperative event or a file. Opaque,
 // never 0, below 2^31; of use only to the operations of its own family, and stale once it was
-// ended. The file family alone has an invalid value, YIF_NO_FILE.
+// ended. A stale handle is recognised as such until at least 16128 more objects of its kind were
+// created; then a new object may get it (earlier only if memory for handles runs out). The file
+// family alone has an invalid value, YIF_NO_FILE.
 using YIF_Handle = unsigned int;
 
 constexpr YIF_Handle YIF_NO_FILE = 0xffffffffu;

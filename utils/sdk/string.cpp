@@ -78,6 +78,12 @@ String& String::change(Step step) {
 
 // --- Comparison ---
 
+int compareText(const char* a, std::string_view b) {
+  const std::size_t size = std::min(b.find('\0'), b.size());
+  const int result = size == 0 ? 0 : std::strncmp(a, b.data(), size);
+  return result == 0 && a[size] != '\0' ? 1 : result;
+}
+
 int String::icompare(const String& s) const {
   if (rep_ == s.rep_) return 0;
   if (rep_ && s.rep_) return strcasecmp(*this, s);

@@ -27,6 +27,9 @@
 #include <cstring>
 #include <string_view>
 #include <type_traits>
+#ifdef __cpp_impl_three_way_comparison
+#include <compare>
+#endif
 
 #include "utils/sdk/allocator.h"
 #include "utils/sdk/export.h"
@@ -194,6 +197,12 @@ struct YUTILS_EXPORT String {
   int operator<=(const char* text) const { return std::strcmp(*this, text) <= 0; }
   int operator>(const char* text) const { return !(*this <= text); }
   int operator>=(const char* text) const { return !(*this < text); }
+#ifdef __cpp_impl_three_way_comparison
+  // Equivalent texts may differ after a NUL, so the order is weak.
+  std::weak_ordering operator<=>(const String& s) const { return compare(s) <=> 0; }
+  std::weak_ordering operator<=>(const char* text) const { return std::strcmp(*this, text) <=> 0; }
+  std::weak_ordering operator<=>(std::nullptr_t) const = delete;
+#endif
 
   String& operator+=(const String& s);   // shares s where there is no representation yet
   String& operator+=(const char* text);  // null adds nothing
@@ -344,12 +353,49 @@ Text operator+(StringChar a, const Text& b) {
   return static_cast<char>(a) + b;
 }
 
-inline int operator==(const char* a, const String& b) { return b == a; }
-inline int operator!=(const char* a, const String& b) { return b != a; }
-inline int operator<(const char* a, const String& b) { return b > a; }
-inline int operator<=(const char* a, const String& b) { return b >= a; }
-inline int operator>(const char* a, const String& b) { return b < a; }
-inline int operator>=(const char* a, const String& b) { return b <= a; }
+// What converts to a String, as the left operand of a comparison.
+struct StringOperand {
+  template <class T, class = std::enable_if_t<std::is_convertible_v<const T&, String> &&
+                                              !std::is_same_v<T, SubString>>>
+  StringOperand(const T& value) : string_(value) {}
+
+  const String string_;
+};
+
+// As strcmp, of the view up to its first NUL.
+YUTILS_EXPORT int compareText(const char* a, std::string_view b);
+
+// Comparison with what is not a String, in both orders, by the rule of String::compare. A literal 0
+// is a null pointer to one overload as to another, so it is refused as nullptr is. None of them may
+// be left to the language, which takes no int from an operator whose operands it has exchanged.
+#define YUTILS_COMPARE_STRINGS(OP)                                                           \
+  inline int operator OP(const char* a, const String& b) { return std::strcmp(a, b) OP 0; }  \
+  inline int operator OP(const StringOperand& a, const String& b) { return a.string_ OP b; } \
+  inline int operator OP(const StringOperand& a, const char* b) { return a.string_ OP b; }   \
+  int operator OP(std::nullptr_t, const String&) = delete;                                   \
+  int operator OP(const String&, std::nullptr_t) = delete;                                   \
+  template <class Text, class = std::enable_if_t<std::is_same_v<Text, String>>>              \
+  int operator OP(const Text& a, std::string_view b) {                                       \
+    return compareText(a, b) OP 0;                                                           \
+  }                                                                                          \
+  template <class Text, class = std::enable_if_t<std::is_same_v<Text, String>>>              \
+  int operator OP(std::string_view a, const Text& b) {                                       \
+    return 0 OP compareText(b, a);                                                           \
+  }
+YUTILS_COMPARE_STRINGS(==)
+YUTILS_COMPARE_STRINGS(!=)
+YUTILS_COMPARE_STRINGS(<)
+YUTILS_COMPARE_STRINGS(<=)
+YUTILS_COMPARE_STRINGS(>)
+YUTILS_COMPARE_STRINGS(>=)
+#undef YUTILS_COMPARE_STRINGS
+
+#ifdef __cpp_impl_three_way_comparison
+template <class Text, class = std::enable_if_t<std::is_same_v<Text, String>>>
+std::weak_ordering operator<=>(const Text& a, std::string_view b) {
+  return compareText(a, b) <=> 0;
+}
+#endif
 
 // A range of a text, for the SubStrings that view it.
 struct YUTILS_EXPORT SubStringRep {
@@ -427,9 +473,11 @@ struct YUTILS_EXPORT SubString {
   int operator==(const SubString& s) const;
   int operator==(const char* text) const;
   int operator==(const String& s) const;
+  int operator==(std::nullptr_t) const = delete;
   int operator!=(const SubString& s) const { return !(*this == s); }
   int operator!=(const char* text) const { return !(*this == text); }
   int operator!=(const String& s) const { return !(*this == s); }
+  int operator!=(std::nullptr_t) const = delete;
 
   // The sign tells where the argument stands against this range, the reverse of String::compare.
   // Only as many characters as the range has are looked at.

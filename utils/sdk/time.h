@@ -12,6 +12,10 @@
 // numbers towards zero: -1 / 3 is -21845 steps, and -1 step times half a unit is -1 step.
 #pragma once
 
+#ifdef __cpp_impl_three_way_comparison
+#include <compare>
+#endif
+
 #include "utils/sdk/export.h"
 
 namespace Utils {
@@ -71,6 +75,12 @@ struct YUTILS_EXPORT Time {
   bool operator<=(float f) const { return *this <= Time(f); }
   bool operator>(float f) const { return *this > Time(f); }
   bool operator>=(float f) const { return *this >= Time(f); }
+
+#ifdef __cpp_impl_three_way_comparison
+  std::strong_ordering operator<=>(const Time& t) const { return value_ <=> t.value_; }
+  std::strong_ordering operator<=>(int i) const { return *this <=> Time(i); }
+  std::strong_ordering operator<=>(float f) const { return *this <=> Time(f); }
+#endif
 
   static Time tmin() { return Time(-TMAX - 1, true); }  // -2147483648
   static Time tmax() { return Time(TMAX, true); }       // one step below 2147483648

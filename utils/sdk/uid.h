@@ -14,6 +14,9 @@
 // other task is changing.
 #pragma once
 
+#ifdef __cpp_impl_three_way_comparison
+#include <compare>
+#endif
 #include <ctime>
 
 #include "utils/sdk/export.h"
@@ -49,6 +52,9 @@ struct YUTILS_EXPORT UID {
   int operator<=(const UID& other) const { return compare(other) >= 0; }
   int operator>(const UID& other) const { return compare(other) < 0; }
   int operator>=(const UID& other) const { return compare(other) <= 0; }
+#ifdef __cpp_impl_three_way_comparison
+  std::strong_ordering operator<=>(const UID& other) const { return 0 <=> compare(other); }
+#endif
 
   // Goes into the identifiers made from then on. 0 stands for the default, 0xC0D1F1ED.
   static void ourMachineNum(unsigned n) { ourMachineNum_ = n; }

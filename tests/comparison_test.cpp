@@ -155,4 +155,35 @@ TEST(Comparison, SortsAndFinds) {
   EXPECT_EQ(words, (std::vector<String>{"apple", "fig", "fig", "kiwi", "pear"}));
 }
 
+// --- What must not compile ---
+
+template <class T, class Use>
+constexpr bool compiles(Use) {
+  return std::is_invocable_v<Use, T&>;
+}
+#define COMPILES(T, EXPRESSION) compiles<T>([](auto& x) -> decltype(void(EXPRESSION)) {})
+
+// A literal 0 is a null pointer wherever a pointer can be meant.
+static_assert(!COMPILES(String, x == 0) && COMPILES(String, x == ""));
+static_assert(!COMPILES(String, NULL != x) && COMPILES(String, "" != x));
+static_assert(!COMPILES(String, x < nullptr) && COMPILES(String, x < ""));
+static_assert(!COMPILES(String, x + 0) && COMPILES(String, x + ""));
+static_assert(!COMPILES(String, NULL + x) && COMPILES(String, nullptr + x));
+static_assert(!COMPILES(String, x.index(0, 0)) && COMPILES(String, x.index("", 0)));
+static_assert(!COMPILES(String, x.indexChar(0, 0)) && COMPILES(String, x.indexChar("", 0)));
+static_assert(!COMPILES(String, x.rindexChar(0, 0)) && COMPILES(String, x.rindexChar("", 0)));
+static_assert(!COMPILES(String, x.startsWith(0)) && COMPILES(String, x.startsWith('a')));
+static_assert(!COMPILES(String, x.icompare(0)) && COMPILES(String, x.icompare("")));
+static_assert(!COMPILES(String, x.substitute(0, "")) && COMPILES(String, x.substitute("", "")));
+static_assert(!COMPILES(String, x.substitute("", NULL)));
+static_assert(!COMPILES(String, x(0) == 0) && COMPILES(String, x(0) == ""));
+static_assert(!COMPILES(String, x(0).compare(0)) && COMPILES(String, x(0).compare("")));
+static_assert(!COMPILES(String, x(0).icompare(0)) && COMPILES(String, x(0).icompare("")));
+
+using Numbers = Utils::Vector<int>;
+static_assert(!COMPILES(Numbers, x.remove(0, 25)) && COMPILES(Numbers, x.remove(&x[0], 25)));
+static_assert(!COMPILES(Numbers, x.add(0, 25)) && COMPILES(Numbers, x.add(nullptr, 0)));
+static_assert(!COMPILES(Numbers, x.insert(0, 1, 2)) && COMPILES(Numbers, x.insert(0, 1)));
+static_assert(!COMPILES(Numbers, x.compare(0, 1)) && COMPILES(Numbers, x.compare(&x[0], 1)));
+
 }  // namespace

@@ -152,6 +152,7 @@ struct YUTILS_EXPORT StringChar {
   unsigned index_;
 };
 
+// Operations that read a text have a deleted overload for nullptr, which refuses a literal 0 too.
 struct YUTILS_EXPORT String {
   String() : rep_(nullptr) {}
   String(const String& s) : rep_(s.rep_) {
@@ -185,6 +186,7 @@ struct YUTILS_EXPORT String {
   int compare(const String& s) const;
   int icompare(const String& s) const;   // upper and lower case are one, in the current locale
   int icompare(const char* text) const;  // -1 without a representation, whatever the text
+  int icompare(std::nullptr_t) const = delete;
   int operator==(const String& s) const;
   int operator!=(const String& s) const { return !(*this == s); }
   int operator<(const String& s) const { return compare(s) < 0; }
@@ -242,17 +244,22 @@ struct YUTILS_EXPORT String {
   unsigned index(const char* search, unsigned from) const {
     return rep_ ? rep_->index(search, from) : StringRep::NOT_FOUND;
   }
+  unsigned index(std::nullptr_t, unsigned) const = delete;
   // The first at or behind, the last at or before `from`, whose character is in the set; every set
   // has the NUL. Backwards 0xffffffff stands for the end.
   unsigned indexChar(const char* set, unsigned from) const;
+  unsigned indexChar(std::nullptr_t, unsigned) const = delete;
   unsigned rindexChar(const char* set, unsigned from) const;
+  unsigned rindexChar(std::nullptr_t, unsigned) const = delete;
   unsigned rindex(char c) const;
   unsigned strrchr(char c) const { return rindex(c); }
   bool startsWith(const String& s) const;
   bool startsWith(const char* text) const;
+  bool startsWith(std::nullptr_t) const = delete;
   // The next token at or behind `from`, from start up to but without end; the caller goes on at
   // end. False when there is none; start is then the size, unless from was past it already.
   bool tokSpan(const char* delimiters, unsigned from, unsigned& start, unsigned& end) const;
+  bool tokSpan(std::nullptr_t, unsigned, unsigned&, unsigned&) const = delete;
 
   // A position past the end is reached with blanks. The source is the count bytes at text + from,
   // or those of s, which must be there; a null text has none.
@@ -265,6 +272,8 @@ struct YUTILS_EXPORT String {
   String& truncate(unsigned n) { return remove(n, size()); }
   // Every occurrence, from left to right and never in what was put in. An empty search has none.
   String substitute(const char* search, const char* with);
+  String substitute(std::nullptr_t, const char*) = delete;
+  String substitute(const char*, std::nullptr_t) = delete;
   String reverse();
   String& toUpper();
   String& toLower();
@@ -333,6 +342,15 @@ struct YUTILS_EXPORT String {
 YUTILS_EXPORT String operator+(const String& a, const String& b);
 YUTILS_EXPORT String operator+(const String& a, const char* b);  // a null b adds nothing
 YUTILS_EXPORT String operator+(const char* a, const String& b);
+
+template <class T>
+struct IsNumber : std::bool_constant<std::is_integral_v<T> && !std::is_same_v<T, char>> {};
+
+// A literal 0 would be a null text. Every other number is ambiguous.
+template <class Number, class = std::enable_if_t<IsNumber<Number>::value>, class = void>
+String operator+(const String& a, Number b) = delete;
+template <class Number, class = std::enable_if_t<IsNumber<Number>::value>, class = void>
+String operator+(Number a, const String& b) = delete;
 
 // Characters as they are. Without these, s + t[0] would be an address; as templates they take
 // nothing else, so that t[0] + 1 stays a number.
@@ -482,9 +500,11 @@ struct YUTILS_EXPORT SubString {
   // The sign tells where the argument stands against this range, the reverse of String::compare.
   // Only as many characters as the range has are looked at.
   int compare(const char* text) const { return rep_ ? rep_->compare(text) : 0; }
+  int compare(std::nullptr_t) const = delete;
   int compare(const String& s) const { return compare(static_cast<const char*>(s)); }
   int compare(const SubString& s) const;
   int icompare(const char* text) const { return rep_ ? rep_->icompare(text) : 0; }
+  int icompare(std::nullptr_t) const = delete;
   int icompare(const String& s) const { return icompare(static_cast<const char*>(s)); }
   int icompare(const SubString& s) const;
 

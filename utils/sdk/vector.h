@@ -157,7 +157,11 @@ struct YUTILS_EXPORT Vector : VectorBase {
 
   // The rest is told at VectorBase.
 
+  // Where elements are passed by address, a number is no address: a literal 0 is refused.
+
   void add(const T* items, unsigned count) { VectorBase::add(items, count, coreOps(), this); }
+  template <class Number, class = std::enable_if_t<std::is_integral_v<Number>>>
+  void add(Number, unsigned) = delete;
   void insert(const T& item, unsigned index) {
     if constexpr (areBytes()) {
       if (index < size_ && size_ < capacity_) return insertInPlace(item, index);
@@ -167,6 +171,8 @@ struct YUTILS_EXPORT Vector : VectorBase {
   void insert(const T* items, unsigned count, unsigned index) {
     VectorBase::insert(items, count, index, coreOps(), this);
   }
+  template <class Number, class = std::enable_if_t<std::is_integral_v<Number>>>
+  void insert(Number, unsigned, unsigned) = delete;
 
   bool locate(const T& item, unsigned& index) const {
     static_assert(HasEquality<T>::value, "elements without == cannot be found");
@@ -176,6 +182,8 @@ struct YUTILS_EXPORT Vector : VectorBase {
     static_assert(HasEquality<T>::value, "elements without == cannot be compared");
     return VectorBase::compare(items, count, coreOps(), this);
   }
+  template <class Number, class = std::enable_if_t<std::is_integral_v<Number>>>
+  int compare(Number, unsigned) const = delete;
 
   bool removeAt(unsigned i) {
     if constexpr (areBytes()) {
@@ -196,6 +204,8 @@ struct YUTILS_EXPORT Vector : VectorBase {
     static_assert(HasEquality<T>::value, "elements without == cannot be found");
     return VectorBase::remove(items, count, coreOps(), this);
   }
+  template <class Number, class = std::enable_if_t<std::is_integral_v<Number>>>
+  bool remove(Number, unsigned) = delete;  // removeAt(from, to) removes by position
 
   void sizeTo(unsigned n) { VectorBase::sizeTo(n, coreOps(), this); }
   void sizeToExact(unsigned n) { VectorBase::sizeToExact(n, coreOps(), this); }

@@ -6,6 +6,7 @@
 
 #include "gmock/gmock.h"
 #include "support/assertion_recorder.h"
+#include "support/huge_text.h"
 #include "support/system_memory.h"
 #include "utils/sdk/alloc.h"
 
@@ -101,6 +102,11 @@ TEST(Problem, KeepsUpTo511Characters) {
     const Problem problem("%s", text.c_str());
     EXPECT_EQ(problem.msg(), text.substr(0, 511)) << length;
     EXPECT_EQ(held() - before, length < 25 ? 32u : 1024u) << "one block of the text's own size";
+  }
+  const HugeText huge;
+  for (const char* format : {"%s", "%-3s"}) {
+    const Problem problem(format, huge.get() ? huge.get() : std::string(600, 'x').c_str());
+    EXPECT_EQ(problem.msg(), std::string(511, 'x'));
   }
   EXPECT_EQ(held(), before);
 }

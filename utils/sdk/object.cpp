@@ -2,9 +2,9 @@
 #include "utils/sdk/object.h"
 
 #include <cstdarg>
-#include <cstdio>
 #include <new>
 
+#include "utils/sdk/bounded_text.h"
 #include "utils/sdk/text_copy.h"
 
 namespace Utils {
@@ -19,7 +19,7 @@ Problem::Problem(const char* format, ...) {
   char text[512];
   std::va_list arguments;
   va_start(arguments, format);
-  if (std::vsnprintf(text, sizeof text, format, arguments) < 0) text[0] = '\0';
+  if (expandText(text, sizeof text, format ? format : "", arguments) < 0) text[0] = '\0';
   va_end(arguments);
   msg_ = copyOfText(text);
 }

@@ -1,0 +1,234 @@
+// bounded_text.cpp: plain directives are expanded here, all others by the runtime library.
+//
+// The runtime library works out the length of the whole text, at some nanoseconds a byte, and fails
+// if it is above INT_MAX, although the room has long been full. So it is given a copy of the format
+// whose directives are limited: for a room of 479 bytes "%s" becomes "%.479s", "%700s" becomes
+// "%700.700s" and "%3000000000d" becomes "%1000000d".
+#include "utils/sdk/bounded_text.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "utils/sdk/decimal.h"
+#include "utils/sdk/kept_errno.h"
+
+namespace Utils {
+
+namespace {
+
+// --- Plain directives ---
+
+struct QuickText {
+  bool expand(const char* format, std::va_list& args);
+  bool directive(const char*& format, std::va_list& args);
+  std::size_t rest() const { return static_cast<std::size_t>(end_ - at_); }
+  void put(const char* text, std::size_t size) {
+    size = std::min(size, rest());
+    std::memcpy(at_, text, size);
+    at_ += size;
+  }
+  void putNumber(unsigned long number, bool isNegative = false) {
+    if (isNegative) {
+      put("-", 1);
+      number = 0ul - number;
+    }
+    const unsigned digits = decimalSize(number);
+    if (digits > rest()) return putCutNumber(number, digits);
+    putDecimal(at_, number, digits);
+    at_ += digits;
+  }
+  void putCutNumber(unsigned long number, unsigned digits) {
+    char text[3 * sizeof number];
+    putDecimal(text, number, digits);
+    put(text, digits);
+  }
+
+  char* at_;
+  char* const end_;
+};
+
+// False where it meets anything else; the runtime library then begins anew.
+bool QuickText::expand(const char* format, std::va_list& args) {
+  while (const char* percent = std::strchr(format, '%')) {
+    put(format, static_cast<std::size_t>(percent - format));
+    format = percent + 1;
+    if (!directive(format, args)) return false;
+  }
+  put(format, std::strlen(format));
+  return true;
+}
+
+bool QuickText::directive(const char*& format, std::va_list& args) {
+  switch (*format++) {
+    case '%':
+      put("%", 1);
+      return true;
+    case 's': {
+      const char* text = va_arg(args, const char*);
+      if (text) put(text, strnlen(text, rest()));
+      return text != nullptr;
+    }
+    case 'd': {
+      const int number = va_arg(args, int);
+      putNumber(static_cast<unsigned long>(number), number < 0);
+      return true;
+    }
+    case 'u':
+      putNumber(va_arg(args, unsigned));
+      return true;
+    case 'l':
+      break;
+    default:
+      return false;
+  }
+  switch (*format++) {
+    case 'd': {
+      const long number = va_arg(args, long);
+      putNumber(static_cast<unsigned long>(number), number < 0);
+      return true;
+    }
+    case 'u':
+      putNumber(va_arg(args, unsigned long));
+      return true;
+    default:
+      return false;
+  }
+}
+
+// --- All others ---
+
+// A copy of a format in which widths and texts are limited, to what a room does not show and to
+// what all directives together may give. What a `*` takes from an argument is left to the argument.
+struct LimitedFormat {
+  LimitedFormat(const char* format, unsigned roomSize);
+  ~LimitedFormat() {
+    if (text_ != room_) std::free(text_);
+  }
+  LimitedFormat(const LimitedFormat&) = delete;
+  LimitedFormat& operator=(const LimitedFormat&) = delete;
+
+  // With the first `directives` of the format. Without memory for it the format itself.
+  const char* copy(unsigned directives);
+
+  unsigned directives_ = 0;  // or more
+
+ private:
+  static constexpr unsigned LARGEST = 1000000;
+  static constexpr unsigned SMALLEST = 64;  // more than "(null)" has
+  static constexpr unsigned LONGEST = 8;    // a point and its digits
+
+  const char* copyDirective(const char* from);
+  const char* copyNumber(const char* from, unsigned& number);
+  const char* copyRun(const char* from, const char* set) {
+    return copyBytes(from, std::strspn(from, set));
+  }
+  const char* copyBytes(const char* from, std::size_t count) {
+    at_ = static_cast<char*>(std::memcpy(at_, from, count)) + count;
+    return from + count;
+  }
+  void put(unsigned number) {
+    const unsigned digits = decimalSize(number);
+    putDecimal(at_, number, digits);
+    at_ += digits;
+  }
+
+  const char* const format_;
+  const unsigned roomSize_;
+  unsigned limit_;
+  char* text_ = room_;
+  char* at_ = nullptr;
+  char room_[512];
+};
+
+constexpr char DIGITS[] = "0123456789";
+
+LimitedFormat::LimitedFormat(const char* format, unsigned roomSize)
+    : format_(format), roomSize_(roomSize) {
+  const char* end = format;
+  for (; *end != '\0'; end++) directives_ += *end == '%';
+  limit_ = std::max(roomSize, std::min(LARGEST, INT_MAX / 2 / (directives_ + 1)));
+  const std::size_t size =
+      static_cast<std::size_t>(end - format) + std::size_t{directives_} * LONGEST + 1;
+  if (size > sizeof room_) text_ = static_cast<char*>(std::malloc(size));
+}
+
+const char* LimitedFormat::copy(unsigned directives) {
+  if (!text_) return format_;
+  at_ = text_;
+  for (const char* from = format_; *from != '\0';) {
+    const bool isDirective = *from == '%' && from[1] != '%';
+    if (isDirective && directives-- == 0) break;
+    from = isDirective ? copyDirective(from) : copyBytes(from, *from == '%' ? 2 : 1);
+  }
+  *at_ = '\0';
+  return text_;
+}
+
+// %[position$][flags][width][.precision][size of the type]type
+const char* LimitedFormat::copyDirective(const char* from) {
+  from = copyBytes(from, 1);
+  const std::size_t position = std::strspn(from, DIGITS);
+  if (from[position] == '$') from = copyBytes(from, position + 1);
+  unsigned width = 0, precision = 0;
+  from = copyNumber(copyRun(from, " +-#0'I"), width);
+  const bool hasPrecision = *from == '.';
+  if (hasPrecision) from = copyNumber(copyBytes(from, 1), precision);
+  const std::size_t typeSize = std::strspn(from, "hlLqjztZ");
+  const char type = from[typeSize];
+  if (!hasPrecision && (type == 's' || type == 'S')) {
+    *at_++ = '.';
+    put(std::max({roomSize_, width, SMALLEST}));
+  }
+  return copyBytes(from, typeSize + (type != '\0'));
+}
+
+// A width or a precision, which may be missing. Takes a `*` for the largest.
+const char* LimitedFormat::copyNumber(const char* from, unsigned& number) {
+  number = limit_;
+  if (*from == '*') return copyRun(copyRun(copyBytes(from, 1), DIGITS), "$");
+  const std::size_t size = std::strspn(from, DIGITS);
+  if (size == 0) {
+    number = 0;
+  } else {
+    number =
+        static_cast<unsigned>(std::min<unsigned long>(std::strtoul(from, nullptr, 10), limit_));
+    put(number);
+  }
+  return from + size;
+}
+
+// Where an argument makes a directive too long, the text ends before it.
+int expandLimited(char* room, unsigned size, const char* format, std::va_list args) {
+  const KeptErrno kept;
+  LimitedFormat limited(format, size);
+  for (unsigned directives = limited.directives_;; directives--) {
+    const char* copy = limited.copy(directives);
+    std::va_list again;
+    va_copy(again, args);
+    kept.putBack();
+    const int result = std::vsnprintf(room, size, copy, again);
+    va_end(again);
+    if (result >= 0) return static_cast<int>(std::strlen(room));
+    if (errno != EOVERFLOW || directives == 0 || copy == format) return -1;
+  }
+}
+
+}  // namespace
+
+int expandText(char* room, unsigned size, const char* format, std::va_list args) {
+  QuickText quick{room, room + size - 1};
+  std::va_list again;
+  va_copy(again, args);
+  const bool done = quick.expand(format, again);
+  va_end(again);
+  if (done) {
+    *quick.at_ = '\0';
+    return static_cast<int>(quick.at_ - room);
+  }
+  return expandLimited(room, size, format, args);
+}
+
+}  // namespace Utils

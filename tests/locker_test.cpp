@@ -1,7 +1,12 @@
 // The exact order of lines and system calls, who ends what is shared, and real contention.
 #include "utils/sdk/locker.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <memory>
 
 #include "gmock/gmock.h"
@@ -9,6 +14,8 @@
 #include "support/contention.h"
 #include "support/failing_allocator.h"
 #include "support/system_calls.h"
+#include "support/temporary_directory.h"
+#include "utils/sdk/platform.h"
 
 // --- The system's operations, noted ---
 
@@ -187,6 +194,85 @@ TYPED_TEST(Locks, ComeAndGoWhileOthersAreCopied) {
   });
 }
 
+// --- Lines from many tasks ---
+
+std::atomic<unsigned> _shown{0};  // on the debugger channel and on screen
+
+struct Loops {
+  static constexpr unsigned TASKS = 4, TIMES = 300;
+
+  // Tells of itself while it holds both locks.
+  void run() {
+    const unsigned task = tasks_++;
+    for (unsigned i = 0; i < TIMES; i++) {
+      const Locker outer(&mutex_, "a.cpp", 1);
+      const Locker inner(&section_, "a.cpp", 2);
+      Log::theLog()->print(Info, "many", -1, "f", 1, formatOf(i).c_str(), task, i);
+    }
+  }
+  static std::string formatOf(unsigned i) { return "%u %u" + std::string(i * 5, 'x'); }
+
+  std::atomic<unsigned> tasks_{0};
+  Mutex mutex_;
+  CriticalSection section_;
+};
+
+// Gives how many lines were let through.
+unsigned printFromManyTasks(Logger* sink) {
+  Log& hub = *Log::theLog();
+  hub.getCategory("many");
+  Loops loops;
+  hub.setLogger(sink);
+  hub.getCategory("utils", 2, true);
+  hub.resetLogStats();
+  inTasks(Loops::TASKS, [&] { loops.run(); });
+  unsigned errors, warnings, infos, debugs;
+  hub.logStats(errors, warnings, infos, debugs);
+  EXPECT_EQ(infos, Loops::TASKS * Loops::TIMES);
+  EXPECT_EQ(debugs, 10 * infos);
+  hub.setLogger(nullptr);
+  hub.getCategory("utils", 0, false);
+  return infos + debugs;
+}
+
+TEST(ManyTasks, PrintToEverySink) {
+  EXPECT_NE(printFromManyTasks(new NullLogger), 0u);
+  for (Logger* sink :
+       {static_cast<Logger*>(new SystemLogger(nullptr)), static_cast<Logger*>(new DialogLogger)}) {
+    _shown = 0;
+    const unsigned lines = printFromManyTasks(sink);
+    EXPECT_EQ(_shown, lines);
+  }
+  const TemporaryDirectory directory;
+  std::fflush(stdout);
+  const int former = dup(STDOUT_FILENO);
+  dup2(open(directory.write("out", "").c_str(), O_WRONLY | O_APPEND), STDOUT_FILENO);
+  const unsigned lines = printFromManyTasks(new StdLogger(StdLogger::Stdout));
+  dup2(former, STDOUT_FILENO);
+  const std::string text = directory.read("out");
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), lines);
+}
+
+TEST(ManyTasks, LoseAndTearNoLineOfAFile) {
+  const TemporaryDirectory directory;
+  const unsigned lines =
+      printFromManyTasks(new FileLogger(directory.pathOf("log").c_str(), FileLogger::Append));
+  std::ifstream file(directory.pathOf("log"));
+  unsigned found = 0, next[Loops::TASKS] = {};
+  for (std::string line; std::getline(file, line); found++) {
+    unsigned task, i;
+    if (std::sscanf(line.c_str(), "info|many|%u %u", &task, &i) == 2) {
+      ASSERT_EQ(i, next[task]++);
+      const std::string text = "info|many|" + std::to_string(task) + " " + std::to_string(i);
+      ASSERT_EQ(line, (text + Loops::formatOf(i).substr(5)).substr(0, 478) + "\r");
+    } else {
+      ASSERT_THAT(line, testing::MatchesRegex("debug.2.\\|utils\\|2480 [^|]+\r"));
+    }
+  }
+  EXPECT_EQ(found, lines);
+  EXPECT_THAT(next, testing::Each(Loops::TIMES));
+}
+
 TEST(Lockers, ThatAreAssignedEnterAndLeaveNothing) {
   Mutex first, second;
   {
@@ -201,3 +287,10 @@ TEST(Lockers, ThatAreAssignedEnterAndLeaveNothing) {
 }
 
 }  // namespace
+
+void OutputDebugStringA(const char*) noexcept { _shown++; }
+
+int MessageBoxA(void*, const char*, const char*, unsigned int) noexcept {
+  _shown++;
+  return 1;
+}

@@ -104,8 +104,9 @@ TEST(Problem, KeepsUpTo511Characters) {
     EXPECT_EQ(held() - before, length < 25 ? 32u : 1024u) << "one block of the text's own size";
   }
   const HugeText huge;
-  for (const char* format : {"%s", "%-3s"}) {
-    const Problem problem(format, huge.get() ? huge.get() : std::string(600, 'x').c_str());
+  ASSERT_NE(huge.get(), nullptr);
+  for (const char* format : {"%s%s%s", "%-3s%s%s"}) {
+    const Problem problem(format, huge.get(), huge.get(), huge.get());
     EXPECT_EQ(problem.msg(), std::string(511, 'x'));
   }
   EXPECT_EQ(held(), before);

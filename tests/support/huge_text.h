@@ -1,4 +1,5 @@
-// huge_text.h: a text of more than INT_MAX characters, all 'x', that takes 2 MiB of memory.
+// huge_text.h: a text of which three have more than INT_MAX characters, all 'x', in 2 MiB of
+// memory.
 #pragma once
 
 #include <sys/mman.h>
@@ -31,7 +32,7 @@ class HugeText {
 
  private:
   static constexpr std::size_t PIECE = std::size_t{1} << 21;
-  static constexpr std::size_t SIZE = (std::size_t{1} << 31) + PIECE;
+  static constexpr std::size_t SIZE = (std::size_t{3} << 28) + PIECE;
 
   char* text_ = nullptr;
 };

@@ -4,9 +4,10 @@
 // through (ysys.h). Not a lock: nobody owns it. Its birth and its end can be followed in the log,
 // category "utils", level 0.
 //
-// Set, reset and the waits may be called from any task as long as the event lives. A copy refers to
-// the same system event, and the last one ends it; the caller serialises the copying and ending of
-// copies, and of Refs.
+// Set, reset and the waits may be called from any task as long as the event lives; events are
+// created and destroyed in any task too, with their lines on while nobody changes the hub (log.h).
+// A copy refers to the same system event, and the last one ends it; the caller serialises the
+// copying and ending of copies, and of Refs.
 #pragma once
 
 #include "utils/sdk/export.h"

@@ -4,16 +4,17 @@
 // what the header tells is written such that a format gives it back.
 #include "utils/sdk/log.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 
 #include "utils/sdk/decimal.h"
 #include "utils/sdk/kept_errno.h"
 #include "utils/sdk/load_order.h"
-#include "utils/sdk/string.h"
 #include "utils/sdk/text_copy.h"
 
 namespace Utils {
@@ -188,52 +189,59 @@ const char* Log::getCategory(unsigned cat) {
 
 namespace {
 
-// A format in the making. It stays on the stack as long as it is short.
+// A format in the making. It stays on the stack as long as it is short, and never comes from the
+// process allocator: several tasks may make lines at once.
 struct Line {
+  Line() = default;
+  Line(const Line&) = delete;
+  Line& operator=(const Line&) = delete;
+  ~Line() { std::free(block_); }
+
   void add(const char* text, std::size_t size) {
-    while (size > sizeof room_ - used_) {
-      const std::size_t fits = sizeof room_ - used_;
-      put(text, fits);
-      spill();
-      text += fits;
-      size -= fits;
-    }
-    put(text, size);
+    if (char* at = extend(size)) std::memcpy(at, text, size);
   }
   void add(const char* text) { add(text, std::strlen(text)); }
   void add(char c) {
-    if (used_ == sizeof room_) spill();
-    room_[used_++] = c;
+    if (char* at = extend(1)) *at = c;
   }
   void addSafely(const char* text);
-  void add(unsigned long number, unsigned digits);
+  void add(unsigned long number, unsigned digits) {
+    if (char* at = extend(digits)) putDecimal(at, number, digits);
+  }
   void add(unsigned long number) { add(number, decimalSize(number)); }
   void addSeconds(double seconds);
 
   // The whole; null when there was no memory for it. Valid as long as this.
   const char* text() {
     add('\0');
-    if (start_.size() == 0 && !failed_) return room_;
-    spill();
-    return failed_ ? nullptr : static_cast<const char*>(start_);
+    return text_;
   }
 
  private:
-  void put(const char* text, std::size_t size) {
-    std::memcpy(room_ + used_, text, size);
+  // Room for that many bytes more; null without memory, then and from then on.
+  char* extend(std::size_t size) {
+    if (!text_ || (size > capacity_ - used_ && !grow(size))) return nullptr;
     used_ += size;
+    return text_ + used_ - size;
   }
-  void spill() {
-    const unsigned size = start_.size() + static_cast<unsigned>(used_);
-    failed_ = failed_ || start_.append(room_, static_cast<unsigned>(used_)).size() != size;
-    used_ = 0;
-  }
+  bool grow(std::size_t size);
 
-  String start_;  // what did not stay in the room
-  bool failed_ = false;
   std::size_t used_ = 0;
+  std::size_t capacity_ = sizeof room_;
+  char* text_ = room_;
+  char* block_ = nullptr;  // what text_ is once the room does not suffice
   char room_[512];
 };
+
+bool Line::grow(std::size_t size) {
+  const std::size_t wanted = std::max(2 * capacity_, used_ + size);
+  text_ = static_cast<char*>(std::realloc(block_, wanted));
+  if (!text_) return false;
+  if (!block_) std::memcpy(text_, room_, used_);
+  block_ = text_;
+  capacity_ = wanted;
+  return true;
+}
 
 // A text such that a format gives it back.
 void Line::addSafely(const char* text) {
@@ -244,12 +252,6 @@ void Line::addSafely(const char* text) {
     text = percent + 1;
   }
   add(text);
-}
-
-void Line::add(unsigned long number, unsigned digits) {
-  if (sizeof room_ - used_ < digits) spill();
-  putDecimal(room_ + used_, number, digits);
-  used_ += digits;
 }
 
 // As "%f" writes it where the decimal point is a point. From 2^9 to 2^32 - 1 the fraction has no
@@ -319,20 +321,34 @@ bool Log::willPrint(MessageClass cls, const char* category, int level) {
   return willPrint(cls, find(category ? category : ""), level);
 }
 
-// The sink is held, since what it does may change the hub.
+// Holds a sink while it prints, since what it does may change the hub. Several tasks may do that at
+// once; so the count is changed in one step, which a Ref does not do.
+struct SinkHold {
+  explicit SinkHold(Logger* sink) : sink_(sink) {
+    __atomic_fetch_add(&sink_->refCount_, 1, __ATOMIC_RELAXED);
+  }
+  ~SinkHold() {
+    if (__atomic_sub_fetch(&sink_->refCount_, 1, __ATOMIC_ACQ_REL) == 0) delete sink_;
+  }
+  SinkHold(const SinkHold&) = delete;
+  SinkHold& operator=(const SinkHold&) = delete;
+
+  Logger* const sink_;
+};
+
 void Log::printAux(MessageClass cls, unsigned cat, int level, const char* file, unsigned line,
                    const char* format, std::va_list& args) {
   if (!willPrint(cls, cat, level)) return;
   const KeptErrno kept;
-  classes_[cls].count_++;
-  const Ref<Logger> sink = classes_[cls].logger_;
+  __atomic_fetch_add(&classes_[cls].count_, 1, __ATOMIC_RELAXED);
+  const SinkHold hold(classes_[cls].logger_.operator->());
   Line text;
   itemHeader(classes_[cls].name_, categories_[cat]->name_, level, file, line, text, verbosity_);
   text.add('|');
   text.add(format ? format : "");
   if (const char* whole = text.text()) {
     kept.putBack();
-    sink->print(cls, whole, args);
+    hold.sink_->print(cls, whole, args);
   }
 }
 
@@ -388,13 +404,14 @@ unsigned Log::verbosity(unsigned cat) const {
 }
 
 void Log::resetLogStats() {
-  for (LogClass& counted : classes_) counted.count_ = 0;
+  for (LogClass& counted : classes_) __atomic_store_n(&counted.count_, 0, __ATOMIC_RELAXED);
 }
 
 void Log::logStats(unsigned& errors, unsigned& warnings, unsigned& infos, unsigned& debugs) const {
   unsigned* const counts[CLASSES] = {&errors, &warnings, &infos, &debugs};
   for (unsigned cls = 0; cls < CLASSES; cls++)
-    *counts[cls] = cls < classes_.size() ? classes_[cls].count_ : 0;
+    *counts[cls] =
+        cls < classes_.size() ? __atomic_load_n(&classes_[cls].count_, __ATOMIC_RELAXED) : 0;
 }
 
 }  // namespace Utils

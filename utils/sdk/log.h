@@ -14,8 +14,12 @@
 // the caller, and a call leaves `errno` as it was; what cannot be written is dropped, and so is
 // what there is no memory for.
 //
-// There is no lock. Tasks may ask willPrint at the same time as long as nobody makes a category or
-// changes a sink or a setting; what prints, allocates, and is serialised by the caller.
+// Thread safety: several tasks may print, ask willPrint and count at the same time while nobody
+// makes a category or changes a sink or a setting; these, and the first theLog(), are serialised by
+// the caller with everything else here. No line takes memory of the process allocator; one whose
+// format is longer than some 500 characters takes memory of the runtime library. Lines of other
+// tasks do not come into a line of a FileLogger; they may come between a SystemLogger's name and
+// its line.
 #pragma once
 
 #include <cstdarg>
@@ -32,6 +36,7 @@ enum MessageClass { Error, Warning, Info, Debug };
 // --- Sinks ---
 
 // Where the messages of a class go. Made with new and owned by the Refs on it, as in the hub.
+// Several tasks may be in print at once, if several tasks print.
 struct YUTILS_EXPORT Logger : Object {
   ~Logger() override;
 

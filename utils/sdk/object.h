@@ -29,6 +29,8 @@ struct YUTILS_EXPORT Countable {
   ~Countable() {}
 
  private:
+  friend struct SinkHold;  // the one that counts atomically (log.cpp)
+
   unsigned refCount_;
 };
 
@@ -91,7 +93,7 @@ struct Ref {
 // One message, formatted and owned. Kept for programs that hand errors on as values; the library
 // itself makes none.
 struct YUTILS_EXPORT Problem {
-  // As printf, cut after 511 characters.
+  // As printf, cut after 511 characters. A null format is an empty one.
   explicit Problem(const char* format, ...) __attribute__((format(printf, 2, 3)));
   Problem(const Problem& other);
   Problem& operator=(const Problem& other);  // keeps the old message when there is no memory

@@ -219,6 +219,29 @@ struct LeavingSink : RecordingSink {
   Log& hub_;
 };
 
+// Puts another sink in its place when it goes.
+struct SucceededSink : NullLogger {
+  explicit SucceededSink(Log& hub) : hub_(hub) {}
+  ~SucceededSink() override { hub_.setLogger(successor_); }
+  Log& hub_;
+  RecordingSink* const successor_ = new RecordingSink;
+};
+
+TEST(Hub, UsesTheSinkThatWasSetLast) {
+  RecordingSink::ended_ = 0;
+  {
+    Log hub;
+    auto* sink = new SucceededSink(hub);
+    RecordingSink* const successor = sink->successor_;
+    hub.setLogger(sink);
+    hub.setLogger(new RecordingSink);
+    EXPECT_EQ(RecordingSink::ended_, 1) << "the one that was replaced while it was set";
+    for (MessageClass cls : CLASSES) hub.print(cls, hub.getCategory("c", 1, true), 1, "f", 1, "x");
+    EXPECT_EQ(successor->take().size(), std::size(CLASSES));
+  }
+  EXPECT_EQ(RecordingSink::ended_, 2);
+}
+
 TEST(Hub, KeepsItsSinksAsLongAsTheyPrintOrServeAClass) {
   Log hub;
   RecordingSink::ended_ = 0;

@@ -71,6 +71,27 @@ TEST(Ref, TakesOverWhatItsOwnObjectHeld) {
   EXPECT_TRUE(list->inner_.valid());
 }
 
+// Puts a Probe into the reference that it leaves.
+struct Succeeded : Object {
+  explicit Succeeded(Ref<Object>& place) : place_(place) {}
+  ~Succeeded() override { place_ = Ref<Object>(new Probe); }
+  Ref<Object>& place_;
+};
+
+TEST(Ref, OwnsWhatADestructorAssignsToIt) {
+  Probe::made_ = Probe::ended_ = 0;
+  {
+    Ref<Object> ref;
+    ref = Ref<Object>(new Succeeded(ref));
+    ref = Ref<Object>(new Probe);
+    EXPECT_EQ(Probe::made_ - Probe::ended_, 1);
+    EXPECT_NE(dynamic_cast<Probe*>(ref.operator->()), nullptr);
+    ref = Ref<Object>(new Succeeded(ref));
+  }
+  EXPECT_EQ(Probe::made_, 3);
+  EXPECT_EQ(Probe::ended_, 3);
+}
+
 TEST(Object, CopiesItsCount) {
   Probe a;
   a.incRef();

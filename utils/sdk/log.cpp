@@ -356,7 +356,12 @@ void Log::printAux(MessageClass cls, unsigned cat, int level, const char* file, 
 
 void Log::setLogger(Logger* logger) {
   const Ref<Logger> sink(logger);
-  for (LogClass& target : classes_) target.logger_ = sink;
+  Ref<Logger>
+      former[CLASSES];  // go when all classes are set, since a destructor may set them again
+  for (unsigned cls = 0; cls < classes_.size(); cls++) {
+    former[cls] = classes_[cls].logger_;
+    classes_[cls].logger_ = sink;
+  }
 }
 
 void Log::setLogger(MessageClass cls, Logger* logger) {

@@ -61,15 +61,18 @@ struct Ref {
     init();
     *this = other;
   }
-  ~Ref() { purge(); }
+  ~Ref() {
+    while (ptr_) purge();
+  }
 
   // Counts the new object up before it lets the old one go, so that assigning a Ref on the same
-  // object never ends it.
+  // object never ends it. The old one goes last: its destructor may assign to this Ref.
   Ref& operator=(const Ref& other) {
     T* object = other.ptr_;
     if (object) object->incRef();
-    purge();
+    T* former = ptr_;
     ptr_ = object;
+    release(former);
     return *this;
   }
 
@@ -81,6 +84,9 @@ struct Ref {
   void purge() {
     T* object = ptr_;
     ptr_ = nullptr;
+    release(object);
+  }
+  static void release(T* object) {
     if (object && object->decRef() == 0) end(object);
   }
   // Kept apart from its callers: inlined, it makes gcc see uses of an object after its end on paths

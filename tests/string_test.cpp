@@ -163,7 +163,7 @@ struct StringRun {
     std::string bytes_;
     std::string rest_;  // to the next NUL of the text
 
-    const char* start() const { return text_ + from_; }
+    const char* start() const { return text_ ? text_ + from_ : nullptr; }
   };
 
   explicit StringRun(unsigned seed) : random_(seed), before_(YfTotalStringMemory()) {
@@ -206,6 +206,7 @@ struct StringRun {
 
   Source someSource(unsigned i) {
     const std::string text = models_[i].text();
+    if (random_.below(8) == 0) return {nullptr, random_.below(9), random_.below(9), "", ""};
     if (random_.below(2) == 0 || text.empty()) {
       foreign_ = someText(someSize());
       const unsigned from = random_.below(sizeOf(foreign_) + 1);
@@ -229,7 +230,6 @@ struct StringRun {
 
   void assign() { now(s() = other(), otherModel()); }
   void assignText() { now(s() = source_.start(), Model::of(source_.rest_)); }
-  void assignNull() { now(s() = static_cast<const char*>(nullptr), Model::of("")); }
   void assignCharacter() { now(s() = c_, Model::of(character())); }
   void assignNone() { now(s() = String(), Model()); }
   void make() { now(s() = String(source_.start(), source_.count_), Model::of(source_.bytes_)); }
@@ -239,8 +239,10 @@ struct StringRun {
     now(s() = other()(at_, source_.count_), otherModel().part(at_, source_.count_));
   }
   void append() { after(s().append(source_.start(), source_.count_)).append(source_.bytes_); }
-  void appendText() { after(s() += source_.start()).append(source_.rest_); }
-  void appendNull() { after(s() += static_cast<const char*>(nullptr)); }
+  void appendText() {
+    Model::Rep& rep = after(s() += source_.start());
+    if (source_.text_) rep.append(source_.rest_);
+  }
   void appendString() {
     s() += other();
     if (!otherModel().rep_) return;
@@ -336,7 +338,6 @@ struct StringRun {
   }
   // The buffer of one string becomes that of another.
   void trade() {
-    const unsigned capacity = m().rep_ ? m().own().capacity_ : 0;
     const std::string text = m().text();
     char* const buffer = s().donate();
     ASSERT_EQ(buffer == nullptr, !m().rep_);
@@ -346,7 +347,7 @@ struct StringRun {
     const bool adopted = !text.empty() && text[0] != '\0';
     otherModel() = Model::of(adopted ? text.c_str() : "");
     if (adopted) otherModel().rep_->capacity_ = otherModel().size() + 1;
-    if (!adopted && capacity != 0) Allocator::theAllocator()->free(buffer);
+    if (!adopted && !text.empty()) Allocator::theAllocator()->free(buffer);
   }
   void form() {
     View& v = views_[random_.below(VIEWS)];
@@ -358,14 +359,13 @@ struct StringRun {
 
   void doSomething() {
     using S = StringRun;
-    doOneOf(&S::assign, &S::assign, &S::assignText, &S::assignNull, &S::assignCharacter,
-            &S::assignNone, &S::make, &S::fill, &S::takeBeginning, &S::takeRange, &S::append,
-            &S::append, &S::appendString, &S::appendText, &S::appendNull, &S::appendCharacters,
-            &S::appendNumber, &S::join, &S::joinTexts, &S::replace, &S::replace, &S::insert,
-            &S::insert, &S::insert, &S::copyFromString, &S::copyFromString, &S::insertCharacter,
-            &S::remove, &S::remove, &S::truncate, &S::substitute, &S::reverse, &S::changeCase,
-            &S::rotate, &S::trim, &S::expand, &S::resize, &S::writeInto, &S::writeFromOther,
-            &S::trade, &S::form);
+    doOneOf(&S::assign, &S::assign, &S::assignText, &S::assignCharacter, &S::assignNone, &S::make,
+            &S::fill, &S::takeBeginning, &S::takeRange, &S::append, &S::append, &S::appendString,
+            &S::appendText, &S::appendCharacters, &S::appendNumber, &S::join, &S::joinTexts,
+            &S::replace, &S::replace, &S::insert, &S::insert, &S::insert, &S::copyFromString,
+            &S::copyFromString, &S::insertCharacter, &S::remove, &S::remove, &S::truncate,
+            &S::substitute, &S::reverse, &S::changeCase, &S::rotate, &S::trim, &S::expand,
+            &S::resize, &S::writeInto, &S::writeFromOther, &S::trade, &S::form);
   }
   template <class... Steps>
   void doOneOf(Steps... steps) {
@@ -582,7 +582,7 @@ TEST(String, RefusesLengthsThatDoNotFit) {
   constexpr unsigned LIMIT = 0x80000000u;
   String s("text");
   const unsigned total = YfTotalStringMemory();
-  for (const unsigned n : {LIMIT, LIMIT + 1, NOT_FOUND - 3, NOT_FOUND}) {
+  for (const unsigned n : {33554432u, LIMIT + 1, NOT_FOUND - 3, NOT_FOUND}) {
     s.resizeFor(n);
     s.expandTo(n);
     s.append("x", n);
@@ -593,9 +593,11 @@ TEST(String, RefusesLengthsThatDoNotFit) {
     EXPECT_STREQ(s, "text");
     EXPECT_EQ(String("x", n).textAt(0), nullptr);
     EXPECT_EQ(String('x', n).textAt(0), nullptr);
-    EXPECT_EQ(s.rindexChar("t", n), n == NOT_FOUND ? 3u : NOT_FOUND);
+    EXPECT_EQ(s.rindexChar("t", n), n >= LIMIT && n != NOT_FOUND ? NOT_FOUND : 3u);
   }
   EXPECT_EQ(YfTotalStringMemory(), total);
+  s.expandTo(33554431);
+  EXPECT_EQ(s.size(), 33554431u);
 }
 
 // The operations that a String hides run on representations outside of strings too.

@@ -274,6 +274,16 @@ TEST(Exhaustion, NoCountWraps) {
 
 // --- Single cases ---
 
+TEST(Vector, TakesNullForNoElements) {
+  Vector<int> vector;
+  vector.add(7);
+  vector.add(nullptr, 3);
+  vector.insert(nullptr, 3, 0);
+  EXPECT_TRUE(vector.remove(nullptr, 1));
+  EXPECT_EQ(vector.size(), 1u);
+  EXPECT_EQ(vector.compare(nullptr, 1), 1);
+}
+
 TEST(Vector, BlanksWhatNumbersAndPointersLeave) {
   Open<const char*> vector;
   const auto items = make<const char*>(Values{1, 2, 3, 4, 5});

@@ -279,6 +279,7 @@ char* String::donate() {
   StringRep* own = rep_ ? rep_->unshare() : nullptr;
   if (!own) return nullptr;
   rep_ = nullptr;
+  if (own->size() == 0) own->resizeFor(0);
   return StringRep::donateAndDestroy(own);
 }
 

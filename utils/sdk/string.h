@@ -14,10 +14,11 @@
 // A buffer has the smallest power of two of at least 16 bytes that is greater than the size asked
 // for at the latest change that could move it; one that was adopted has exactly size_ + 1.
 //
-// Sizes and positions are 32-bit; a search that finds nothing gives 0xffffffff. Nothing that would
-// make a text of 0x80000000 bytes or more is done. Without memory an operation leaves the string as
-// it was, and a String or SubString that cannot be made is empty, without a representation. Sources
-// may lie in the very text that changes.
+// Sizes and positions are 32-bit; a search that finds nothing gives 0xffffffff. Without memory an
+// operation leaves the string as it was, and a String or SubString that cannot be made is empty,
+// without a representation. There is none for a text of more than 33554431 bytes: the buffer of the
+// next class, 67108864 bytes, is larger than the largest block (alloc.h). An adopted text may be
+// longer, up to what a block holds. Sources may lie in the very text that changes.
 //
 // Counts and the total are plain: the caller serialises all strings that share a representation,
 // and whatever allocates or frees.
@@ -213,8 +214,8 @@ struct YUTILS_EXPORT String {
   String& operator+=(long i);
   String& operator+=(unsigned i) { return *this += static_cast<unsigned long>(i); }
   String& operator+=(unsigned long i);
-  String& operator+=(double d);  // with six decimals
-  String& append(const char* text, unsigned count);
+  String& operator+=(double d);                      // with six decimals
+  String& append(const char* text, unsigned count);  // a null text has none
 
   // NUL for a position that the text does not have.
   char operator[](unsigned i) const { return i < size() ? rep_->text_[i] : '\0'; }
@@ -290,9 +291,10 @@ struct YUTILS_EXPORT String {
   // Moves the text to a buffer for n characters. Cuts it to n only where that is a buffer of
   // another size; for 0 the text and its buffer go.
   void resizeFor(unsigned n);
-  // The text, which the caller gives back with theAllocator()->free. Where there was no buffer it
-  // is the empty text, which nobody gives back: ask size() before. Null without a representation,
-  // or without memory for it where the text is shared: the string then keeps it.
+  // The text, which the caller gives back with theAllocator()->free. Where size() is 0 it is a
+  // static empty text, which nobody gives back, and the buffer is freed: ask size() before. Null
+  // without a representation, or without memory for it where the text is shared: the string then
+  // keeps it.
   char* donate();
   // Takes over a text from theAllocator()->alloc. One that is empty stays the caller's, as does one
   // of 0x80000000 bytes and more, and any when there is no memory for a representation: the string
@@ -594,7 +596,7 @@ inline int String::operator==(const String& s) const {
 }
 
 inline String& String::append(const char* text, unsigned count) {
-  return rep_ && rep_->appendInPlace(text, count) ? *this : appendAnew(text, count);
+  return rep_ && text && rep_->appendInPlace(text, count) ? *this : appendAnew(text, count);
 }
 
 inline String& String::operator+=(const char* text) {

@@ -245,6 +245,7 @@ void StringRep::operator=(char c) {
 }
 
 bool StringRep::append(const char* text, unsigned count) {
+  if (!text) count = 0;
   OldBuffer old;
   if (!moveFor(sum(size_, count), old)) return false;
   if (count == 0) return true;
@@ -262,6 +263,7 @@ bool StringRep::append(char c) { return append(&c, 1); }
 // --- Editing ---
 
 bool StringRep::replace(const char* text, unsigned count, unsigned from, unsigned at) {
+  if (!text) count = 0;
   const char* source = count != 0 ? text + from : text;
   const unsigned end = sum(at, count);
   if (at < size_ && end <= size_) {
@@ -279,6 +281,7 @@ bool StringRep::replace(const char* text, unsigned count, unsigned from, unsigne
 }
 
 bool StringRep::insert(const char* text, unsigned count, unsigned from, unsigned at) {
+  if (!text) count = 0;
   if (at >= size_) return replace(text, count, from, at);
   return openGap(count != 0 ? text + from : text, count, at);
 }

@@ -141,6 +141,7 @@ void insertInPlace(const Slots& slots, const void* items, unsigned count, unsign
 
 // False, nothing changed, when there is no memory.
 bool insertAt(const Slots& slots, const void* items, unsigned count, unsigned index) {
+  if (!items) count = 0;
   if (count > ~slots.size_) return false;
   const bool grows = slots.size_ + count > slots.capacity_;
   void* former = nullptr;
@@ -200,7 +201,7 @@ bool VectorBase::locate(const void* item, unsigned& index, const TemplOps& ops,
 
 int VectorBase::compare(const void* items, unsigned count, const TemplOps& ops,
                         const void* self) const {
-  if (count != size_) return 1;
+  if (count != size_ || (!items && count != 0)) return 1;
   const void* data = dataOf(ops, self);
   for (unsigned i = 0; i < count; i++) {
     if (!ops.equalOp_(slotAt(ops, data, i), slotAt(ops, items, i))) return 1;
@@ -231,6 +232,7 @@ bool VectorBase::remove(const void* items, unsigned count, const TemplOps& ops, 
     purge(self, ops);
     return true;
   }
+  if (!items) count = 0;
   bool all = true;
   for (unsigned i = 0; i < count; i++) {
     unsigned index;

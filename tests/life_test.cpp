@@ -17,14 +17,19 @@ std::string linesOf(const std::string& moment) {
   return "info|life|" + moment + "\nerror|utils|Raising error: File not found\nall well\n";
 }
 
-ChildResult runAt(const std::string& moment, rlim_t addressSpace = RLIM_INFINITY,
-                  const char* assertions = "") {
+struct Moment {
+  rlim_t addressSpace_ = RLIM_INFINITY;
+  const char* assertions_ = "";
+  const char* program_ = PROGRAM;
+};
+
+ChildResult runAt(const std::string& moment, const Moment& how = {}) {
   return runInChild([&] {
     setenv("LIFE", moment.c_str(), 1);
-    setenv("YSYS_ASSERT", assertions, 1);
-    const rlimit limit = {addressSpace, addressSpace};
+    setenv("YSYS_ASSERT", how.assertions_, 1);
+    const rlimit limit = {how.addressSpace_, how.addressSpace_};
     setrlimit(RLIMIT_AS, &limit);
-    execl(PROGRAM, PROGRAM, nullptr);
+    execl(how.program_, how.program_, nullptr);
     return 99;
   });
 }
@@ -50,6 +55,12 @@ TEST(Life, IsThereAtEveryMoment) {
   }
 }
 
+TEST(Life, HasItsTextsBeforeItsOwnConstructors) {
+  const ChildResult result = runAt("", {.program_ = FIRST});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.errorOutput, "File is corrupt\nFile is corrupt\n");
+}
+
 // --- In little memory ---
 
 // A program without the library needs 6 MiB of addresses.
@@ -57,15 +68,15 @@ TEST(Life, GoesOnInLittleMemoryAndAfterItRanOut) {
   if (dlsym(RTLD_DEFAULT, "__sanitizer_print_stack_trace"))
     GTEST_SKIP() << "a sanitizer needs the memory that is refused here";
   const std::string start = "the program's initialiser";
-  EXPECT_EQ(runAt(start, 12 << 20, "stop").errorOutput, linesOf(start));
-  const ChildResult result = runAt("memory ran out", 100 << 20);
+  EXPECT_EQ(runAt(start, {12 << 20, "stop"}).errorOutput, linesOf(start));
+  const ChildResult result = runAt("memory ran out", {100 << 20});
   EXPECT_EQ(result.status, 0);
   EXPECT_THAT(
       result.errorOutput,
       testing::MatchesRegex("assertion failed: m, utils/sdk/allocator:[0-9]+\n"
                             "assertion failed: h, utils/sdk/alloc:[0-9]+\ninfo[^:]*:[^:]*"));
   EXPECT_THAT(result.errorOutput, testing::EndsWith(linesOf("memory ran out")));
-  EXPECT_EQ(runAt("memory ran out", 100 << 20, "stop").status, -SIGABRT);
+  EXPECT_EQ(runAt("memory ran out", {100 << 20, "stop"}).status, -SIGABRT);
 }
 
 // --- After the unload ---

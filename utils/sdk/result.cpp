@@ -24,7 +24,10 @@ using ErrorStrings = AVLTree<unsigned, const char*>;
 
 ErrorStrings* _errorStrings = nullptr;  // lives for ever, once made
 
+void makeStdResults();
+
 void registerResultString(unsigned code, const char* text) {
+  makeStdResults();
   if (!_errorStrings) _errorStrings = new (std::nothrow) ErrorStrings;
   if (_errorStrings) _errorStrings->insert(code, text);
 }
@@ -42,6 +45,7 @@ ResultString::ResultString(unsigned code, const char* text) : code_(code) {
 ResultString::~ResultString() { unregisterResultString(code_); }
 
 const char* resultToString(unsigned code) {
+  makeStdResults();
   if (_errorStrings) {
     const auto found = _errorStrings->find(code);
     if (found.valid()) return found.value();
@@ -53,13 +57,28 @@ const char* resultToString(unsigned code) {
 
 namespace {
 
-[[gnu::init_priority(LOADED_STD_RESULTS)]] ResultString _stdResults[] = {
-    {0x00000000, "Success"},          {0x80000000, "Generic failure"},
-    {0x80000001, "Not implemented"},  {0x80000002, "Out of memory"},
-    {0x80000003, "Invalid argument"}, {0x80000004, "No interface"},
-    {0x80040001, "File not found"},   {0x80040002, "File read error"},
-    {0x80040003, "File write error"}, {0x80040004, "File is corrupt"},
+// The standard texts, made by the load or by whatever asks for a text before it: in a program that
+// is linked with the library as objects, constructors of its own may come first. Once they have
+// gone they do not come again.
+void makeStdResults() {
+  static bool _made = false;
+  if (_made) return;
+  _made = true;
+  static ResultString _stdResults[] = {
+      {0x00000000, "Success"},          {0x80000000, "Generic failure"},
+      {0x80000001, "Not implemented"},  {0x80000002, "Out of memory"},
+      {0x80000003, "Invalid argument"}, {0x80000004, "No interface"},
+      {0x80040001, "File not found"},   {0x80040002, "File read error"},
+      {0x80040003, "File write error"}, {0x80040004, "File is corrupt"},
+  };
+  static_cast<void>(_stdResults);
+}
+
+struct StdResultsLife {
+  StdResultsLife() { makeStdResults(); }
 };
+
+[[gnu::init_priority(LOADED_STD_RESULTS)]] StdResultsLife _stdResultsLife;
 
 }  // namespace
 

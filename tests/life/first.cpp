@@ -1,0 +1,19 @@
+// A program of the library's own objects, whose constructors come after the program's.
+#include "life/uses.h"
+
+namespace {
+
+struct First {
+  First() { tell(); }
+  ~First() { tell(); }
+  static void tell() {
+    Life::say(Utils::resultToString(0x80040004));
+    Life::say("\n");
+  }
+};
+
+[[gnu::init_priority(101)]] First _first;
+
+}  // namespace
+
+int main() {}

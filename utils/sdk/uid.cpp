@@ -8,6 +8,8 @@
 #include <bit>
 #include <cstdlib>
 
+#include "utils/sdk/ysys.h"
+
 namespace Utils {
 
 unsigned UID::ourMachineNum_ = 0;
@@ -51,6 +53,10 @@ unsigned digitsOf(unsigned word) {
 int compareWords(unsigned mine, unsigned others) { return mine < others ? 1 : -1; }
 
 }  // namespace
+
+unsigned UID::systemSeconds() {
+  return static_cast<unsigned>(static_cast<unsigned long long>(YIF_CurrentTime()));
+}
 
 UID::UID(const char* text) {
   if (!text) text = "";

@@ -69,6 +69,8 @@ struct YUTILS_EXPORT UID {
  private:
   static constexpr unsigned EPOCH = 0x23EF45BFu;  // in seconds since 1970
 
+  static unsigned systemSeconds();  // since 1970, where the runtime library cannot tell them
+
   static int lastTime_;   // second and running number of the latest identifier; one pair for the
   static unsigned tick_;  // whole process, whichever library the constructor was compiled into
 
@@ -79,9 +81,13 @@ struct YUTILS_EXPORT UID {
 
 static_assert(sizeof(UID) == 12, "the three words and nothing else");
 
-// In place, since a call into the library would take as long as asking for the time does.
+// In place, since a call into the library would take as long as asking for the time does. A time_t
+// of 32 bits holds no second after 2038-01-19.
 inline UID::UID() : machineNum_(ourMachineNum()) {
-  const int now = static_cast<int>(static_cast<unsigned>(std::time(nullptr)) - EPOCH);
+  const std::time_t told = std::time(nullptr);
+  const bool failed = __builtin_expect(told == static_cast<std::time_t>(-1), false);
+  const unsigned seconds = failed ? systemSeconds() : static_cast<unsigned>(told);
+  const int now = static_cast<int>(seconds - EPOCH);
   tick_ = now == lastTime_ ? tick_ + 1 : 0;
   lastTime_ = now;
   timeBits_ = static_cast<unsigned>(now);

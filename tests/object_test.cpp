@@ -82,11 +82,11 @@ TEST(Ref, OwnsWhatADestructorAssignsToIt) {
   Probe::made_ = Probe::ended_ = 0;
   {
     Ref<Object> ref;
-    ref = Ref<Object>(new Succeeded(ref));
-    ref = Ref<Object>(new Probe);
-    EXPECT_EQ(Probe::made_ - Probe::ended_, 1);
-    EXPECT_NE(dynamic_cast<Probe*>(ref.operator->()), nullptr);
-    ref = Ref<Object>(new Succeeded(ref));
+    for (Object* object :
+         {static_cast<Object*>(new Succeeded(ref)), static_cast<Object*>(new Probe),
+          static_cast<Object*>(new Succeeded(ref))})
+      ref = Ref<Object>(object);
+    EXPECT_EQ(Probe::ended_, 2);
   }
   EXPECT_EQ(Probe::made_, 3);
   EXPECT_EQ(Probe::ended_, 3);
@@ -124,10 +124,10 @@ TEST(Problem, KeepsUpTo511Characters) {
     EXPECT_EQ(problem.msg(), text.substr(0, 511)) << length;
     EXPECT_EQ(held() - before, length < 25 ? 32u : 1024u) << "one block of the text's own size";
   }
-  const HugeText huge;
-  ASSERT_NE(huge.get(), nullptr);
+  const char* const huge = hugeText();
+  ASSERT_NE(huge, nullptr);
   for (const char* format : {"%s%s%s", "%-3s%s%s"}) {
-    const Problem problem(format, huge.get(), huge.get(), huge.get());
+    const Problem problem(format, huge, huge, huge);
     EXPECT_EQ(problem.msg(), std::string(511, 'x'));
   }
   EXPECT_EQ(held(), before);

@@ -267,22 +267,15 @@ TEST(Exhaustion, NoCountWraps) {
     counted.sizeToExact(n);
     plain.insert(plain.begin(), n, 0);
     counted.add(counted.begin(), n);
+    plain.insert(nullptr, n, 0);
+    counted.add(nullptr, n);
+    EXPECT_TRUE(counted.remove(nullptr, n) && counted.compare(nullptr, 1) == 1);
     EXPECT_EQ(plain.size() + counted.size(), 2u) << n;
   }
   EXPECT_EQ(Counted::live_, 4);
 }
 
 // --- Single cases ---
-
-TEST(Vector, TakesNullForNoElements) {
-  Vector<int> vector;
-  vector.add(7);
-  vector.add(nullptr, 3);
-  vector.insert(nullptr, 3, 0);
-  EXPECT_TRUE(vector.remove(nullptr, 1));
-  EXPECT_EQ(vector.size(), 1u);
-  EXPECT_EQ(vector.compare(nullptr, 1), 1);
-}
 
 TEST(Vector, BlanksWhatNumbersAndPointersLeave) {
   Open<const char*> vector;

@@ -355,9 +355,9 @@ void Log::printAux(MessageClass cls, unsigned cat, int level, const char* file, 
 // --- Sinks, settings and counts ---
 
 void Log::setLogger(Logger* logger) {
+  // The former sinks go when all classes are set: the destructor of one may set them again.
   const Ref<Logger> sink(logger);
-  Ref<Logger>
-      former[CLASSES];  // go when all classes are set, since a destructor may set them again
+  Ref<Logger> former[CLASSES];
   for (unsigned cls = 0; cls < classes_.size(); cls++) {
     former[cls] = classes_[cls].logger_;
     classes_[cls].logger_ = sink;

@@ -567,7 +567,8 @@ TEST(Clock, TellsTheTimeOfDayWithAFraction) {
   const double second = YIF_CurrentTime();
   EXPECT_LE(static_cast<double>(before), first);
   EXPECT_LT(first, second);
-  EXPECT_LE(second, static_cast<double>(time(nullptr) + 1));
+  // time() follows the kernel's last tick, which may be 10 ms old.
+  EXPECT_LE(second, static_cast<double>(time(nullptr)) + 1.01);
 }
 
 // --- Files ---

@@ -379,7 +379,7 @@ TEST(Expand, GivesWhatPrintfGives) {
 // Cuts a text of more than INT_MAX characters as one of 6000.
 TEST(Expand, CutsTextsOfAnyLength) {
   const char* const huge = hugeText();
-  ASSERT_NE(huge, nullptr);
+  if (!huge) GTEST_SKIP() << "the address space has no room for such a text";
   const std::string large(2000, 'x');
   const auto expectCut = [&](const std::string& format, auto... args) {
     const char* const a = large.c_str();

@@ -8,7 +8,8 @@
 #include <cstddef>
 #include <string>
 
-// One piece of memory, mapped again and again, to the end of the process.
+// One piece of memory, mapped again and again, to the end of the process; null where the address
+// space has no room.
 inline const char* hugeText() {
   constexpr std::size_t PIECE = std::size_t{1} << 21, SIZE = (std::size_t{3} << 28) + PIECE;
   const int file = memfd_create("text", 0);

@@ -3,9 +3,9 @@
 // overlap, and the walk must name the damaged block.
 #include <sys/mman.h>
 
-#include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -96,17 +96,17 @@ struct Damage : testing::Test {
   };
 
   Damage() {
-    for (unsigned i = 0; i < 60; i++) alloc(arena_);
-    alloc(arena_, 3000);
-    alloc(arena_, 2000);
-    for (unsigned i = 0; i < 40; i++) free(arena_, random_.below(unsigned(held_.size())));
+    for (unsigned i = 0; i < 60; i++) alloc();
+    alloc(3000);
+    alloc(2000);
+    for (unsigned i = 0; i < 40; i++) free(random_.below(unsigned(held_.size())));
     arena_.check();
   }
 
-  void alloc(Arena& arena, unsigned size = 0) {
+  void alloc(unsigned size = 0) {
     const unsigned sizes[] = {20, 50, 100, 200, 500, 1000, 1500, 4000, 12000};
     if (size == 0) size = sizes[random_.below(9)];
-    char* mem = static_cast<char*>(arena.alloc(size, random_.below(64)));
+    char* mem = static_cast<char*>(arena_.alloc(size, random_.below(64)));
     if (!mem) return;
     ASSERT_TRUE(mem >= parent_.chunk() && mem + size <= parent_.chunk() + CHUNK);
     for (const Held& other : held_)
@@ -115,76 +115,52 @@ struct Damage : testing::Test {
     std::memset(mem, held_.back().pattern_, size);
   }
 
-  void free(Arena& arena, unsigned index) {
+  void free(unsigned index) {
     const Held freed = held_[index];
     held_[index] = held_.back();
     held_.pop_back();
     for (unsigned i = 0; i < freed.bytes_; i++) ASSERT_EQ(freed.mem_[i], freed.pattern_);
-    arena.free(freed.mem_);
+    arena_.free(freed.mem_);
   }
 
   std::vector<Word> words() const {
     std::vector<Word> all;
-    const char* last = nullptr;
+    std::set<const char*> heads;
     for (const auto& block : arena_.chain()) {
-      char* head = const_cast<char*>(last = block.head_);
+      char* head = const_cast<char*>(*heads.insert(block.head_).first);
       all.push_back({head, head, Kind::HEAD, true, block.size()});
       all.push_back({head + block.size() - 4, head, Kind::TAIL, true, block.size()});
     }
-    all.push_back({parent_.chunk() + CHUNK - 4, last, Kind::HEAD, true});
+    all.push_back({parent_.chunk() + CHUNK - 4, *heads.rbegin(), Kind::HEAD, true});
     all.push_back({parent_.chunk(), nullptr, Kind::HINT, true});
     for (const Held& held : held_) {
-      if (!inChain(held.mem_ - 4)) all.push_back({held.mem_ - 4, held.mem_ - 4, Kind::HEAD, false});
+      char* head = held.mem_ - 4;
+      if (heads.count(head) == 0) all.push_back({head, head, Kind::HEAD, false});
     }
     addOwnWords(all, arena_);
     return all;
   }
 
-  bool inChain(const char* head) const {
-    const auto blocks = arena_.chain();
-    return std::any_of(blocks.begin(), blocks.end(),
-                       [=](const auto& block) { return block.head_ == head; });
-  }
-
   std::vector<std::uintptr_t> values(unsigned was) {
-    std::vector<std::uintptr_t> all = {0,
-                                       1,
-                                       2,
-                                       5,
-                                       8,
-                                       9,
-                                       33,
-                                       49,
-                                       0x400,
-                                       0x401,
-                                       0x21212121,
-                                       0x41414141,
-                                       ~0ul,
-                                       ~0u,
-                                       1u << 31,
-                                       0x7fffffff,
-                                       0x3ffffff,
-                                       0x3fffff9,
-                                       was + 1,
-                                       was - 1,
-                                       was + 8,
-                                       was - 8,
-                                       was ^ 2,
-                                       was * 2,
-                                       was ^ (1u << random_.below(32)),
-                                       was ^ (1u << random_.below(32))};
+    constexpr std::uintptr_t FIXED[] = {0,          1,          2,          5,          8,
+                                        9,          33,         49,         0x400,      0x401,
+                                        0x3ffffff,  0x3fffff9,  0x21212121, 0x41414141, 0x7fffffff,
+                                        0x80000000, 0xffffffff, UINTPTR_MAX};
+    std::vector<std::uintptr_t> all(std::begin(FIXED), std::end(FIXED));
+    for (unsigned delta : {1u, 8u, 0u - 1, 0u - 8, was}) all.push_back(was + delta);
+    for (int i = 0; i < 3; i++) all.push_back(was ^ (1u << random_.below(32)));
     for (int i = 0; i < 3; i++) {
-      const char* other = held_[random_.below(unsigned(held_.size()))].mem_;
-      const char* chunk = parent_.chunk();
-      for (const char* p : std::initializer_list<const char*>{
-               other, other - 4, chunk + 4, chunk + CHUNK - 12, chunk + CHUNK, chunk - 60})
-        all.push_back(reinterpret_cast<std::uintptr_t>(p));
+      const auto other = addressOf(held_[random_.below(unsigned(held_.size()))].mem_);
+      const auto chunk = addressOf(parent_.chunk());
+      for (auto p : {other, other - 4, chunk + 4, chunk + CHUNK - 12, chunk + CHUNK, chunk - 60})
+        all.push_back(p);
     }
     return all;
   }
+  static std::uintptr_t addressOf(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
 
-  // What no word of the arena contradicts: a colour, and the head of a small block of another
-  // class.
+  // What the words of the arena do not contradict: a colour, the head of a small block of another
+  // class, and the lowest bit of a tail, which says nothing.
   static bool isPlausible(const Word& word, unsigned was, unsigned now) {
     if (word.kind_ != Kind::HEAD) return word.kind_ == Kind::TAIL && (was ^ now) == 1;
     const unsigned size = (now & 0x3ffffff) - 1;
@@ -205,17 +181,14 @@ struct Damage : testing::Test {
         !isPlausible(word, was, now);
     recorder_.take();
     recorder_.reports_.clear();
-    if (isSeen && (word.isOfChain_ || !isHeld(word.head_)) && word.kind_ != Kind::HINT) {
+    const bool isHeld = std::any_of(held_.begin(), held_.end(),
+                                    [&](const Held& held) { return held.mem_ - 4 == word.head_; });
+    if (isSeen && (word.isOfChain_ || !isHeld) && word.kind_ != Kind::HINT) {
       arena_.checkArena();
       EXPECT_FALSE(recorder_.texts_.empty());
       if (word.kind_ == Kind::HEAD || word.kind_ == Kind::TAIL) expectNamed(word);
     }
     if (isSeen || word.isOfChain_) useAll(word);
-  }
-
-  bool isHeld(const char* head) const {
-    return std::any_of(held_.begin(), held_.end(),
-                       [=](const Held& held) { return held.mem_ - 4 == head; });
   }
 
   // The block, or what its former words show to be a block in it.
@@ -239,14 +212,14 @@ struct Damage : testing::Test {
       arena_.valid(held_[i].mem_);
       if (held_[i].mem_ - 4 != word.head_) continue;
       recorder_.reports_.clear();
-      free(arena_, i);
+      free(i);
       if (!word.isOfChain_) expectNamed(word);
     }
     for (unsigned i = 0; i < 30; i++) {
       if (!held_.empty() && random_.below(2) == 0) {
-        free(arena_, random_.below(unsigned(held_.size())));
+        free(random_.below(unsigned(held_.size())));
       } else {
-        alloc(arena_);
+        alloc();
       }
     }
     arena_.checkArena();

@@ -54,8 +54,9 @@ struct Word {
 constexpr unsigned POINTER = sizeof(void*);
 constexpr unsigned LABEL = sizeof(Utils::MemHead) - 4;
 
+// Of a free block, at that offset from its head.
 Word wordOf(const char* head, unsigned offset, Kind kind, bool isOfChain, unsigned bytes = 4) {
-  return {const_cast<char*>(head) + offset, head, kind, isOfChain, 1, bytes};
+  return {const_cast<char*>(head) + offset, head, kind, isOfChain, OpenArena::wordAt(head), bytes};
 }
 
 // What the arena keeps beside heads and tails.
@@ -141,7 +142,7 @@ struct Damage : testing::Test {
     return all;
   }
 
-  std::vector<std::uintptr_t> values(unsigned was) {
+  std::vector<std::uintptr_t> values(const Word& word, unsigned was) {
     constexpr std::uintptr_t FIXED[] = {0,          1,          2,          5,          8,
                                         9,          33,         49,         0x400,      0x401,
                                         0x3ffffff,  0x3fffff9,  0x21212121, 0x41414141, 0x7fffffff,
@@ -151,8 +152,9 @@ struct Damage : testing::Test {
     for (int i = 0; i < 3; i++) all.push_back(was ^ (1u << random_.below(32)));
     for (int i = 0; i < 3; i++) {
       const auto other = addressOf(held_[random_.below(unsigned(held_.size()))].mem_);
-      const auto chunk = addressOf(parent_.chunk());
-      for (auto p : {other, other - 4, chunk + 4, chunk + CHUNK - 12, chunk + CHUNK, chunk - 60})
+      const auto chunk = addressOf(parent_.chunk()), own = addressOf(word.head_);
+      for (auto p : {other, other - 4, chunk + 4, chunk + CHUNK - 12, chunk + CHUNK, chunk - 60,
+                     own, own + 4})
         all.push_back(p);
     }
     return all;
@@ -215,6 +217,9 @@ struct Damage : testing::Test {
       free(i);
       if (!word.isOfChain_) expectNamed(word);
     }
+    // What is free is asked for: by its size, and as a page.
+    for (unsigned i = 0; i < 3; i++) alloc(std::max(word.size_, 40u) - 8);
+    for (unsigned i = 0; i < 20 && word.size_ > 10000; i++) alloc(500);
     for (unsigned i = 0; i < 30; i++) {
       if (!held_.empty() && random_.below(2) == 0) {
         free(random_.below(unsigned(held_.size())));
@@ -223,6 +228,7 @@ struct Damage : testing::Test {
       }
     }
     arena_.checkArena();
+    EXPECT_LE(arena_.internalFree(), CHUNK);
   }
 
   void sweep() {
@@ -233,7 +239,7 @@ struct Damage : testing::Test {
     for (const Word& word : words()) {
       unsigned was;
       std::memcpy(&was, word.at_, sizeof was);
-      for (const std::uintptr_t value : values(was)) {
+      for (const std::uintptr_t value : values(word, was)) {
         damage(word, value, random_.below(2) == 0 ? 4 : word.bytes_);
         std::memcpy(parent_.chunk(), before_.data(), CHUNK);
         std::memcpy(static_cast<void*>(&arena_), object.data(), sizeof(Arena));

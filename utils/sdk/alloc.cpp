@@ -305,10 +305,11 @@ inline WTreeSteps::End Arena::find(MemoryAllocator& a, FreePath& path, MemHead* 
 }
 
 // The smallest and then lowest free block of at least amt bytes, with the path that leads to it,
-// and its lower neighbour in the order if that lies on the way.
+// and its lower neighbour in the order if that lies on the way. Null if there is none, and if the
+// path is not sound: it may then lead round in circles.
 inline MemHead* Arena::findFit(FreePath& path, unsigned amt, const WTreeNodeBase*& lower) {
   const auto end = WTreeSteps::descend(path, PlaceOfFit{amt});
-  if (end.upper_ == 0) return nullptr;
+  if (end.upper_ == 0 || !path.isSound()) return nullptr;
   unsigned level = path.depth_;
   while (level > 0 && headOfNode(path.nodes_[level - 1])->sizeandcolor_ >= amt) level--;
   lower = level > 0 ? path.nodes_[level - 1] : nullptr;

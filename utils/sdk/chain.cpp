@@ -88,6 +88,12 @@ bool Chain::check(const char* source) const {
   return isWhole;
 }
 
+const void* Chain::after(const void* head) const {
+  if (!canBeHead(head)) return nullptr;
+  const void* next = behind(head, sizeOf(wordAt(head)));
+  return holds(next) ? next : nullptr;
+}
+
 // A block that leads past `head`, or has no size that can be true, is the damaged one.
 const void* Chain::blockBefore(const void* head) const {
   const void* at = first_;

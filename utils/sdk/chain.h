@@ -110,6 +110,8 @@ struct Chain {
   // The head of the block that ends where the one at `head` begins, or of a damaged one before it:
   // for a report. Returns `head` itself if the walk does not come there.
   const void* blockBefore(const void* head) const;
+  // The next head without a report; null at the end, and after a block whose size cannot be true.
+  const void* after(const void* head) const;
   bool leadsTo(const void* head) const;  // whether the walk comes there
 
   void* first_;

@@ -257,32 +257,44 @@ const MemoryBank::MemHead* Bank::damagedOf(const MemoryBank& b, Place place) {
 }
 
 // Reports the block, and makes the bins and the totals anew of the free blocks that can still be
-// reached and are whole. The others are lost.
+// reached and are whole. What the bins hold counts as busy for the moment: no block comes twice,
+// and what is free in the chain then is lost. It stays busy, so that no neighbour joins it.
 [[gnu::cold, gnu::noinline]] void Bank::repair(MemoryBank& b, Place place) {
   brokenBlock("isWhole(h)", SOURCE, __LINE__, damagedOf(b, place));
   FreeSums sums;
   for (int bin = 0; bin < BINS; bin++) keepWholeLinks(b, bin, sums);
+  const Chain all = chain(b);
+  for (const void* head = b.cut_ ? nullptr : all.first_; head; head = all.after(head)) {
+    if (all.isFree(head, SMALLEST_BLOCK)) wordAt(const_cast<void*>(head)) |= 1;
+  }
+  for (MemHead* first : b.bins_) {
+    for (MemHead* h = first; h; h = h->next_) b.resetBusy(h);
+  }
   recount(b, sums);
 }
 
-// The blocks that were gone through count as busy for the moment, so that none comes twice.
+// One block that is not whole is passed over if its links are.
 void Bank::keepWholeLinks(MemoryBank& b, int bin, FreeSums& sums) {
   const Chain::Places places(chain(b), SMALLEST_BLOCK);
+  bool mayPass = true;
   MemHead* previous = nullptr;
-  MemHead* h = b.bins_[bin];
-  while (h) {
-    const bool stays = places.has(addressOf(h)) && chain(b).isFree(h, SMALLEST_BLOCK) &&
-                       binOf(h->sizeandcolor_) == bin;
-    (previous ? previous->next_ : b.bins_[bin]) = stays ? h : nullptr;
-    if (!stays) break;
+  for (MemHead* h = b.bins_[bin]; h && places.has(addressOf(h)); h = h->next_) {
+    const bool isWhole = chain(b).isFree(h, SMALLEST_BLOCK) && binOf(h->sizeandcolor_) == bin;
+    if (!isWhole &&
+        (!mayPass || !h->next_ || !places.has(addressOf(h->next_)) || h->next_->prev_ != h))
+      break;
+    if (!isWhole) {
+      mayPass = false;
+      continue;
+    }
+    (previous ? previous->next_ : b.bins_[bin]) = h;
     h->prev_ = previous;
     if (h->color_ > COLOR_MASK) h->color_ = 0;
     sums.add(h->sizeandcolor_, h->color_);
     b.setBusy(h);
     previous = h;
-    h = h->next_;
   }
-  for (h = b.bins_[bin]; h; h = h->next_) b.resetBusy(h);
+  (previous ? previous->next_ : b.bins_[bin]) = nullptr;
 }
 
 // The chain, then the bins, then whether these hold every free block, then the totals.

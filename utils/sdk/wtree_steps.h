@@ -152,9 +152,11 @@ struct WTreeSteps {
   // A node whose surroundings are not sound stays as it is.
   template <class Path>
   static void rebalance(Path& path, unsigned level, Node* node) {
-    if (Path::GUARDS && !canRotate(path, node)) [[unlikely]]
-      return;
     const Link link = linkTo(path, level, node);
+    if (Path::GUARDS) {
+      if (*link != node) return path.refuse(node, node);
+      if (!canRotate(path, node)) return;
+    }
     WTreeBase::adjust(link);
     if (*link != node) path.rotated(*link, node);
   }

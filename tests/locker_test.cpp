@@ -246,7 +246,8 @@ TEST(ManyTasks, PrintToEverySink) {
   unsigned next[TASKS] = {}, task, i;
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
-    if (line.empty() || line.back() != '\r') continue;  // of a stream
+    ASSERT_FALSE(line.empty()) << "the text and its end were torn apart";
+    if (line.back() != '\r') continue;  // of a stream
     if (std::sscanf(line.c_str(), "info|many|%u %u", &task, &i) == 2) {
       ASSERT_EQ(i, next[task]++);
       const std::string start = "info|many|" + std::to_string(task) + " " + std::to_string(i);

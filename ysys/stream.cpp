@@ -85,10 +85,12 @@ void YfPrintLine(FILE* stream, const char* format, va_list args) noexcept {
   const bool mayBreak = takesPartsOfLines(fileno(stream));
   keep.putBack();
   if (!mayBreak || !writeToDescriptor(stream, format, again)) {
+    flockfile(stream);  // no line of another task between the text and its end
     keep.putBack();
     vfprintf(stream, format, args);
     fprintf(stream, "\n");
     fflush(stream);
+    funlockfile(stream);
   }
   va_end(again);
   quiet.takeBack();

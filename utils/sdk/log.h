@@ -18,8 +18,8 @@
 // makes a category or changes a sink or a setting; these, and the first theLog(), are serialised by
 // the caller with everything else here. No line takes memory of the process allocator; one whose
 // format is longer than some 500 characters takes memory of the runtime library. Lines of other
-// tasks do not come into a line of a FileLogger; they may come between a SystemLogger's name and
-// its line.
+// tasks do not come into a line of a FileLogger or a StdLogger; they may come between a
+// SystemLogger's name and its line.
 #pragma once
 
 #include <cstdarg>

@@ -174,11 +174,11 @@ struct ArenaSteps {
     return chain(a).isFree(h, least) && h->color_ <= COLOR_MASK;
   }
 
-  // The one behind a block of `size` bytes; null if that is busy, damaged or the end.
+  // The one after a block of `size` bytes; null if that is busy, as the end marker is, or damaged.
   template <class A, class Head>
   static Head* freeBehind(const A& a, Head* h, unsigned size, unsigned least, const char* source) {
     Head* next = static_cast<Head*>(behind(h, size));
-    if (isBusy(next->sizeandcolor_) || next == a.endHead_) return nullptr;
+    if (isBusy(next->sizeandcolor_)) return nullptr;
     if (isFree(a, next, least)) return next;
     brokenBlock(DISAGREE, source, __LINE__, next);
     return nullptr;

@@ -112,7 +112,7 @@ struct Damage : testing::Test {
     ASSERT_TRUE(mem >= parent_.chunk() && mem + size <= parent_.chunk() + CHUNK);
     for (const Held& other : held_)
       ASSERT_TRUE(mem + size <= other.mem_ || other.mem_ + other.bytes_ <= mem);
-    held_.push_back({mem, size, static_cast<char>(0x61 + random_.below(20))});
+    held_.push_back({mem, size, static_cast<char>(random_.below(2) * (0x61 + random_.below(20)))});
     std::memset(mem, held_.back().pattern_, size);
   }
 

@@ -118,16 +118,27 @@ struct LimitedFormat {
  private:
   static constexpr unsigned LARGEST = 1000000;
   static constexpr unsigned SMALLEST = 64;  // more than "(null)" has
-  static constexpr unsigned LONGEST = 8;    // a point and its digits
+  static constexpr unsigned LONGEST = 11;   // a point and its digits
+
+  static bool isDigit(char c) { return c >= '0' && c <= '9'; }
+  static bool isFlag(char c) {
+    return c == '-' || c == '0' || c == '+' || c == ' ' || c == '#' || c == '\'' || c == 'I';
+  }
+  static bool isTypeSize(char c) {
+    return c == 'l' || c == 'h' || c == 'z' || c == 'j' || c == 't' || c == 'L' || c == 'q' ||
+           c == 'Z';
+  }
 
   const char* copyDirective(const char* from);
   const char* copyNumber(const char* from, unsigned& number);
-  const char* copyRun(const char* from, const char* set) {
-    return copyBytes(from, std::strspn(from, set));
+  template <class Belongs>
+  const char* copyWhile(Belongs belongs, const char* from) {
+    while (belongs(*from)) *at_++ = *from++;
+    return from;
   }
-  const char* copyBytes(const char* from, std::size_t count) {
-    at_ = static_cast<char*>(std::memcpy(at_, from, count)) + count;
-    return from + count;
+  const char* copyOne(const char* from) {
+    *at_++ = *from;
+    return from + 1;
   }
   void put(unsigned number) {
     const unsigned digits = decimalSize(number);
@@ -142,8 +153,6 @@ struct LimitedFormat {
   char* at_ = nullptr;
   char room_[512];
 };
-
-constexpr char DIGITS[] = "0123456789";
 
 LimitedFormat::LimitedFormat(const char* format, unsigned roomSize)
     : format_(format), roomSize_(roomSize) {
@@ -161,7 +170,7 @@ const char* LimitedFormat::copy(unsigned directives) {
   for (const char* from = format_; *from != '\0';) {
     const bool isDirective = *from == '%' && from[1] != '%';
     if (isDirective && directives-- == 0) break;
-    from = isDirective ? copyDirective(from) : copyBytes(from, *from == '%' ? 2 : 1);
+    from = isDirective ? copyDirective(from) : copyOne(*from == '%' ? copyOne(from) : from);
   }
   *at_ = '\0';
   return text_;
@@ -169,35 +178,38 @@ const char* LimitedFormat::copy(unsigned directives) {
 
 // %[position$][flags][width][.precision][size of the type]type
 const char* LimitedFormat::copyDirective(const char* from) {
-  from = copyBytes(from, 1);
-  const std::size_t position = std::strspn(from, DIGITS);
-  if (from[position] == '$') from = copyBytes(from, position + 1);
+  from = copyOne(from);
+  const char* position = from;
+  while (isDigit(*position)) position++;
+  if (*position == '$') from = copyOne(copyWhile(isDigit, from));
   unsigned width = 0, precision = 0;
-  from = copyNumber(copyRun(from, " +-#0'I"), width);
+  from = copyNumber(copyWhile(isFlag, from), width);
   const bool hasPrecision = *from == '.';
-  if (hasPrecision) from = copyNumber(copyBytes(from, 1), precision);
-  const std::size_t typeSize = std::strspn(from, "hlLqjztZ");
-  const char type = from[typeSize];
-  if (!hasPrecision && (type == 's' || type == 'S')) {
+  if (hasPrecision) from = copyNumber(copyOne(from), precision);
+  const char* type = from;
+  while (isTypeSize(*type)) type++;
+  if (!hasPrecision && (*type == 's' || *type == 'S')) {
     *at_++ = '.';
     put(std::max({roomSize_, width, SMALLEST}));
   }
-  return copyBytes(from, typeSize + (type != '\0'));
+  from = copyWhile(isTypeSize, from);
+  return *from != '\0' ? copyOne(from) : from;
 }
 
 // A width or a precision, which may be missing. Takes a `*` for the largest.
 const char* LimitedFormat::copyNumber(const char* from, unsigned& number) {
-  number = limit_;
-  if (*from == '*') return copyRun(copyRun(copyBytes(from, 1), DIGITS), "$");
-  const std::size_t size = std::strspn(from, DIGITS);
-  if (size == 0) {
-    number = 0;
-  } else {
-    number =
-        static_cast<unsigned>(std::min<unsigned long>(std::strtoul(from, nullptr, 10), limit_));
-    put(number);
+  if (*from == '*') {
+    number = limit_;
+    from = copyWhile(isDigit, copyOne(from));
+    return *from == '$' ? copyOne(from) : from;
   }
-  return from + size;
+  if (!isDigit(*from)) return from;
+  for (; isDigit(*from); from++) {
+    const auto digit = static_cast<unsigned>(*from - '0');
+    number = number > (limit_ - digit) / 10 ? limit_ : number * 10 + digit;
+  }
+  put(number);
+  return from;
 }
 
 // Where an argument makes a directive too long, the text ends before it.

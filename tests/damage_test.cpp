@@ -59,7 +59,7 @@ Word wordOf(const char* head, unsigned offset, Kind kind, bool isOfChain, unsign
   return {const_cast<char*>(head) + offset, head, kind, isOfChain, OpenArena::wordAt(head), bytes};
 }
 
-// What the arena keeps beside heads and tails.
+// The words that the arena keeps beside heads and tails.
 void addOwnWords(std::vector<Word>& words, const OpenArena& arena) {
   for (const auto& block : arena.chain()) {
     if (block.busy()) continue;
@@ -161,7 +161,7 @@ struct Damage : testing::Test {
   }
   static std::uintptr_t addressOf(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
 
-  // What the words of the arena do not contradict: a colour, the head of a small block of another
+  // Damage that no word of the arena contradicts: a colour, the head of a small block of another
   // class, and the lowest bit of a tail, which says nothing.
   static bool isPlausible(const Word& word, unsigned was, unsigned now) {
     if (word.kind_ != Kind::HEAD) return word.kind_ == Kind::TAIL && (was ^ now) == 1;
@@ -217,7 +217,7 @@ struct Damage : testing::Test {
       free(i);
       if (!word.isOfChain_) expectNamed(word);
     }
-    // What is free is asked for: by its size, and as a page.
+    // Free blocks are asked for by their size, and as a page.
     for (unsigned i = 0; i < 3; i++) alloc(std::max(word.size_, 40u) - 8);
     for (unsigned i = 0; i < 20 && word.size_ > 10000; i++) alloc(500);
     for (unsigned i = 0; i < 30; i++) {

@@ -10,7 +10,7 @@
 // It is not fair: a task that comes at the right moment passes those that sleep.
 //
 // May be called from any task. In the child of a fork the task that forked has the id that it had
-// in the parent: what it held it holds, as often as it entered. What others held is free. The
+// in the parent: what it held it holds, as often as it entered. Locks of others are free. The
 // counter is atomic because a fork may copy it while its task changes it.
 #include <atomic>
 

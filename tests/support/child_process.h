@@ -1,8 +1,8 @@
 // child_process.h: runs a piece of a test in a forked child and tells how it ended and what it
 // said.
 //
-// The child has 20 seconds, and leaves by the end of `body`, whose result is its exit status. A body
-// that crashes, hangs or is killed gives a negative status, that of the signal.
+// The child has 20 seconds, and leaves by the end of `body`, whose result is its exit status. A
+// body that crashes, hangs or is killed gives a negative status, that of the signal.
 #pragma once
 
 #include <errno.h>

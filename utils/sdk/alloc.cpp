@@ -272,8 +272,8 @@ unsigned MemoryAllocator::_free(void* mem) {
 // behind. Where it stands between the same neighbours in the order, it takes over the node's place
 // in the tree, which saves a removal and an insertion.
 //
-// What a path has refused is reported after the step, and the tree is built anew of its sound
-// nodes. A step that could not be done is then done again.
+// A node that a path has refused is reported after the step, and the tree is rebuilt from its sound
+// nodes. A step that could not be done is then repeated.
 
 bool Arena::isWholeFree(const MemoryAllocator& a, const MemHead* h) {
   return isFree(a, h, SMALLEST_LARGE);

@@ -31,10 +31,10 @@
 // Bytes are counted by block size, in 32-bit totals. The caller serialises; see allocator.h.
 //
 // Damage. Whatever a program writes over this bookkeeping, nothing outside of the arena is read or
-// written, and a block whose words disagree is reported and left alone: it fails an assertion,
-// which stops the process unless it was told to go on, and then its memory is lost. What the words
-// do not show is not noticed: another colour, or the head word of another small class in a small
-// block. In a chain that was cut, a head is not known to lie outside.
+// written. A block whose words disagree is reported and left alone: it fails an assertion, which
+// stops the process by default, and its memory is lost. Damage that the words do not show is not
+// noticed: another colour, or the head word of another small class in a small block. In a chain
+// that was cut, a head is not known to lie outside.
 #pragma once
 
 #include <cstddef>
@@ -79,8 +79,8 @@ struct YUTILS_EXPORT MemoryAllocator : Allocator {
   // YSYS_ASSERT says otherwise.
   void* alloc(unsigned size, unsigned color) override;
   void* alloc(unsigned size) override;
-  // Does nothing for null. What is no busy block of this arena, or large and written past its end,
-  // is reported, fails an assertion and is left alone.
+  // Does nothing for null. A pointer to no busy block of this arena, or to a large block that was
+  // written past its end, is reported, fails an assertion and is left alone.
   void free(void* mem) override;
 
   // For a pointer that alloc() returned. The three give 0, 0 and false for null, for what lies not
@@ -131,9 +131,9 @@ struct YUTILS_EXPORT MemoryAllocator : Allocator {
   void report();
 
  protected:
-  // What runs with the lock held by the caller. Blocks are passed by their heads. The allocator's
-  // own operations take shorter ways to the same results (Arena in alloc.cpp): these are for
-  // classes that derive from it.
+  // These run with the lock held by the caller. Blocks are passed by their heads. The operations
+  // above take shorter ways to the same results (Arena in alloc.cpp): these are for classes that
+  // derive from it.
 
   void* _alloc(unsigned size, unsigned color);
   unsigned _free(void* mem);  // gives the block's size

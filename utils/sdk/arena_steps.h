@@ -141,8 +141,8 @@ struct ArenaSteps {
   }
 
   // A block of at least `least` bytes and with a tail, busy and colourless from then on, and off
-  // the total of its colour. What is no such block fails the assertion "busy(h)"; a tail that does
-  // not fit fails `tailFits`.
+  // the total of its colour. Any other block fails the assertion "busy(h)"; a tail that does not
+  // fit fails `tailFits`.
   template <class A>
   static Returned takeBack(A& a, void* mem, unsigned least, const char* tailFits,
                            const char* source) {

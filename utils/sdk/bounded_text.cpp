@@ -101,7 +101,8 @@ bool QuickText::directive(const char*& format, std::va_list& args) {
 // --- All others ---
 
 // A copy of a format in which widths and texts are limited, to what a room does not show and to
-// what all directives together may give. What a `*` takes from an argument is left to the argument.
+// what all directives together may give. A `*` takes its number from the argument, which is not
+// limited.
 struct LimitedFormat {
   LimitedFormat(const char* format, unsigned roomSize);
   ~LimitedFormat() {

@@ -11,9 +11,9 @@
 // is. The hub is made, if there is none, by the first lock.
 //
 // enter and exit may be called from any task; with their lines on, while nobody changes the hub
-// (log.h). In the child of a fork the task that forked holds what it held, and what other tasks held
-// is free (ysys.h). A copy refers to the same system object, and the last one ends it; copying and
-// ending copies is serialised by the caller.
+// (log.h). In the child of a fork the task that forked holds what it held, and what other tasks
+// held is free (ysys.h). A copy refers to the same system object, and the last one ends it; copying
+// and ending copies is serialised by the caller.
 #pragma once
 
 #include <cstddef>

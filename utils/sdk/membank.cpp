@@ -257,8 +257,8 @@ const MemoryBank::MemHead* Bank::damagedOf(const MemoryBank& b, Place place) {
 }
 
 // Reports the block, and makes the bins and the totals anew of the free blocks that can still be
-// reached and are whole. What the bins hold counts as busy for the moment: no block comes twice,
-// and what is free in the chain then is lost. It stays busy, so that no neighbour joins it.
+// reached and are whole. The blocks of the bins count as busy for the moment: no block comes twice,
+// and a block that is free in the chain then is lost. It stays busy, so that no neighbour joins it.
 [[gnu::cold, gnu::noinline]] void Bank::repair(MemoryBank& b, Place place) {
   brokenBlock("isWhole(h)", SOURCE, __LINE__, damagedOf(b, place));
   FreeSums sums;

@@ -70,7 +70,7 @@ struct YUTILS_EXPORT MemoryBank : Allocator {
   void* firstBlock() const;
   void* nextBlock(const void* mem) const;
   void checkArena() const;  // walks the chain and the bins, then compares the totals
-  void report();  // without the line of totals
+  void report();            // without the line of totals
 
  protected:
   // A block as far as it is free; in a busy one only the head word counts. Packed like the other

@@ -11,7 +11,7 @@
 //
 // A task's last error stays with its id when the task ends, and a new task that gets the id begins
 // with it; a task that forks has it in the child, too. Where there is no memory for what is to be
-// kept, it is not kept, and nothing is told.
+// kept, it is not kept, and nothing is reported.
 //
 // All tasks share one table of texts, one of last errors and one list of listeners, which reading
 // changes too: the caller serialises everything here but succeeded.

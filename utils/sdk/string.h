@@ -373,7 +373,7 @@ Text operator+(StringChar a, const Text& b) {
   return static_cast<char>(a) + b;
 }
 
-// What converts to a String, as the left operand of a comparison.
+// A value that converts to a String, as the left operand of a comparison.
 struct StringOperand {
   template <class T, class = std::enable_if_t<std::is_convertible_v<const T&, String> &&
                                               !std::is_same_v<T, SubString>>>

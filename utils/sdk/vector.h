@@ -46,7 +46,7 @@ struct TemplOps {
 
 // The untyped core. `ops` is the table of the vector, `self` the address of the typed object;
 // `item` and `items` are elements of its type, and may lie in the vector itself where nothing else
-// is told; null items are none.
+// is said; null items are none.
 struct YUTILS_EXPORT VectorBase {
   VectorBase() { init(); }
 

@@ -7,7 +7,7 @@
 //
 // In the child of a fork the task that forked keeps its identity and all that it held, as often as
 // it had entered; scopes may span the fork, and handlers of pthread_atfork may enter before it and
-// leave after it. What other tasks held is free. Set events stay set, and nobody waits.
+// leave after it. Locks of other tasks are free. Set events stay set, and nobody waits.
 //
 // No operation is a cancellation point: a task that is cancelled in one finishes it, and one that
 // is cancelled while it waits goes on waiting.

@@ -29,12 +29,10 @@ namespace Utils {
 // Bytes in free blocks, counted anew.
 struct FreeSums {
   void add(unsigned size, unsigned label) {
-    count_++;
     total_ += size;
     colors_[label & COLOR_MASK] += size;
   }
 
-  unsigned count_ = 0;
   unsigned total_ = 0;
   unsigned colors_[COLOR_MASK + 1] = {};
 };
@@ -62,14 +60,6 @@ struct ArenaSteps {
     return addressOf(address) >= addressOf(a.firstHead_) &&
            addressOf(address) < addressOf(a.endHead_);
   }
-  // Whether a free block can lie at `head`. Requires: the chain has blocks.
-  template <class A>
-  static bool isLink(const A& a, const void* head) {
-    const std::uintptr_t first = addressOf(a.firstHead_);
-    const std::uintptr_t last = (addressOf(a.endHead_) - first - SMALLEST_BLOCK) / ALIGN;
-    return std::rotr(addressOf(head) - first, 3) <= last;
-  }
-
   // --- Out of the free blocks, to the caller ---
 
   // A chunk from the parent, cut to a busy block of `amt` bytes; null, nothing changed, when there

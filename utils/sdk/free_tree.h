@@ -82,8 +82,9 @@ struct FreeGuard {
   }
   static void passed(const WTreeNodeBase*) {}
   void refuse(const WTreeNodeBase* parent, const WTreeNodeBase* node) {
-    if (!refused_) refusedBelow_ = parent;
-    if (!refused_) refused_ = node;
+    if (refused_) return;
+    refused_ = node;
+    refusedBelow_ = parent;
   }
   bool isSound() const { return !refused_; }
 

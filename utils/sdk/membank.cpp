@@ -44,7 +44,9 @@ struct Bank : ArenaSteps {
   static void link(MemoryBank& b, MemHead* h, int bin);
   static void unlink(MemoryBank& b, MemHead* h, int bin);
 
-  static bool canBe(const MemoryBank& b, const MemHead* h) { return isLink(b, h) || b.cut_; }
+  static bool canBe(const MemoryBank& b, const MemHead* h) {
+    return Chain::Places(chain(b), SMALLEST_BLOCK).has(addressOf(h));
+  }
   static bool isLinked(const MemoryBank& b, Place place);
   static bool isWhole(const MemoryBank& b, Place place);
   static bool holds(const MemoryBank& b, MemHead* h);

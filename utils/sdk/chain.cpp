@@ -31,10 +31,7 @@ bool Chain::valid(const void* mem) const {
   if (!holdsBusy(mem)) return false;
   const void* head = headOfMemory(mem);
   const unsigned word = wordAt(head) & SIZE_MASK;
-  const unsigned size = word - 1;
-  if (size == 0 || size % ALIGN != 0) return false;
-  if (size > addressOf(end_) - addressOf(head)) return false;
-  return wordAt(behind(head, size - 4)) == word;
+  return fits(head, word - 1, ALIGN) && wordAt(behind(head, word - 5)) == word;
 }
 
 unsigned Chain::setColor(void* mem, unsigned color, unsigned* totals) const {
@@ -97,17 +94,18 @@ const void* Chain::after(const void* head) const {
 // A block that leads past `head`, or has no size that can be true, is the damaged one.
 const void* Chain::blockBefore(const void* head) const {
   const void* at = first_;
-  while (holds(at) && addressOf(at) < addressOf(head)) {
-    const void* next = behind(at, sizeOf(wordAt(at)));
-    if (!canBeHead(at) || addressOf(next) >= addressOf(head)) return at;
+  while (addressOf(at) < addressOf(head)) {
+    const void* next = after(at);
+    if (!next || addressOf(next) >= addressOf(head)) return at;
     at = next;
   }
   return head;
 }
 
 bool Chain::leadsTo(const void* head) const {
-  const void* before = blockBefore(head);
-  return head == first_ || (before != head && behind(before, sizeOf(wordAt(before))) == head);
+  const void* at = first_;
+  while (at && addressOf(at) < addressOf(head)) at = after(at);
+  return at == head;
 }
 
 void Chain::report(const char* source) const {

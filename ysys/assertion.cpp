@@ -13,7 +13,7 @@
 
 #include "utils/sdk/platform.h"
 #include "utils/sdk/ysys.h"
-#include "ysys/voice.h"
+#include "ysys/stderr_report.h"
 
 namespace ysys {
 namespace {
@@ -55,7 +55,7 @@ void YfAssert__(const char* condition, const char* file, unsigned int line) noex
   const bool stops = !goesOn && (exhaustion == nullptr || isChosen("stop"));
   if (!goesOn && !stops && exhaustion->wasPrinted_.exchange(true)) return;
   const NumberText lineText(line, 10);
-  say({"assertion failed: ", condition, ", ", file, ":", lineText.text(), "\n"});
+  report({"assertion failed: ", condition, ", ", file, ":", lineText.text(), "\n"});
   if (stops) abort();
 }
 

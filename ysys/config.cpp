@@ -11,20 +11,16 @@
 //
 // May be called from any task. What is told once is remembered as marks in a table without a lock;
 // when 64 were told, the rest stays untold.
-#include "ysys/posix.h"
-
-#include <fcntl.h>
 #include <limits.h>
 #include <stdint.h>
-#include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <atomic>
 
 #include "utils/sdk/ysys.h"
-#include "ysys/voice.h"
+#include "ysys/caller_state.h"
+#include "ysys/settings_source.h"
+#include "ysys/stderr_report.h"
 
 namespace ysys {
 namespace {
@@ -44,15 +40,15 @@ bool endsLine(int byte) { return byte == '\n' || byte == END_OF_FILE; }
 // the file.
 class Reader {
  public:
-  explicit Reader(int descriptor) : descriptor_(descriptor) {
+  explicit Reader(const SettingsFile& file) : file_(file) {
     fill();
     if (end_ < 3 || memcmp(buffer_, "\xef\xbb\xbf", 3) != 0) return;
     at_ = 2;
     next();
   }
-  int error() const { return error_; }  // of the system, 0 for none
+  const char* error() const { return error_; }  // null if there was none
   int byte() const { return at_ < end_ ? static_cast<unsigned char>(buffer_[at_]) : END_OF_FILE; }
-  off_t position() const { return base_ + static_cast<off_t>(at_); }
+  uint64_t position() const { return base_ + at_; }
   void next() {
     if (++at_ >= end_) fill();
   }
@@ -67,21 +63,17 @@ class Reader {
  private:
   void fill();
 
-  int descriptor_;
-  int error_ = 0;
-  off_t base_ = 0;
+  const SettingsFile& file_;
+  const char* error_ = nullptr;
+  uint64_t base_ = 0;
   size_t at_ = 0;
   size_t end_ = 0;
   char buffer_[1024];
 };
 
 void Reader::fill() {
-  base_ += static_cast<off_t>(end_);
-  ssize_t count;
-  do {
-    count = read(descriptor_, buffer_, sizeof buffer_);
-  } while (count == -1 && errno == EINTR);
-  if (count == -1) error_ = errno;
+  base_ += end_;
+  const int64_t count = file_.readAt(base_, buffer_, sizeof buffer_, error_);
   at_ = 0;
   end_ = count > 0 ? static_cast<size_t>(count) : 0;
 }
@@ -105,33 +97,13 @@ bool isFirst(const char* key, const char* complaint) {
 
 void reportFile(const char* path, const char* reason) {
   if (isFirst(path, reason))
-    say({"ysys: cannot read the settings file ", path, ": ", reason, "\n"});
-}
-
-// Returns -1, the reason reported, where the file cannot be opened or is no regular one.
-int openSettings(const char* path) {
-  const int file = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-  struct stat status;
-  if (file == -1 || fstat(file, &status) != 0) {
-    reportFile(path, strerrordesc_np(errno));
-  } else if (!S_ISREG(status.st_mode)) {
-    reportFile(path, "it is not a regular file");
-  } else {
-    return file;
-  }
-  if (file != -1) close(file);
-  return -1;
+    report({"ysys: cannot read the settings file ", path, ": ", reason, "\n"});
 }
 
 // Where the text of a setting stands: in the environment or in the file, which it keeps open.
 class Setting {
  public:
   explicit Setting(const char* key);
-  ~Setting() {
-    if (file_ != -1) close(file_);
-  }
-  Setting(const Setting&) = delete;
-  Setting& operator=(const Setting&) = delete;
 
   bool isThere() const { return isThere_; }
   size_t length() const { return length_; }
@@ -148,8 +120,8 @@ class Setting {
   bool isThere_ = false;
   const char* text_ = nullptr;
   const char* path_ = nullptr;
-  int file_ = -1;
-  off_t start_ = 0;
+  SettingsFile file_;
+  uint64_t start_ = 0;
   size_t length_ = 0;
 };
 
@@ -157,18 +129,22 @@ Setting::Setting(const char* key) {
   if (key == nullptr || *key == '\0') return;
   findInEnvironment(key);
   if (isThere_) return;
-  path_ = secure_getenv("YSYS_CONFIG");
-  if (path_ != nullptr && *path_ != '\0') file_ = openSettings(path_);
-  if (file_ != -1) findInFile(key);
+  path_ = environmentValue("YSYS_CONFIG");
+  if (path_ == nullptr || *path_ == '\0') return;
+  if (const char* reason = file_.open(path_)) {
+    reportFile(path_, reason);
+  } else {
+    findInFile(key);
+  }
 }
 
 void Setting::findInEnvironment(const char* key) {
   char underscored[256];
   const size_t size = strlen(key) + 1;
-  text_ = secure_getenv(key);
+  text_ = environmentValue(key);
   if (text_ == nullptr && size <= sizeof underscored) {
     for (size_t i = 0; i < size; ++i) underscored[i] = key[i] == '.' ? '_' : key[i];
-    text_ = secure_getenv(underscored);
+    text_ = environmentValue(underscored);
   }
   isThere_ = text_ != nullptr;
   length_ = isThere_ ? strlen(text_) : 0;
@@ -180,9 +156,9 @@ void Setting::findInFile(const char* key) {
     isThere_ = takeLine(reader, key);
     if (!isThere_) reader.skipLine();
   }
-  if (reader.error() == 0) return;
+  if (reader.error() == nullptr) return;
   isThere_ = false;
-  reportFile(path_, strerrordesc_np(reader.error()));
+  reportFile(path_, reader.error());
 }
 
 bool Setting::takeLine(Reader& reader, const char* key) {
@@ -203,15 +179,15 @@ bool Setting::takeLine(Reader& reader, const char* key) {
 }
 
 bool Setting::copyTo(char* buffer) const {
+  buffer[length_] = '\0';
   if (text_ != nullptr) {
     memcpy(buffer, text_, length_);
-  } else if (const ssize_t count = pread(file_, buffer, length_, start_);
-             count != static_cast<ssize_t>(length_)) {
-    reportFile(path_, count == -1 ? strerrordesc_np(errno) : "it changes while it is read");
-    return false;
+    return true;
   }
-  buffer[length_] = '\0';
-  return true;
+  const char* reason = "it changes while it is read";
+  if (file_.readAt(start_, buffer, length_, reason) == static_cast<int64_t>(length_)) return true;
+  reportFile(path_, reason);
+  return false;
 }
 
 bool isDigit(char byte) { return byte >= '0' && byte <= '9'; }
@@ -233,8 +209,9 @@ bool readNumber(const char* text, int* value) {
   return true;
 }
 
-int absentAfterTelling(const char* key, const char* complaint) {
-  if (isFirst(key, complaint)) say({"ysys: setting ", key, " ", complaint, "; it is not used\n"});
+int absentAfterReport(const char* key, const char* complaint) {
+  if (isFirst(key, complaint))
+    report({"ysys: setting ", key, " ", complaint, "; it is not used\n"});
   return ABSENT;
 }
 
@@ -244,21 +221,21 @@ int absentAfterTelling(const char* key, const char* complaint) {
 using namespace ysys;
 
 int YIF_GetConfigNumber(const char* key, int* value) noexcept {
-  const KeepErrno keep;
+  const ErrnoSaver saver;
   const NoCancellation whole;
   const Setting setting(key);
   if (!setting.isThere()) return ABSENT;
   char text[NUMBER_TEXT_MAX + 1] = "";
   if (setting.length() <= NUMBER_TEXT_MAX && !setting.copyTo(text)) return ABSENT;
   if (readNumber(text, value)) return FOUND;
-  return absentAfterTelling(key, "is not a 32-bit decimal number");
+  return absentAfterReport(key, "is not a 32-bit decimal number");
 }
 
 int YIF_GetConfigString(const char* key, char* buffer, unsigned int capacity) noexcept {
-  const KeepErrno keep;
+  const ErrnoSaver saver;
   const NoCancellation whole;
   const Setting setting(key);
   if (!setting.isThere()) return ABSENT;
-  if (setting.length() >= capacity) return absentAfterTelling(key, "is too long a text");
+  if (setting.length() >= capacity) return absentAfterReport(key, "is too long a text");
   return setting.copyTo(buffer) ? FOUND : ABSENT;
 }

@@ -45,7 +45,7 @@ constexpr uint64_t withLowerHalf(uint64_t state, uint32_t lower) {
 
 class Event {
  public:
-  void begin(bool manualReset, bool initiallySet, bool newcomersPass);
+  void init(bool manualReset, bool initiallySet, bool newcomersPass);
   void set();
   void reset();
   bool wait(Deadline deadline);
@@ -82,7 +82,7 @@ class Event {
   std::atomic<uint32_t> taker_{0};  // of a cooperative event: went through last, 0 after a set
 };
 
-void Event::begin(bool manualReset, bool initiallySet, bool newcomersPass) {
+void Event::init(bool manualReset, bool initiallySet, bool newcomersPass) {
   manualReset_ = manualReset;
   newcomersPass_ = newcomersPass;
   isTicket_ = newcomersPass && initiallySet && !manualReset;
@@ -130,7 +130,7 @@ bool Event::wait(Deadline deadline) {
 }
 
 bool Event::waitLonger(Deadline deadline) {
-  if (passesSoon([&] { return goThrough(); })) return true;
+  if (spinUntil([&] { return goThrough(); })) return true;
   mendNewChild();
   return manualReset_ ? waitForSet(deadline) : waitForPass(deadline);
 }
@@ -202,7 +202,7 @@ constinit HandleTable<Event, EVENT> _events;
 constinit HandleTable<Event, COOPERATIVE_EVENT> _cooperativeEvents;
 
 YIF_Handle orStop(YIF_Handle made, const char* operation) {
-  if (made == 0) sayAndStop({"ysys: ", operation, ": no room for another event\n"});
+  if (made == 0) reportAndStop({"ysys: ", operation, ": no room for another event\n"});
   return made;
 }
 
@@ -222,7 +222,7 @@ YIF_Handle YIF_CreateEvent(int manualReset, int initiallySet) noexcept {
   return orStop(_events.create(manualReset != 0, initiallySet != 0, false), __func__);
 }
 
-void YIF_DestroyEvent(YIF_Handle event) noexcept { _events.end(event, __func__); }
+void YIF_DestroyEvent(YIF_Handle event) noexcept { _events.destroy(event, __func__); }
 
 void YIF_SetEvent(YIF_Handle event) noexcept { _events.at(event, __func__).set(); }
 
@@ -238,7 +238,9 @@ YIF_Handle YIF_CreateEventCoop(int manualReset, int initiallySet) noexcept {
   return orStop(_cooperativeEvents.create(manualReset != 0, initiallySet != 0, true), __func__);
 }
 
-void YIF_DestroyEventCoop(YIF_Handle event) noexcept { _cooperativeEvents.end(event, __func__); }
+void YIF_DestroyEventCoop(YIF_Handle event) noexcept {
+  _cooperativeEvents.destroy(event, __func__);
+}
 
 void YIF_SetEventCoop(YIF_Handle event) noexcept {
   _cooperativeEvents.at(event, __func__).setAsTicket();

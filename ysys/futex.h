@@ -27,7 +27,7 @@ bool futexSleep(const void* word, uint32_t seen, Deadline deadline);
 void futexWake(const void* word, int count);
 
 // How often a task looks again before it sleeps: 0 where there is one processor only.
-extern unsigned _looks;
+extern unsigned _spins;
 
 inline void pauseProcessor() {
 #if defined(__x86_64__) || defined(__i386__)
@@ -39,8 +39,8 @@ inline void pauseProcessor() {
 
 // Calls `pass` until it gives true or the looks are used up; gives what it gave last.
 template <class Pass>
-bool passesSoon(Pass pass) {
-  for (unsigned i = 0; i < _looks; ++i) {
+bool spinUntil(Pass pass) {
+  for (unsigned i = 0; i < _spins; ++i) {
     pauseProcessor();
     if (pass()) return true;
   }

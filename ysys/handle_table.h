@@ -1,16 +1,17 @@
 // handle_table.h: the objects of one kind, and the handles under which callers know them.
 //
-// A handle is kind << 28 | turn << 22 | index: the index names a slot, the turn counts how often
-// the slot was used before, and the kind (1 to 7) keeps the handles of different tables apart. So
-// none is 0 or has bit 31. Event (kind 3), slot 5, used for the second time, is 0x30400005.
+// A handle is kind << 28 | generation << 22 | index: the index names a slot, the generation counts
+// how often the slot was used before, and the kind (1 to 7) keeps the handles of different tables
+// apart. So none is 0 or has bit 31. Event (kind 3), slot 5, used for the second time, is
+// 0x30400005.
 //
 // Slots lie in segments of 256 that are mapped as needed and never move or go. A live slot's word
-// is its handle; a freed one's is the coming turn << 22 | next freed slot: slot 5, freed again and
-// last in the queue, is 0x00bfffff. As no slot comes next to itself, only a live slot's word is
-// ever equal to a handle that leads to the slot, and one comparison tells whether a handle is good.
-// A handle comes back after its slot was taken 64 times. The queue keeps 256 slots waiting as long
-// as there is memory for more. So all but the first of these times need 256 creations each, and at
-// least 16128 other handles are given before one comes back.
+// is its handle; a freed one's is the coming generation << 22 | next freed slot: slot 5, freed
+// again and last in the queue, is 0x00bfffff. As no slot comes next to itself, only a live slot's
+// word is ever equal to a handle that leads to the slot, and one comparison tells whether a handle
+// is good. A handle comes back after its slot was taken 64 times. The queue keeps 256 slots waiting
+// as long as there is memory for more. So all but the first of these times need 256 creations each,
+// and at least 16128 other handles are given before one comes back.
 //
 // Not a container: it owns the slots and never runs over what is live, but for the fork. Looking up
 // is free of locks and safe from any task; creating and ending serialise themselves.
@@ -21,7 +22,6 @@
 #pragma once
 
 #include <stdint.h>
-#include <sys/mman.h>
 
 #include <atomic>
 #include <mutex>
@@ -30,7 +30,8 @@
 
 #include "utils/sdk/ysys.h"
 #include "ysys/inner_lock.h"
-#include "ysys/voice.h"
+#include "ysys/pages.h"
+#include "ysys/stderr_report.h"
 
 namespace ysys {
 
@@ -39,11 +40,11 @@ enum Kind : uint32_t { MUTEX = 1, CRITICAL_SECTION, EVENT, COOPERATIVE_EVENT, OP
 [[noreturn]] __attribute__((cold, noinline)) inline void stopForBadHandle(YIF_Handle handle,
                                                                           const char* operation) {
   const NumberText number(handle, 16);
-  sayAndStop({"ysys: ", operation, ": ", number.text(),
-              " is no handle of this family; it is stale, or of another kind\n"});
+  reportAndStop({"ysys: ", operation, ": ", number.text(),
+                 " is no handle of this family; it is stale, or of another kind\n"});
 }
 
-// requires: T has no destructor to run, and has an operation `begin` that makes it as new
+// requires: T has no destructor to run, and has an operation `init` that makes it as new
 template <class T, Kind KIND>
 class HandleTable {
  public:
@@ -56,7 +57,7 @@ class HandleTable {
   YIF_Handle create(Arguments... arguments);
 
   // Ends the object; `operation` is named when there is none.
-  void end(YIF_Handle handle, const char* operation);
+  void destroy(YIF_Handle handle, const char* operation);
 
   // The object; stops, naming `operation`, when there is none.
   __attribute__((always_inline)) T& at(YIF_Handle handle, const char* operation) {
@@ -71,12 +72,13 @@ class HandleTable {
 
  private:
   static constexpr uint32_t KIND_SHIFT = 28;
-  static constexpr uint32_t TURN_SHIFT = 22;
+  static constexpr uint32_t GENERATION_SHIFT = 22;
   static constexpr uint32_t SEGMENT_SHIFT = 8;
   static constexpr uint32_t SEGMENT_SLOTS = 1u << SEGMENT_SHIFT;
-  static constexpr uint32_t SEGMENT_COUNT = 1u << (TURN_SHIFT - SEGMENT_SHIFT);
-  static constexpr uint32_t NO_SLOT = (1u << TURN_SHIFT) - 1;  // so the last index is never used
-  static constexpr uint32_t TURN_MASK = (1u << KIND_SHIFT) - (1u << TURN_SHIFT);
+  static constexpr uint32_t SEGMENT_COUNT = 1u << (GENERATION_SHIFT - SEGMENT_SHIFT);
+  static constexpr uint32_t NO_SLOT =
+      (1u << GENERATION_SHIFT) - 1;  // so the last index is never used
+  static constexpr uint32_t GENERATION_MASK = (1u << KIND_SHIFT) - (1u << GENERATION_SHIFT);
 
   // One slot a cache line, so that tasks busy with different objects do not slow each other down.
   struct alignas(64) Slot {
@@ -93,7 +95,7 @@ class HandleTable {
     return segment[index & (SEGMENT_SLOTS - 1)];
   }
   __attribute__((always_inline)) Slot* find(YIF_Handle handle);  // null if the handle is bad
-  bool endIfFound(YIF_Handle handle);
+  bool destroyIfFound(YIF_Handle handle);
   void queueFreed(uint32_t index);
   uint32_t takeSlot();
   bool addSegment();
@@ -129,26 +131,26 @@ YIF_Handle HandleTable<T, KIND>::create(Arguments... arguments) {
   const uint32_t index = takeSlot();
   if (index == NO_SLOT) return 0;
   Slot& taken = slot(index);
-  const uint32_t turn = get(taken.word_) & TURN_MASK;
-  const YIF_Handle handle = KIND << KIND_SHIFT | turn | index;
-  taken.object_.begin(arguments...);
+  const uint32_t generation = get(taken.word_) & GENERATION_MASK;
+  const YIF_Handle handle = KIND << KIND_SHIFT | generation | index;
+  taken.object_.init(arguments...);
   put(taken.word_, handle);
   return handle;
 }
 
 template <class T, Kind KIND>
-void HandleTable<T, KIND>::end(YIF_Handle handle, const char* operation) {
-  if (!endIfFound(handle)) stopForBadHandle(handle, operation);
+void HandleTable<T, KIND>::destroy(YIF_Handle handle, const char* operation) {
+  if (!destroyIfFound(handle)) stopForBadHandle(handle, operation);
 }
 
 // A handler for the stop may use the table, so nothing stops while the lock is held.
 template <class T, Kind KIND>
-bool HandleTable<T, KIND>::endIfFound(YIF_Handle handle) {
+bool HandleTable<T, KIND>::destroyIfFound(YIF_Handle handle) {
   const std::lock_guard<InnerLock> guard(mutex_);
-  Slot* ended = find(handle);
-  if (ended == nullptr) return false;
-  const uint32_t nextTurn = (handle + (1u << TURN_SHIFT)) & TURN_MASK;
-  put(ended->word_, nextTurn | NO_SLOT);
+  Slot* found = find(handle);
+  if (found == nullptr) return false;
+  const uint32_t nextGeneration = (handle + (1u << GENERATION_SHIFT)) & GENERATION_MASK;
+  put(found->word_, nextGeneration | NO_SLOT);
   queueFreed(handle & NO_SLOT);
   return true;
 }
@@ -160,7 +162,7 @@ void HandleTable<T, KIND>::queueFreed(uint32_t index) {
     put(firstFreed_, index);
   } else {
     std::atomic<uint32_t>& last = slot(get(lastFreed_)).word_;
-    put(last, (get(last) & TURN_MASK) | index);
+    put(last, (get(last) & GENERATION_MASK) | index);
   }
   put(lastFreed_, index);
   put(freed_, waiting + 1);
@@ -184,10 +186,8 @@ template <class T, Kind KIND>
 bool HandleTable<T, KIND>::addSegment() {
   const uint32_t mapped = get(mapped_);
   if (mapped + SEGMENT_SLOTS > NO_SLOT) return false;
-  void* memory = mmap(nullptr, SEGMENT_SLOTS * sizeof(Slot), PROT_READ | PROT_WRITE,
-                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (memory == MAP_FAILED) return false;
-  Slot* segment = static_cast<Slot*>(memory);
+  Slot* segment = static_cast<Slot*>(mapPages(SEGMENT_SLOTS * sizeof(Slot)));
+  if (segment == nullptr) return false;
   for (uint32_t i = 0; i < SEGMENT_SLOTS; ++i) ::new (segment + i) Slot;
   segments_[mapped >> SEGMENT_SHIFT].store(segment, std::memory_order_release);
   put(mapped_, mapped + SEGMENT_SLOTS);

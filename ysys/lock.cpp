@@ -25,7 +25,7 @@ namespace {
 
 class Lock {
  public:
-  void begin();
+  void init();
   void enter();
   bool exit();  // gives false, and changes nothing, when the calling task does not hold it
   void mend(uint32_t me);  // in the child of a fork: free unless the calling task holds it
@@ -45,7 +45,7 @@ class Lock {
   std::atomic<uint32_t> again_{0};
 };
 
-void Lock::begin() {
+void Lock::init() {
   again_.store(0, std::memory_order_relaxed);
   word_.store(0, std::memory_order_relaxed);
 }
@@ -74,13 +74,13 @@ void Lock::mend(uint32_t me) {
   if ((word_.load(std::memory_order_relaxed) & ~SLEEPERS) == me) {
     word_.store(me, std::memory_order_relaxed);
   } else {
-    begin();
+    init();
   }
 }
 
 // Whoever has slept takes the lock with the bit, since others may sleep still.
 void Lock::enterContended(uint32_t me) {
-  if (passesSoon([&] { return takeIfFree(me); })) return;
+  if (spinUntil([&] { return takeIfFree(me); })) return;
   mendNewChild();
   while (!takeIfFree(me | SLEEPERS)) {
     const uint32_t seen = announceSleeper();
@@ -100,7 +100,7 @@ constinit HandleTable<Lock, MUTEX> _mutexes;
 constinit HandleTable<Lock, CRITICAL_SECTION> _sections;
 
 YIF_Handle orStop(YIF_Handle made, const char* operation) {
-  if (made == 0) sayAndStop({"ysys: ", operation, ": no room for another lock\n"});
+  if (made == 0) reportAndStop({"ysys: ", operation, ": no room for another lock\n"});
   return made;
 }
 
@@ -122,7 +122,7 @@ using namespace ysys;
 
 YIF_Handle YIF_CreateMutex() noexcept { return orStop(_mutexes.create(), __func__); }
 
-void YIF_DestroyMutex(YIF_Handle mutex) noexcept { _mutexes.end(mutex, __func__); }
+void YIF_DestroyMutex(YIF_Handle mutex) noexcept { _mutexes.destroy(mutex, __func__); }
 
 void YIF_EnterMutex(YIF_Handle mutex) noexcept { _mutexes.at(mutex, __func__).enter(); }
 
@@ -130,7 +130,9 @@ void YIF_ExitMutex(YIF_Handle mutex) noexcept { exitOrReport(_mutexes.at(mutex, 
 
 YIF_Handle YIF_CreateCriticalSection() noexcept { return orStop(_sections.create(), __func__); }
 
-void YIF_DestroyCriticalSection(YIF_Handle section) noexcept { _sections.end(section, __func__); }
+void YIF_DestroyCriticalSection(YIF_Handle section) noexcept {
+  _sections.destroy(section, __func__);
+}
 
 void YIF_EnterCriticalSection(YIF_Handle section) noexcept {
   _sections.at(section, __func__).enter();

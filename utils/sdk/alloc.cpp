@@ -11,8 +11,8 @@
 #include <cstdio>
 #include <new>
 
-#include "utils/sdk/arena_steps.h"
-#include "utils/sdk/free_tree.h"
+#include "utils/sdk/memory/arena_steps.h"
+#include "utils/sdk/memory/free_tree.h"
 #include "utils/sdk/ysys.h"
 
 namespace Utils {

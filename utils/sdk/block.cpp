@@ -1,9 +1,9 @@
 // block.cpp: the life of the locks that block, and what is told of a violation.
 #include "utils/sdk/block.h"
 
+#include "utils/sdk/logging/trace.h"
 #include "utils/sdk/platform.h"
-#include "utils/sdk/sharers.h"
-#include "utils/sdk/trace.h"
+#include "utils/sdk/sync/shared_handles.h"
 
 namespace Utils {
 
@@ -11,8 +11,8 @@ namespace {
 
 constexpr char SOURCE[] = "utils/sdk/block";
 
-constinit Sharers _events;
-constinit Sharers _sections;
+constinit SharedHandles _events;
+constinit SharedHandles _sections;
 
 }  // namespace
 
@@ -35,7 +35,7 @@ YtLightBLock& YtLightBLock::operator=(const YtLightBLock& other) {
   name_ = other.name_;
   count_ = other.count_;
   owner_ = other.owner_;
-  event_ = shareInstead(_events, event_, other.event_, YIF_DestroyEventCoop);
+  event_ = reassign(_events, event_, other.event_, YIF_DestroyEventCoop);
   return *this;
 }
 
@@ -60,7 +60,7 @@ YtHeavyBLock::YtHeavyBLock(const YtHeavyBLock& other) : section_(other.section_)
 }
 
 YtHeavyBLock& YtHeavyBLock::operator=(const YtHeavyBLock& other) {
-  section_ = shareInstead(_sections, section_, other.section_, YIF_DestroyCriticalSection);
+  section_ = reassign(_sections, section_, other.section_, YIF_DestroyCriticalSection);
   return *this;
 }
 

@@ -1,14 +1,14 @@
 // event.cpp: the life of events.
 #include "utils/sdk/event.h"
 
-#include "utils/sdk/sharers.h"
-#include "utils/sdk/trace.h"
+#include "utils/sdk/logging/trace.h"
+#include "utils/sdk/sync/shared_handles.h"
 
 namespace Utils {
 
 namespace {
 
-constinit Sharers _events;
+constinit SharedHandles _events;
 
 void trace(unsigned line, const char* format, YIF_Handle event) {
   if (!traces(TRACE_LIFETIME)) return;
@@ -35,7 +35,7 @@ WaitableEvent::WaitableEvent(const WaitableEvent& other) : Object(other), event_
 
 WaitableEvent& WaitableEvent::operator=(const WaitableEvent& other) {
   Object::operator=(other);
-  event_ = shareInstead(_events, event_, other.event_, end);
+  event_ = reassign(_events, event_, other.event_, end);
   return *this;
 }
 

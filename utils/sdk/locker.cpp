@@ -1,8 +1,8 @@
 // locker.cpp: the locks and their lines in the log.
 #include "utils/sdk/locker.h"
 
-#include "utils/sdk/sharers.h"
-#include "utils/sdk/trace.h"
+#include "utils/sdk/logging/trace.h"
+#include "utils/sdk/sync/shared_handles.h"
 
 namespace Utils {
 
@@ -23,7 +23,7 @@ struct MutexKind {
   static constexpr char ENTERED[] = "%d Got mutex %ld";
   static constexpr char EXITING[] = "%d Exiting mutex %ld";
 
-  static inline constinit Sharers sharers_;
+  static inline constinit SharedHandles shared_;
 };
 
 struct SectionKind {
@@ -37,7 +37,7 @@ struct SectionKind {
   static constexpr char ENTERED[] = "%d Got critical section %ld";
   static constexpr char EXITING[] = "%d Exiting critical section %ld";
 
-  static inline constinit Sharers sharers_;
+  static inline constinit SharedHandles shared_;
 };
 
 // Requires: traces(level).
@@ -63,18 +63,18 @@ void end(YIF_Handle handle) {
 
 template <class Kind>
 YIF_Handle share(YIF_Handle handle) {
-  Kind::sharers_.add(handle);
+  Kind::shared_.add(handle);
   return handle;
 }
 
 template <class Kind>
-YIF_Handle shareInstead(YIF_Handle own, YIF_Handle other) {
-  return shareInstead(Kind::sharers_, own, other, end<Kind>);
+YIF_Handle reassign(YIF_Handle own, YIF_Handle other) {
+  return reassign(Kind::shared_, own, other, end<Kind>);
 }
 
 template <class Kind>
 void leave(YIF_Handle handle) {
-  if (Kind::sharers_.remove(handle)) end<Kind>(handle);
+  if (Kind::shared_.remove(handle)) end<Kind>(handle);
 }
 
 template <class Kind>
@@ -105,7 +105,7 @@ Mutex::Mutex() : handle_(make<MutexKind>()) {}
 Mutex::Mutex(const Mutex& other) : Lock(other), handle_(share<MutexKind>(other.handle_)) {}
 
 Mutex& Mutex::operator=(const Mutex& other) {
-  handle_ = shareInstead<MutexKind>(handle_, other.handle_);
+  handle_ = reassign<MutexKind>(handle_, other.handle_);
   return *this;
 }
 
@@ -121,7 +121,7 @@ CriticalSection::CriticalSection(const CriticalSection& other)
     : Lock(other), handle_(share<SectionKind>(other.handle_)) {}
 
 CriticalSection& CriticalSection::operator=(const CriticalSection& other) {
-  handle_ = shareInstead<SectionKind>(handle_, other.handle_);
+  handle_ = reassign<SectionKind>(handle_, other.handle_);
   return *this;
 }
 

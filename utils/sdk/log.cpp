@@ -12,10 +12,10 @@
 #include <cstring>
 #include <new>
 
-#include "utils/sdk/decimal.h"
-#include "utils/sdk/kept_errno.h"
-#include "utils/sdk/load_order.h"
-#include "utils/sdk/text_copy.h"
+#include "utils/sdk/base/decimal.h"
+#include "utils/sdk/base/errno_saver.h"
+#include "utils/sdk/base/load_order.h"
+#include "utils/sdk/memory/text_copy.h"
 
 namespace Utils {
 
@@ -81,7 +81,7 @@ alignas(Log) unsigned char _mute[sizeof(Log)];
 }  // namespace
 
 Log* Log::makeTheLog() {
-  const KeptErrno kept;
+  const ErrnoSaver saver;
   Log* made = new Log;
   if (made && !made->isWhole()) {
     delete made;
@@ -156,7 +156,7 @@ unsigned Log::search(const char* name) {
 unsigned Log::getCategory(const char* name) { return find(name ? name : ""); }
 
 unsigned Log::addCategory(const char* name) {
-  const KeptErrno kept;
+  const ErrnoSaver saver;
   auto* category = new LogCat(name);
   unsigned cat = static_cast<unsigned>(-1);
   if (category && category->name_) {
@@ -339,7 +339,7 @@ struct SinkHold {
 void Log::printAux(MessageClass cls, unsigned cat, int level, const char* file, unsigned line,
                    const char* format, std::va_list& args) {
   if (!willPrint(cls, cat, level)) return;
-  const KeptErrno kept;
+  const ErrnoSaver saver;
   __atomic_fetch_add(&classes_[cls].count_, 1, __ATOMIC_RELAXED);
   const SinkHold hold(classes_[cls].logger_.operator->());
   Line text;
@@ -347,7 +347,7 @@ void Log::printAux(MessageClass cls, unsigned cat, int level, const char* file, 
   text.add('|');
   text.add(format ? format : "");
   if (const char* whole = text.text()) {
-    kept.putBack();
+    saver.restore();
     hold.sink_->print(cls, whole, args);
   }
 }

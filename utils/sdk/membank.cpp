@@ -7,7 +7,7 @@
 #include <bit>
 #include <new>
 
-#include "utils/sdk/arena_steps.h"
+#include "utils/sdk/memory/arena_steps.h"
 #include "utils/sdk/ysys.h"
 
 namespace Utils {

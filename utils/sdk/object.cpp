@@ -4,8 +4,8 @@
 #include <cstdarg>
 #include <new>
 
-#include "utils/sdk/bounded_text.h"
-#include "utils/sdk/text_copy.h"
+#include "utils/sdk/logging/bounded_text.h"
+#include "utils/sdk/memory/text_copy.h"
 
 namespace Utils {
 

@@ -9,7 +9,7 @@
 #include <new>
 
 #include "utils/sdk/atree.h"
-#include "utils/sdk/load_order.h"
+#include "utils/sdk/base/load_order.h"
 #include "utils/sdk/log.h"
 #include "utils/sdk/vector.h"
 #include "utils/sdk/ysys.h"

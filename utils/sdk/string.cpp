@@ -10,7 +10,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "utils/sdk/load_order.h"
+#include "utils/sdk/base/load_order.h"
 
 namespace Utils {
 

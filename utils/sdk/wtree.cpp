@@ -5,7 +5,7 @@
 // numbers, taken in 64 bits so that no weight makes them wrap.
 #include "utils/sdk/wtree.h"
 
-#include "utils/sdk/wtree_steps.h"
+#include "utils/sdk/trees/wtree_steps.h"
 
 namespace Utils {
 

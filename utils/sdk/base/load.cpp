@@ -1,6 +1,6 @@
 // load.cpp: what is done when the library is attached to a process, before any of its objects
 // comes.
-#include "utils/sdk/load_order.h"
+#include "utils/sdk/base/load_order.h"
 #include "utils/sdk/platform.h"
 
 namespace Utils {

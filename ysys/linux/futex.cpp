@@ -15,15 +15,16 @@
 
 #include <atomic>
 
-#include "ysys/voice.h"
+#include "ysys/caller_state.h"
+#include "ysys/stderr_report.h"
 
 namespace ysys {
 
-constinit unsigned _looks = 0;
+constinit unsigned _spins = 0;
 
 namespace {
 
-constexpr unsigned LOOKS = 100;
+constexpr unsigned SPINS = 100;
 constexpr double LIMITLESS_SECONDS = 1e9;
 constexpr int64_t SECOND = 1'000'000'000;
 
@@ -70,7 +71,7 @@ bool futex(const void* word, int operation, uint32_t value, const KernelTime* li
 __attribute__((constructor)) void countProcessors() {
   cpu_set_t usable;
   const bool known = sched_getaffinity(0, sizeof usable, &usable) == 0;
-  _looks = known && CPU_COUNT(&usable) == 1 ? 0 : LOOKS;
+  _spins = known && CPU_COUNT(&usable) == 1 ? 0 : SPINS;
 }
 
 }  // namespace
@@ -84,20 +85,20 @@ Deadline deadlineAfter(double seconds) {
 }
 
 bool futexSleep(const void* word, uint32_t seen, Deadline deadline) {
-  const KeepErrno keep;
+  const ErrnoSaver saver;
   const KernelTime end = {deadline / SECOND, deadline % SECOND};
   const KernelTime* limit = deadline == FOREVER ? nullptr : &end;
   if (futex(word, FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG, seen, limit)) return true;
   if (errno == ETIMEDOUT) return false;
   if (errno != EAGAIN && errno != EINTR) {
     const NumberText error(static_cast<unsigned>(errno), 10);
-    sayAndStop({"ysys: the system cannot put a task to sleep, error ", error.text(), "\n"});
+    reportAndStop({"ysys: the system cannot put a task to sleep, error ", error.text(), "\n"});
   }
   return true;
 }
 
 void futexWake(const void* word, int count) {
-  const KeepErrno keep;
+  const ErrnoSaver saver;
   futex(word, FUTEX_WAKE | FUTEX_PRIVATE_FLAG, static_cast<uint32_t>(count), nullptr);
 }
 

@@ -21,7 +21,7 @@
 #include <cstring>
 
 #include "utils/sdk/allocator.h"
-#include "utils/sdk/chain.h"
+#include "utils/sdk/memory/chain.h"
 #include "utils/sdk/ysys.h"
 
 namespace Utils {

@@ -12,7 +12,7 @@
 //
 // May be called from any task; closing a file that another task is writing to is the caller's
 // mistake.
-#include "ysys/posix.h"
+#include "ysys/linux/posix.h"
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -20,15 +20,16 @@
 #include <unistd.h>
 
 #include "utils/sdk/ysys.h"
+#include "ysys/caller_state.h"
 #include "ysys/fork.h"
 #include "ysys/handle_table.h"
-#include "ysys/voice.h"
+#include "ysys/linux/descriptor.h"
 
 namespace ysys {
 namespace {
 
 struct OpenFile {
-  void begin(int descriptor, bool mayRaiseSignal) {
+  void init(int descriptor, bool mayRaiseSignal) {
     descriptor_ = descriptor;
     mayRaiseSignal_ = mayRaiseSignal;
   }
@@ -78,7 +79,7 @@ YIF_Handle YIF_Open(const char* path, int mode, int) noexcept {
 }
 
 void YIF_Write(YIF_Handle file, const void* bytes, unsigned int count) noexcept {
-  const KeepErrno keep;
+  const ErrnoSaver saver;
   const NoCancellation whole;
   const OpenFile& target = _files.at(file, __func__);
   const auto writeOut = target.mayRaiseSignal_ ? writeAll : writeUnguarded;
@@ -88,9 +89,9 @@ void YIF_Write(YIF_Handle file, const void* bytes, unsigned int count) noexcept 
 void YIF_Flush(YIF_Handle file) noexcept { _files.at(file, __func__); }
 
 void YIF_Close(YIF_Handle file) noexcept {
-  const KeepErrno keep;
+  const ErrnoSaver saver;
   const NoCancellation whole;
   const int descriptor = _files.at(file, __func__).descriptor_;
-  _files.end(file, __func__);
+  _files.destroy(file, __func__);
   close(descriptor);
 }

@@ -21,8 +21,8 @@
 #include <cstdint>
 
 #include "utils/sdk/alloc.h"
-#include "utils/sdk/chain.h"
-#include "utils/sdk/wtree_steps.h"
+#include "utils/sdk/memory/chain.h"
+#include "utils/sdk/trees/wtree_steps.h"
 
 namespace Utils {
 

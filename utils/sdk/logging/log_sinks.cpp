@@ -3,9 +3,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "utils/sdk/bounded_text.h"
-#include "utils/sdk/kept_errno.h"
+#include "utils/sdk/base/errno_saver.h"
 #include "utils/sdk/log.h"
+#include "utils/sdk/logging/bounded_text.h"
 #include "utils/sdk/platform.h"
 
 namespace Utils {
@@ -40,7 +40,7 @@ struct Logger::BoundedLine {
   static constexpr int BOUND = 479;           // with the terminator
   static constexpr unsigned ROOM_SIZE = 481;  // and a line end of two characters
 
-  const KeptErrno kept_;
+  const ErrnoSaver saver_;
   unsigned size_ = 0;
   char text_[ROOM_SIZE];
 };
@@ -54,7 +54,7 @@ void NullLogger::print(MessageClass, const char*, std::va_list) {}
 // --- FileLogger ---
 
 FileLogger::FileLogger(const char* path, OpenMode mode) {
-  const KeptErrno kept;
+  const ErrnoSaver saver;
   handle_ = YIF_Open(path, mode == Replace ? YIF_OPEN_REPLACE : YIF_OPEN_APPEND, 1);
 }
 
@@ -82,7 +82,7 @@ void StdLogger::print(MessageClass, const char* format, std::va_list args) {
 
 SystemLogger::SystemLogger(const char* name) : name_(nullptr) {
   if (!name) return;
-  const KeptErrno kept;
+  const ErrnoSaver saver;
   OutputDebugStringA(name);
   OutputDebugStringA(": Initialised\n");
   name_ = strdup(name);

@@ -23,6 +23,7 @@
 #include "utils/sdk/ysys.h"
 #include "ysys/fork.h"
 #include "ysys/inner_lock.h"
+#include "ysys/pages.h"
 
 namespace ysys {
 namespace {
@@ -91,14 +92,12 @@ void* handOut(size_t size) {
   return given;
 }
 
-void* mapApart(uint64_t size) {
-  if (size > SIZE_MAX) return nullptr;
-  void* mapped = mmap(nullptr, static_cast<size_t>(size), PROT_READ | PROT_WRITE,
-                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+}  // namespace
+
+void* mapPages(size_t size) {
+  void* mapped = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   return mapped == MAP_FAILED ? nullptr : mapped;
 }
-
-}  // namespace
 
 // If another task was in the middle of a request, what it was about to get is lost to the child, or
 // the window has an address but no size yet and is reserved again.
@@ -119,5 +118,7 @@ void YIF_MemInit(unsigned int) noexcept {
 void* YIF_MemAlloc(unsigned int size) noexcept {
   const uint64_t atLeastOne = std::max(size, 1u);
   const uint64_t rounded = (atLeastOne + ALIGNMENT - 1) & ~(ALIGNMENT - 1);
-  return rounded > WINDOW_REQUEST_MAX ? mapApart(rounded) : handOut(static_cast<size_t>(rounded));
+  if (rounded > SIZE_MAX) return nullptr;
+  const size_t bytes = static_cast<size_t>(rounded);
+  return rounded > WINDOW_REQUEST_MAX ? mapPages(bytes) : handOut(bytes);
 }

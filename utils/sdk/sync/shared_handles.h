@@ -1,4 +1,4 @@
-// sharers.h: inside the library, system objects that several objects refer to.
+// shared.h: inside the library, system objects that several objects refer to.
 //
 // Copies of a lock or an event refer to one system object, which the last of them ends. Most are
 // never copied, so only what is shared is counted, here and not in the objects: a handle that is in
@@ -16,7 +16,7 @@
 
 namespace Utils {
 
-struct Sharers {
+struct SharedHandles {
   void add(YIF_Handle handle);     // one object more refers to it
   bool remove(YIF_Handle handle);  // one less; true when that was the last, who ends it
 
@@ -40,11 +40,11 @@ struct Sharers {
 };
 
 // The handle that an object has after it was assigned that of another one of its kind.
-template <class End>
-YIF_Handle shareInstead(Sharers& sharers, YIF_Handle own, YIF_Handle other, End end) {
+template <class Destroy>
+YIF_Handle reassign(SharedHandles& shared, YIF_Handle own, YIF_Handle other, Destroy destroy) {
   if (own == other) return own;
-  sharers.add(other);
-  if (sharers.remove(own)) end(own);
+  shared.add(other);
+  if (shared.remove(own)) destroy(own);
   return other;
 }
 

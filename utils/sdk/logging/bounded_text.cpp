@@ -4,7 +4,7 @@
 // if it is above INT_MAX, although the room has long been full. So it is given a copy of the format
 // whose directives are limited: for a room of 479 bytes "%s" becomes "%.479s", "%700s" becomes
 // "%700.700s" and "%3000000000d" becomes "%1000000d".
-#include "utils/sdk/bounded_text.h"
+#include "utils/sdk/logging/bounded_text.h"
 
 #include <algorithm>
 #include <climits>
@@ -12,8 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "utils/sdk/decimal.h"
-#include "utils/sdk/kept_errno.h"
+#include "utils/sdk/base/decimal.h"
+#include "utils/sdk/base/errno_saver.h"
 
 namespace Utils {
 
@@ -215,13 +215,13 @@ const char* LimitedFormat::copyNumber(const char* from, unsigned& number) {
 
 // Where an argument makes a directive too long, the text ends before it.
 int expandLimited(char* room, unsigned size, const char* format, std::va_list args) {
-  const KeptErrno kept;
+  const ErrnoSaver saver;
   LimitedFormat limited(format, size);
   for (unsigned directives = limited.directives_;; directives--) {
     const char* copy = limited.copy(directives);
     std::va_list again;
     va_copy(again, args);
-    kept.putBack();
+    saver.restore();
     const int result = std::vsnprintf(room, size, copy, again);
     va_end(again);
     if (result >= 0) return static_cast<int>(std::strlen(room));

@@ -2,7 +2,7 @@
 // monotonic clock, which nobody sets. May be called from any task.
 //
 // A double holds today's 1.8 * 10^9 seconds with a step of a quarter of a microsecond.
-#include "ysys/posix.h"
+#include "ysys/linux/posix.h"
 
 #include <time.h>
 

@@ -8,14 +8,15 @@
 // The runtime library writes the line itself to a stream without a descriptor, to a regular file,
 // which takes every write whole and whose position the stream counts, and when there is no memory
 // for the line or its format has no text.
-#include "ysys/posix.h"
+#include "ysys/linux/posix.h"
 
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 
 #include "utils/sdk/platform.h"
-#include "ysys/voice.h"
+#include "ysys/caller_state.h"
+#include "ysys/linux/descriptor.h"
 
 namespace ysys {
 namespace {
@@ -39,7 +40,7 @@ class LineText {
 };
 
 LineText::LineText(const char* format, va_list args) {
-  const KeepErrno keep;
+  const ErrnoSaver saver;
   va_list again;
   va_copy(again, args);
   int length = vsnprintf(room_, sizeof room_, format, again);
@@ -48,7 +49,7 @@ LineText::LineText(const char* format, va_list args) {
   char* text = room_;
   if (length >= 0 && size > sizeof room_) {
     text = block_ = static_cast<char*>(malloc(size));
-    keep.putBack();
+    saver.restore();
     length = text == nullptr ? -1 : vsnprintf(text, size, format, args);
   }
   if (length < 0 || static_cast<size_t>(length) >= size)
@@ -77,16 +78,16 @@ bool writeToDescriptor(FILE* stream, const char* format, va_list args) {
 using namespace ysys;
 
 void YfPrintLine(FILE* stream, const char* format, va_list args) noexcept {
-  const KeepErrno keep;
+  const ErrnoSaver saver;
   const NoCancellation whole;
   NoWriteSignal quiet;
   va_list again;
   va_copy(again, args);
   const bool mayBreak = takesPartsOfLines(fileno(stream));
-  keep.putBack();
+  saver.restore();
   if (!mayBreak || !writeToDescriptor(stream, format, again)) {
     flockfile(stream);  // no line of another task between the text and its end
-    keep.putBack();
+    saver.restore();
     vfprintf(stream, format, args);
     fprintf(stream, "\n");
     fflush(stream);

@@ -13,7 +13,7 @@
 // May be called from any task. A host that does not let its children be waited for (it ignores
 // SIGCHLD, or waits for all of them itself) hides how the program ended; then the dialog counts as
 // answered.
-#include "ysys/posix.h"
+#include "ysys/linux/posix.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -27,7 +27,9 @@
 #include <unistd.h>
 
 #include "utils/sdk/platform.h"
-#include "ysys/voice.h"
+#include "ysys/caller_state.h"
+#include "ysys/linux/descriptor.h"
+#include "ysys/stderr_report.h"
 
 namespace ysys {
 namespace {
@@ -204,7 +206,7 @@ using namespace ysys;
 
 void OutputDebugStringA(const char* text) noexcept {
   if (text == nullptr) return;
-  const KeepErrno keep;
+  const ErrnoSaver saver;
   const NoCancellation whole;
   const size_t length = strlen(text);
   const char* path = secure_getenv("YSYS_DEBUG_CHANNEL");
@@ -213,12 +215,12 @@ void OutputDebugStringA(const char* text) noexcept {
 }
 
 int MessageBoxA(void*, const char* text, const char* caption, unsigned int) noexcept {
-  const KeepErrno keep;
+  const ErrnoSaver saver;
   const NoCancellation whole;
   if (text == nullptr) text = "";
   if (caption == nullptr) caption = "";
   if (hasDisplay() && askInDialog(caption, text)) return 1;
-  if (!askOnTerminal(caption, text)) say({caption, ": ", text, "\n"});
+  if (!askOnTerminal(caption, text)) report({caption, ": ", text, "\n"});
   return 1;
 }
 

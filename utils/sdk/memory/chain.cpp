@@ -1,5 +1,5 @@
 // chain.cpp: walking, joining and reporting the chain of an arena's blocks.
-#include "utils/sdk/chain.h"
+#include "utils/sdk/memory/chain.h"
 
 #include <bit>
 #include <cstdio>

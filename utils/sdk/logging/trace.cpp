@@ -1,5 +1,5 @@
 // trace.cpp: the record of the library's own category.
-#include "utils/sdk/trace.h"
+#include "utils/sdk/logging/trace.h"
 
 namespace Utils {
 

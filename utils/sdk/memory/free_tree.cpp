@@ -1,5 +1,5 @@
 // free_tree.cpp: first fit by address in a tree that is ordered by size.
-#include "utils/sdk/free_tree.h"
+#include "utils/sdk/memory/free_tree.h"
 
 namespace Utils {
 

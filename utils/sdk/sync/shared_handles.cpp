@@ -1,5 +1,5 @@
-// sharers.cpp: the entries of shared system objects.
-#include "utils/sdk/sharers.h"
+// shared.cpp: the entries of shared system objects.
+#include "utils/sdk/sync/shared_handles.h"
 
 #include <new>
 
@@ -7,7 +7,7 @@ namespace Utils {
 
 // Null when none is such.
 template <class Condition>
-Sharers::Entry* Sharers::find(Condition condition) {
+SharedHandles::Entry* SharedHandles::find(Condition condition) {
   for (Entry& entry : few_) {
     if (condition(entry)) return &entry;
   }
@@ -17,14 +17,14 @@ Sharers::Entry* Sharers::find(Condition condition) {
 }
 
 // Reads the count first, which is written last: then the handle is the one that is counted.
-Sharers::Entry* Sharers::entryOf(YIF_Handle handle) {
+SharedHandles::Entry* SharedHandles::entryOf(YIF_Handle handle) {
   return find([=](const Entry& entry) {
     return entry.others_.load(std::memory_order_acquire) != 0 &&
            entry.handle_.load(std::memory_order_relaxed) == handle;
   });
 }
 
-Sharers::Entry* Sharers::unusedEntry() {
+SharedHandles::Entry* SharedHandles::unusedEntry() {
   Entry* entry = find([](const Entry& each) { return each.others_ == 0; });
   if (entry) return entry;
   entry = new (std::nothrow) Entry;
@@ -34,7 +34,7 @@ Sharers::Entry* Sharers::unusedEntry() {
   return entry;
 }
 
-void Sharers::add(YIF_Handle handle) {
+void SharedHandles::add(YIF_Handle handle) {
   if (Entry* entry = entryOf(handle)) {
     entry->others_++;
   } else if ((entry = unusedEntry())) {
@@ -45,7 +45,7 @@ void Sharers::add(YIF_Handle handle) {
   }
 }
 
-bool Sharers::remove(YIF_Handle handle) {
+bool SharedHandles::remove(YIF_Handle handle) {
   Entry* entry = entryOf(handle);
   if (!entry) return !lost_;
   entry->others_--;

@@ -1,4 +1,5 @@
-// locks.cpp: the time that locks and events take, alone and between two tasks.
+// SPDX-License-Identifier: MIT
+// The time that locks and events take, alone and between two tasks.
 //
 // The locks stand beside those of the language: std::recursive_mutex where they are recursive, and
 // std::mutex where two tasks want one all the time. A step in the critical section adds to a number

@@ -1,4 +1,5 @@
-// log.cpp: the time that a message takes which is written, and one which is not.
+// SPDX-License-Identifier: MIT
+// The time that a message takes which is written, and one which is not.
 //
 // The library stands beside the single-threaded loggers of spdlog, both with the same line:
 //

@@ -1,4 +1,5 @@
-// maps.cpp: the time that a map takes to insert, find and remove an entry and to step to the next
+// SPDX-License-Identifier: MIT
+// The time that a map takes to insert, find and remove an entry and to step to the next
 // one, and the bytes of the heap that an entry holds.
 //
 // The library's AVLTree<unsigned long, unsigned> stands beside std::map and beside an owning map

@@ -1,4 +1,5 @@
-// memory.cpp: the time that a pair of one allocation and one release takes.
+// SPDX-License-Identifier: MIT
+// The time that a pair of one allocation and one release takes.
 //
 // Three patterns: one block at a time; a thousand blocks, then all of them back; and the churns
 // of memory_churn.h, where the first byte of each new block is written. One program for each

@@ -1,4 +1,5 @@
-// memory_churn.h: the churns: a fixed number of live blocks, of which one picked at random is freed
+// SPDX-License-Identifier: MIT
+// The churns: a fixed number of live blocks, of which one picked at random is freed
 // and replaced by one of a random size, again and again.
 //
 // All competitors go through the same steps: a step depends on the churn and on its number alone.

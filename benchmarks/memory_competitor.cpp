@@ -1,4 +1,5 @@
-// memory_competitor.cpp: makes sure that a program measures what its name says.
+// SPDX-License-Identifier: MIT
+// Makes sure that a program measures what its name says.
 #include "benchmarks/memory_competitor.h"
 
 #include <dlfcn.h>

@@ -1,4 +1,5 @@
-// memory_competitor.h: the allocator that a memory program measures.
+// SPDX-License-Identifier: MIT
+// The allocator that a memory program measures.
 //
 // The memory programs are compiled once for each competitor, from the same sources with the same
 // flags. BENCH_WHO is its name. With BENCH_YUTILS it is the library's process allocator, asked for

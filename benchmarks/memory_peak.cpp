@@ -1,4 +1,5 @@
-// memory_peak.cpp: the most memory that a process has resident while it churns.
+// SPDX-License-Identifier: MIT
+// The most memory that a process has resident while it churns.
 //
 // Each churn of memory_churn.h runs in a process of its own, for 20 steps a slot, in which each new
 // block is written in full, so that what was given is really there. The figure is the kernel's own

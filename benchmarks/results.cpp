@@ -1,4 +1,5 @@
-// results.cpp: the time of what a program does with result codes.
+// SPDX-License-Identifier: MIT
+// The time of what a program does with result codes.
 //
 // The text of a code stands beside the message of a std::error_code. The last error is asked for in
 // a process with 32 tasks that have one each.

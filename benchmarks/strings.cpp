@@ -1,4 +1,5 @@
-// strings.cpp: the time that the usual work on texts takes: copying, making, appending, searching,
+// SPDX-License-Identifier: MIT
+// The time that the usual work on texts takes: copying, making, appending, searching,
 // comparing, taking ranges and tokenising.
 //
 // The library's String stands beside std::string and, where sharing or the heap decides, beside the

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # table.awk: the table of one subject, from SUBJECT.goals and the results of its programs.
 #
 #   awk -v subject=NAME -f table.awk NAME.goals RESULTS

@@ -1,4 +1,5 @@
-// trees.cpp: the time that a step of a best-fit churn takes: out of a tree of free blocks, remove
+// SPDX-License-Identifier: MIT
+// The time that a step of a best-fit churn takes: out of a tree of free blocks, remove
 // the smallest that a request fits into (the smallest of all if it fits into none), give it
 // another size and insert it again. Requests and sizes are random.
 //

@@ -1,4 +1,5 @@
-// values.cpp: the time that an operation on one of the plain values takes.
+// SPDX-License-Identifier: MIT
+// The time that an operation on one of the plain values takes.
 //
 // A Time stands beside 64-bit integers that hold the same words, with the operation written out by
 // hand: a + b, (a * b) >> 16, (a << 16) / b and a < b. Each goes through the same arrays of random

@@ -1,4 +1,5 @@
-// vectors.cpp: the time that it takes to add an element to an array of pointers that starts empty
+// SPDX-License-Identifier: MIT
+// The time that it takes to add an element to an array of pointers that starts empty
 // and is gone afterwards, all growth included, and to insert one at the front of ten thousand and
 // remove it again.
 //

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # setup.sh: what the commands at the root share; to be sourced. Needs `root`, the project's folder.
 
 # Installs the Debian packages that are missing, and says so. Elsewhere than on Debian it leaves that to

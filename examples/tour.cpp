@@ -1,4 +1,5 @@
-// tour.cpp: the words of text files, counted with the library.
+// SPDX-License-Identifier: MIT
+// The words of text files, counted with the library.
 //
 //   tour FILE...
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // MemoryAllocator: a random run beside a model, with chunks refused at random, and the cases that
 // the model cannot see.
 #include "utils/sdk/alloc.h"

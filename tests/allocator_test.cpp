@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The small allocators, the birth of the process allocator and its life to the last instruction.
 // Each birth is one of a process of its own: the tests that need it run in a child.
 #include "utils/sdk/allocator.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The balanced map beside std::map, its structure checked after every step; removal in every order
 // from every small shape; requests for memory failing in turn; and the assertions, which only links
 // and balances set by hand can fail.

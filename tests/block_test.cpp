@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Locks that hold nobody, and two that do: their steps on the event, violations, copies, and real
 // contention.
 #include "utils/sdk/block.h"

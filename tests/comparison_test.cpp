@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The order of the values, compiled as C++17, 20 and 23: whichever operators a language makes of
 // ours, and whatever is compared with what, the results are the same.
 #include <algorithm>

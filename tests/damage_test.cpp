@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Damage: every word of an arena's bookkeeping is written over, one at a time, with everything that
 // programs leave there. Nothing outside of the arena may be read or written, no two blocks may
 // overlap, and the walk must name the damaged block.

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # dialog.sh PROGRAM: a message box of the log on a real display, a virtual one, until it is closed.
 #
 # Skipped (status 77) where there is no virtual X server or no tool to look at its windows.

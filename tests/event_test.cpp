@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What events hand down to the system and up from it, their two lines, who ends what is shared, and
 // tasks that wait.
 #include "utils/sdk/event.h"

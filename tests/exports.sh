@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # exports.sh LIBRARY LIST: the dynamic symbols of LIBRARY against the kept LIST.
 #
 # Everything listed must be there, and nothing else but copies of inline functions may leave. To renew

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The child of a fork: its locks, its task ids, and the handlers of the program around the fork.
 #include <pthread.h>
 #include <sched.h>

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # guarantees.sh PAGE FOLDER: every test that the page names is there, in the program that it names.
 set -eu
 page=$1 programs=$2

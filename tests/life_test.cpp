@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The library at every moment of a process, each time as the first thing that the process asks of
 // it, in little memory, and once after its own static objects have gone. The test itself is not
 // linked with it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The exact order of lines and system calls, who ends what is shared, and real contention.
 #include "utils/sdk/locker.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The hub of the process: how its settings make it, when there is no memory for it, and at the end
 // of the process. It is made once, so each case runs in a process of its own.
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The hub and the sinks: random settings and messages against a model, times against printf,
 // hostile texts, memory that runs out, and what arrives in files, streams and dialogs.
 #include "utils/sdk/log.h"

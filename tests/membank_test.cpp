@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // MemoryBank: random runs beside a model, exhaustion at every request, and the cases that the model
 // cannot see. What it has in common with MemoryAllocator is tested in alloc_test.cpp.
 #include "utils/sdk/membank.h"

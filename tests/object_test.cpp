@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Counts, references and messages, with every object accounted for and with memory that runs out.
 #include "utils/sdk/object.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A program with global operators of its own, linked with the library: neither uses the other's.
 #include <cstdlib>
 #include <new>

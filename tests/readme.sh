@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # readme.sh SOURCE BUILD COMPILER [FLAGS]: does what the README says, as a new user would.
 #
 # Installs the build to a folder of its own, takes the program, its build file and what it prints from

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Texts, last errors of several tasks, listeners that change their list, and the order of a raise.
 #include "utils/sdk/result.h"
 

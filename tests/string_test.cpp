@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Strings beside a model that follows the steps one by one, with every byte of string memory
 // accounted for; what the model cannot see; and memory that runs out.
 #include "utils/sdk/string.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Time: random words beside exact arithmetic, and what that cannot see: the conversions in an
 // expression, the rare quotients, and floating-point numbers that have no place in 64 bits.
 #include "utils/sdk/time.h"

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # tour.sh PROGRAM: the example program on files whose words are known.
 set -eu
 tour=$1

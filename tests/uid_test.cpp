@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // UID: a run on a scripted clock, order and text beside models, and texts that nobody wrote.
 #include "utils/sdk/uid.h"
 

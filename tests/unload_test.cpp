@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A program that knows the library only through one that it loads and unloads. What was allocated
 // stays, and each time it is the same allocator.
 #include <dlfcn.h>

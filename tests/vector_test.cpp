@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Vectors of three element types beside a model, with every request for storage failing in turn,
 // and the cases that a random run does not meet.
 #include "utils/sdk/vector.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The weight-balanced tree against std::map for what it holds, and against the balancing steps
 // spelt out as recursions for its shape.
 #include "utils/sdk/wtree.h"

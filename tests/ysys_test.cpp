@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The system interface, asked what it promises: by real threads, forked processes, files and pipes.
 #include "utils/sdk/ysys.h"
 

@@ -1,4 +1,5 @@
-// assertion.cpp: the report of a condition that does not hold.
+// SPDX-License-Identifier: MIT
+// The report of a condition that does not hold.
 //
 // One line on standard error in one system call, then the end of the process. The caller has made
 // the test: there is nothing to test here. May be called from any task, with any lock held and the

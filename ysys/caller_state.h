@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What an operation of the system layer leaves as its caller had it: `errno`, and whether the
 // calling task can be cancelled.
 #pragma once

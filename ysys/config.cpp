@@ -1,4 +1,5 @@
-// config.cpp: settings, from the environment or from the file that YSYS_CONFIG names.
+// SPDX-License-Identifier: MIT
+// Settings, from the environment or from the file that YSYS_CONFIG names.
 //
 // Nothing is kept: each look-up reads the environment and the file as they are then, so a change is
 // seen at the next one. The file is run through a small buffer on the stack, lines may have any

@@ -1,4 +1,5 @@
-// event.cpp: events, plain and cooperative.
+// SPDX-License-Identifier: MIT
+// Events, plain and cooperative.
 //
 // An event is one 64-bit word, so that every step is one compare-and-exchange. Its upper half
 // counts the tasks that wait; its lower half is the word that they sleep on.

@@ -1,4 +1,5 @@
-// fork.h: how the child of a fork is made good.
+// SPDX-License-Identifier: MIT
+// How the child of a fork is made good.
 //
 // The child has one task, the one that forked, and a copy of everything else as it was at that
 // moment. Nothing is locked for the fork; instead each family can mend its copy: free the internal

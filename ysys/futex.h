@@ -1,4 +1,5 @@
-// futex.h: sleeping until a word in memory changes.
+// SPDX-License-Identifier: MIT
+// Sleeping until a word in memory changes.
 //
 // The bottom of locks and events: a task that finds no way on looks again for a moment, then sleeps
 // in the kernel until another one wakes it. It is not a lock: the meaning of the word is its

@@ -1,4 +1,5 @@
-// handle_table.h: the objects of one kind, and the handles under which callers know them.
+// SPDX-License-Identifier: MIT
+// The objects of one kind, and the handles under which callers know them.
 //
 // A handle is kind << 28 | generation << 22 | index: the index names a slot, the generation counts
 // how often the slot was used before, and the kind (1 to 7) keeps the handles of different tables

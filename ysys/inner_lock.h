@@ -1,4 +1,5 @@
-// inner_lock.h: the lock that guards the system layer's own tables.
+// SPDX-License-Identifier: MIT
+// The lock that guards the system layer's own tables.
 //
 // Not recursive, knows no holder, and has no handle. It is held for a few steps and never while
 // the process is stopped, forked or put to sleep for another reason. The word is 0 when it is free,

@@ -1,4 +1,5 @@
-// lock.cpp: mutexes and critical sections, which are the same recursive lock under two kinds of
+// SPDX-License-Identifier: MIT
+// Mutexes and critical sections, which are the same recursive lock under two kinds of
 // handle.
 //
 // A lock is two words. The first is 0 when nobody holds the lock, else the holder's task id, with

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Zero-filled pages straight from the system, for the tables of the system layer.
 #pragma once
 

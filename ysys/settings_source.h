@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The two places that settings come from: the environment and a regular file.
 //
 // Not a parser: config.cpp knows keys and lines, this knows bytes.

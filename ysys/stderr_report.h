@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Reports on standard error, for the person who has to find out why a process stopped or why a
 // setting has no effect.
 //

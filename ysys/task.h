@@ -1,4 +1,5 @@
-// task.h: the id of the calling task, for the families that compare it.
+// SPDX-License-Identifier: MIT
+// The id of the calling task, for the families that compare it.
 //
 // Asked once a task and kept in thread-local storage of the initial-exec kind, so that reading it
 // is one instruction. Never 0, below 2^31. See task.cpp.

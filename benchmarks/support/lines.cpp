@@ -1,4 +1,5 @@
-// lines.cpp: the main function of the programs that measure times; see lines.h.
+// SPDX-License-Identifier: MIT
+// The main function of the programs that measure times; see lines.h.
 //
 // Prints LINE <tab> WHO <tab> median in nanoseconds, and nothing else, on standard output. Flags of
 // the benchmark library are taken and go before the defaults.

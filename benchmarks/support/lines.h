@@ -1,4 +1,5 @@
-// lines.h: what a benchmark program defines, and how its lines are named.
+// SPDX-License-Identifier: MIT
+// What a benchmark program defines, and how its lines are named.
 //
 // The main function in lines.cpp calls registerLines(), runs every benchmark in 9 repetitions that
 // alternate at random with those of the others, and prints the median of each. A benchmark that

@@ -1,4 +1,5 @@
-// dialog.cpp: shows one line in a message box, and says when it was answered.
+// SPDX-License-Identifier: MIT
+// Shows one line in a message box, and says when it was answered.
 #include <cstdio>
 
 #include "utils/sdk/log.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A program of the library's own objects, whose constructors come after the program's.
 #include "life/uses.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A library beside the tested one, with static objects of its own.
 #include "life/uses.h"
 

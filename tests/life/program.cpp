@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Uses the library at the moment of its life that the environment variable LIFE names.
 #include <dlfcn.h>
 #include <sys/wait.h>

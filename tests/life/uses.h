@@ -1,4 +1,5 @@
-// uses.h: a bit of everything that the library offers, to be used at any moment of a process.
+// SPDX-License-Identifier: MIT
+// A bit of everything that the library offers, to be used at any moment of a process.
 #pragma once
 
 #include <unistd.h>

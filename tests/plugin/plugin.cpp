@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A library that a program loads at run time and that uses the process allocator.
 #include "utils/sdk/allocator.h"
 

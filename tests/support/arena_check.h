@@ -1,4 +1,5 @@
-// arena_check.h: one checker for everything that holds in an arena allocator at rest.
+// SPDX-License-Identifier: MIT
+// One checker for everything that holds in an arena allocator at rest.
 //
 // OpenChain has what all arenas share, OpenArena adds what a MemoryAllocator keeps of its free
 // blocks.

@@ -1,4 +1,5 @@
-// arena_run.h: a seeded random run of an arena allocator beside a model of it.
+// SPDX-License-Identifier: MIT
+// A seeded random run of an arena allocator beside a model of it.
 //
 // Every block that lives keeps a pattern of its own, read again before it is freed. After every
 // step the addresses, sizes, colours and totals are those of the model, and the arena's own checker

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "support/assertion_recorder.h"
 
 #include <cstdio>

@@ -1,4 +1,5 @@
-// assertion_recorder.h: keeps failed assertions of the library instead of stopping the process.
+// SPDX-License-Identifier: MIT
+// Keeps failed assertions of the library instead of stopping the process.
 //
 // A program that uses it has YfAssert__ replaced. While a recorder lives, assertions are noted and
 // return; without one they are printed and stop the process. One at a time, from one task.

@@ -1,4 +1,5 @@
-// child_process.h: runs a piece of a test in a forked child and tells how it ended and what it
+// SPDX-License-Identifier: MIT
+// Runs a piece of a test in a forked child and tells how it ended and what it
 // said.
 //
 // The child has 20 seconds, and leaves by the end of `body`, whose result is its exit status. A

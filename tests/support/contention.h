@@ -1,4 +1,5 @@
-// contention.h: several tasks that want the same thing all the time.
+// SPDX-License-Identifier: MIT
+// Several tasks that want the same thing all the time.
 #pragma once
 
 #include <thread>

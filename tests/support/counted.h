@@ -1,4 +1,5 @@
-// counted.h: an element that counts what a container does to it.
+// SPDX-License-Identifier: MIT
+// An element that counts what a container does to it.
 //
 // It has a value, and 0 is blank: an element of another value counts as holding something, until it
 // ends or is blanked. Each one knows its own address, so that one which was moved as bytes, or is

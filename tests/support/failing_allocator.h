@@ -1,4 +1,5 @@
-// failing_allocator.h: the process allocator, made to fail from the nth request on, or at the nth.
+// SPDX-License-Identifier: MIT
+// The process allocator, made to fail from the nth request on, or at the nth.
 //
 // While one lives, the process allocator answers as this class does: its table of virtual
 // operations is exchanged, which is all that tells the two apart, since this class adds no data.

@@ -1,4 +1,5 @@
-// huge_text.h: a text of which three have more than INT_MAX characters, all 'x', in 2 MiB of
+// SPDX-License-Identifier: MIT
+// A text of which three have more than INT_MAX characters, all 'x', in 2 MiB of
 // memory.
 #pragma once
 

@@ -1,4 +1,5 @@
-// nth_failure.h: the loop that makes every single request of an operation fail in turn.
+// SPDX-License-Identifier: MIT
+// The loop that makes every single request of an operation fail in turn.
 #pragma once
 
 #include "gtest/gtest.h"

@@ -1,4 +1,5 @@
-// recording_sink.h: a sink that keeps what it is given: the class and the expanded text of each
+// SPDX-License-Identifier: MIT
+// A sink that keeps what it is given: the class and the expanded text of each
 // line.
 #pragma once
 

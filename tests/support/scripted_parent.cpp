@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "support/scripted_parent.h"
 
 #include <sys/mman.h>

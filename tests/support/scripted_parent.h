@@ -1,4 +1,5 @@
-// scripted_parent.h: a parent allocator that does what the test says.
+// SPDX-License-Identifier: MIT
+// A parent allocator that does what the test says.
 //
 // Hands out chunks from a reserved range of its own, by default each right behind the one before,
 // and counts what it is asked. `skip` and `placeAt` decide where the next chunk lies, `failFrom`

@@ -1,4 +1,5 @@
-// seed.h: the seed of a random run, from the environment variable YUTILS_TEST_SEED or the clock's
+// SPDX-License-Identifier: MIT
+// The seed of a random run, from the environment variable YUTILS_TEST_SEED or the clock's
 // fixed default, printed with every failure of the scope that made it.
 #pragma once
 

@@ -1,4 +1,5 @@
-// system_calls.h: for tests that replace operations of the system interface and note their calls.
+// SPDX-License-Identifier: MIT
+// For tests that replace operations of the system interface and note their calls.
 //
 // A test program that defines such an operation has it called in place of the system layer's, in
 // the library too. It notes the call and goes on to the real one:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "support/system_memory.h"
 
 #include <dlfcn.h>

@@ -1,4 +1,5 @@
-// system_memory.h: YIF_MemInit and YIF_MemAlloc, counted and made to fail.
+// SPDX-License-Identifier: MIT
+// YIF_MemInit and YIF_MemAlloc, counted and made to fail.
 //
 // A program that uses it has both replaced; they pass on to the system layer's own unless told to
 // fail. With SYSTEM_MEMORY_FAILS_AT_LOAD in the environment all requests fail until the first

@@ -1,4 +1,5 @@
-// temporary_directory.h: a directory that lives as long as the object, for tests that need files.
+// SPDX-License-Identifier: MIT
+// A directory that lives as long as the object, for tests that need files.
 #pragma once
 
 #include <filesystem>

@@ -1,4 +1,5 @@
-// alloc.cpp: the arena allocator.
+// SPDX-License-Identifier: MIT
+// The arena allocator.
 //
 // A request goes to the list of its small class, else to the best fit of the free tree, else to a
 // new chunk. alloc.h shows the layout of a block; what the arenas do alike is arena_steps.h and

@@ -1,4 +1,5 @@
-// alloc.h: the general-purpose arena allocator.
+// SPDX-License-Identifier: MIT
+// The general-purpose arena allocator.
 //
 // Carves blocks out of chunks of a parent allocator and never gives a chunk back. Requests of up to
 // 504 bytes are small blocks: powers of two from 32 to 512 bytes, cut from pages and kept in one

@@ -1,4 +1,5 @@
-// allocator.cpp: the small allocators, the process's allocator, and the library's global operators.
+// SPDX-License-Identifier: MIT
+// The small allocators, the process's allocator, and the library's global operators.
 //
 // The process allocator lies in static storage that no destructor is registered for: static objects
 // of the library and of its users free memory when the process ends, in whatever order, and must

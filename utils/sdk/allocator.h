@@ -1,4 +1,5 @@
-// allocator.h: the interface of every memory source, the process's own source, and two small ones.
+// SPDX-License-Identifier: MIT
+// The interface of every memory source, the process's own source, and two small ones.
 //
 // `Allocator::theAllocator()` is where all memory of the library comes from; MemoryAllocator
 // (alloc.h) stands behind it. HostAllocator passes requests on to the system layer,

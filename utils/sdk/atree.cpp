@@ -1,4 +1,5 @@
-// atree.cpp: the structure of the balanced map, written once for all keys and values.
+// SPDX-License-Identifier: MIT
+// The structure of the balanced map, written once for all keys and values.
 //
 // What happens on the left happens mirrored on the right: each step stands once, with the side as
 // its argument, and the exported operations name the side. A balance times the sign of a side is

@@ -1,4 +1,5 @@
-// atree.h: the balanced map from keys to values.
+// SPDX-License-Identifier: MIT
+// The balanced map from keys to values.
 //
 // A search tree balanced by height (G. M. Adelson-Velsky and E. M. Landis, 1962) with parent links:
 // at every node the heights of the two subtrees differ by at most one, and no operation needs a

@@ -1,4 +1,5 @@
-// block.cpp: the life of the locks that block, and what is told of a violation.
+// SPDX-License-Identifier: MIT
+// The life of the locks that block, and what is told of a violation.
 #include "utils/sdk/block.h"
 
 #include "utils/sdk/logging/trace.h"

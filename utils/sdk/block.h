@@ -1,4 +1,5 @@
-// block.h: the blocking locks, four that block nobody and two that do.
+// SPDX-License-Identifier: MIT
+// The blocking locks, four that block nobody and two that do.
 //
 // YtBLock, YtReadWriteBLock and their scoped lockers have the operations of locks, and all of those
 // are empty: they exclude nothing, keep no state (not even the name), allocate nothing and call

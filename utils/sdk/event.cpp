@@ -1,4 +1,5 @@
-// event.cpp: the life of events.
+// SPDX-License-Identifier: MIT
+// The life of events.
 #include "utils/sdk/event.h"
 
 #include "utils/sdk/logging/trace.h"

@@ -1,4 +1,5 @@
-// event.h: an event that tasks wait for, as a counted object.
+// SPDX-License-Identifier: MIT
+// An event that tasks wait for, as a counted object.
 //
 // A manual-reset event stays set until it is reset; any other clears itself as it lets one task
 // through (ysys.h). Not a lock: nobody owns it. Its birth and its end can be followed in the log,

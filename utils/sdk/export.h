@@ -1,4 +1,5 @@
-// export.h: what leaves the shared library.
+// SPDX-License-Identifier: MIT
+// What leaves the shared library.
 //
 // The libraries are compiled with hidden visibility. A class or function marked YUTILS_EXPORT is
 // part of the interface and keeps its symbol (its table of virtual operations and type information

@@ -1,4 +1,5 @@
-// locker.cpp: the locks and their lines in the log.
+// SPDX-License-Identifier: MIT
+// The locks and their lines in the log.
 #include "utils/sdk/locker.h"
 
 #include "utils/sdk/logging/trace.h"

@@ -1,4 +1,5 @@
-// locker.h: locks whose every step can be followed in the log, and the scope that holds one.
+// SPDX-License-Identifier: MIT
+// Locks whose every step can be followed in the log, and the scope that holds one.
 //
 // A Mutex and a CriticalSection are one system object each, and as recursive as the system makes
 // them: here a task enters again what it holds, and leaves as often as it entered. With the

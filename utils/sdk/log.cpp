@@ -1,4 +1,5 @@
-// log.cpp: the hub: its categories, its filter, and the header that it puts before a message.
+// SPDX-License-Identifier: MIT
+// The hub: its categories, its filter, and the header that it puts before a message.
 //
 // The header and the message are put together in one text, which the sink expands as a format, so
 // what the header tells is written such that a format gives it back.

@@ -1,4 +1,5 @@
-// log.h: the process's log: what may be told, in which words, and where it goes.
+// SPDX-License-Identifier: MIT
+// The process's log: what may be told, in which words, and where it goes.
 //
 // A message has a class (how bad), a category (who speaks, by name or number), a level (how much
 // detail) and the place in the source. The hub decides whether it goes out, puts a header before

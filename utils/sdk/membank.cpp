@@ -1,4 +1,5 @@
-// membank.cpp: the arena allocator with bins.
+// SPDX-License-Identifier: MIT
+// The arena allocator with bins.
 //
 // membank.h shows what a free block looks like; what the arenas do alike is arena_steps.h and
 // chain.h.

@@ -1,4 +1,5 @@
-// membank.h: the second arena allocator.
+// SPDX-License-Identifier: MIT
+// The second arena allocator.
 //
 // Carves blocks out of chunks of a parent allocator like MemoryAllocator (alloc.h) and has its head
 // words, tails, chain, colours and totals. What differs is where a free block is found: there are

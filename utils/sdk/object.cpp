@@ -1,4 +1,5 @@
-// object.cpp: what object.h leaves to the library: allocation of objects, and messages.
+// SPDX-License-Identifier: MIT
+// What object.h leaves to the library: allocation of objects, and messages.
 #include "utils/sdk/object.h"
 
 #include <cstdarg>

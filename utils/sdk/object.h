@@ -1,4 +1,5 @@
-// object.h: reference-counted objects, the references that own them, and a message as a value.
+// SPDX-License-Identifier: MIT
+// Reference-counted objects, the references that own them, and a message as a value.
 //
 // An Object starts with a count of 0 and belongs to whoever made it; from the first Ref on it
 // belongs to its Refs, and the last one deletes it. So only what was made with new goes under a

@@ -1,4 +1,5 @@
-// platform.h: the services that the library calls beside the system interface of ysys.h.
+// SPDX-License-Identifier: MIT
+// The services that the library calls beside the system interface of ysys.h.
 //
 // They keep the names and argument lists that the library's design knows them by; `ysys/` has them
 // for POSIX. All may be called from any task, none uses the library's allocation operators and none

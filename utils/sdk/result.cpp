@@ -1,4 +1,5 @@
-// result.cpp: the tables behind the result codes.
+// SPDX-License-Identifier: MIT
+// The tables behind the result codes.
 //
 // What must serve before the library's static objects are there and after they are gone, in other
 // libraries' initialisers, destructors and handlers at exit, is kept where the language neither

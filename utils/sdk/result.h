@@ -1,4 +1,5 @@
-// result.h: result codes, their texts, and the last error of each task.
+// SPDX-License-Identifier: MIT
+// Result codes, their texts, and the last error of each task.
 //
 // A result code is a number whose bit 31 tells failure; 0 is success. raiseError is called where
 // something fails: it logs the code, keeps it as the calling task's last error, tells the listeners

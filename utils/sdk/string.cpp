@@ -1,4 +1,5 @@
-// string.cpp: what a String adds to the surgery on its text: whose representation is changed.
+// SPDX-License-Identifier: MIT
+// What a String adds to the surgery on its text: whose representation is changed.
 //
 // A change runs on a representation that nobody shares, this string's own or a copy, and the string
 // takes the copy over when the change went through. So a change that fails leaves no trace, and a

@@ -1,4 +1,5 @@
-// string.h: text as a value, shared between its copies, and views of ranges of it.
+// SPDX-License-Identifier: MIT
+// Text as a value, shared between its copies, and views of ranges of it.
 //
 // A String is one pointer to a counted StringRep, or null: an empty string that has cost nothing.
 // Copies share the representation; whatever changes a text first makes the representation its own,

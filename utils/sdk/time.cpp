@@ -1,4 +1,5 @@
-// time.cpp: the two rare cases of a Time, kept out of the way of what its users compile in place.
+// SPDX-License-Identifier: MIT
+// The two rare cases of a Time, kept out of the way of what its users compile in place.
 //
 // What reaches saturated() is not a number or has no place in 64 bits. What reaches
 // rareQuotient() is a division by raw 0 or by raw -1, the two that the processor may trap at.

@@ -1,4 +1,5 @@
-// time.h: a signed fixed-point number with 16 fractional bits, as a plain value.
+// SPDX-License-Identifier: MIT
+// A signed fixed-point number with 16 fractional bits, as a plain value.
 //
 // It stands alone: nothing here reads a clock, allocates or reports, and what one unit is (a
 // second, a frame) is the caller's affair. A Time is one 64-bit word without shared state, so every

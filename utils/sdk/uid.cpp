@@ -1,4 +1,5 @@
-// uid.cpp: what a UID keeps for the process, its order, and its text form in both directions.
+// SPDX-License-Identifier: MIT
+// What a UID keeps for the process, its order, and its text form in both directions.
 //
 // The runtime library reads the words, so that blanks, a sign or "0x" mean what they mean there.
 // Words have 32 bits on every platform and read as a strtoul of that width reads them, the larger

@@ -1,4 +1,5 @@
-// uid.h: an identifier of 96 bits that is made on the spot, as a plain value.
+// SPDX-License-Identifier: MIT
+// An identifier of 96 bits that is made on the spot, as a plain value.
 //
 // Three words: the number of the machine, the second of the making, counted from 1989-02-07
 // 19:38:39 UTC, and a running number within that second. No service hands them out and nothing

@@ -1,4 +1,5 @@
-// vector.cpp: the growable array, written once for all element types.
+// SPDX-License-Identifier: MIT
+// The growable array, written once for all element types.
 //
 // An operation that needs other storage takes it first and changes the vector afterwards, and lets
 // the former storage go last of all: what it was given may lie there.

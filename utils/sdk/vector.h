@@ -1,4 +1,5 @@
-// vector.h: the growable array, and the table through which untyped code handles typed elements.
+// SPDX-License-Identifier: MIT
+// The growable array, and the table through which untyped code handles typed elements.
 //
 // All logic stands once, in VectorBase, which knows no element type. Vector<T> holds the storage,
 // tells the base by a TemplOps table how to make, copy, compare and blank elements and where its

@@ -1,4 +1,5 @@
-// wtree.cpp: the exported operations of the weight-balanced tree.
+// SPDX-License-Identifier: MIT
+// The exported operations of the weight-balanced tree.
 //
 // Insertion and the removal of single nodes are wtree_steps.h with the caller's comparison.
 // Rotations, balancing and the range removals stand here. The balance tests are products of whole

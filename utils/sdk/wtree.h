@@ -1,4 +1,5 @@
-// wtree.h: an intrusive search tree balanced by weight.
+// SPDX-License-Identifier: MIT
+// An intrusive search tree balanced by weight.
 //
 // A tree of bounded balance (J. Nievergelt and E. M. Reingold, "Binary search trees of bounded
 // balance", SIAM J. Comput. 2, 1973) with a balance of about 1 - 1/sqrt(2), kept by whole-number

@@ -1,4 +1,5 @@
-// ysys.h: the system interface, the only way in which the library asks the operating system.
+// SPDX-License-Identifier: MIT
+// The system interface, the only way in which the library asks the operating system.
 //
 // 29 plain functions in nine families and one assertion report; `ysys/` keeps these promises on
 // POSIX, and any system that keeps them carries the whole library. Nothing here logs, throws, or

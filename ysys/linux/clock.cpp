@@ -1,4 +1,5 @@
-// clock.cpp: the time of day, for people. Nothing measures or waits by it; waits run on the
+// SPDX-License-Identifier: MIT
+// The time of day, for people. Nothing measures or waits by it; waits run on the
 // monotonic clock, which nobody sets. May be called from any task.
 //
 // A double holds today's 1.8 * 10^9 seconds with a step of a quarter of a microsecond.

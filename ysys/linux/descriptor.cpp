@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Writes that finish, and the signals that a write can raise.
 //
 // A write to a pipe whose reader has gone sends SIGPIPE to the writing task, one past the limit on

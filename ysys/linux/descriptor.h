@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Writes to file descriptors that end with all bytes written or with a refusal, without a signal.
 //
 // Thread safety: may be used from any task, with different or equal descriptors.

@@ -1,4 +1,5 @@
-// file.cpp: files that are open for writing.
+// SPDX-License-Identifier: MIT
+// Files that are open for writing.
 //
 // A file is its descriptor and whether a write may send a signal. Nothing is kept back: a write is
 // with the system when it returns, so flushing has nothing left to do. Every file is in append

@@ -1,4 +1,5 @@
-// fork.cpp: the one place that learns of a fork.
+// SPDX-License-Identifier: MIT
+// The one place that learns of a fork.
 //
 // A handler in the child mends the families. There is none before the fork: a handler of the
 // program that runs after it could wait there for a task that waits for the system layer.

@@ -1,4 +1,5 @@
-// futex.cpp: the kernel's side of sleeping and waking. See futex.h.
+// SPDX-License-Identifier: MIT
+// The kernel's side of sleeping and waking. See futex.h.
 //
 // A 64-bit system has one system call, whose time structure has two 64-bit members. A 32-bit system
 // has a second call for that structure; kernels before 5.1 and some filters refuse it. Then the

@@ -1,4 +1,5 @@
-// memory.cpp: raw memory for the allocators, from one window of addresses.
+// SPDX-License-Identifier: MIT
+// Raw memory for the allocators, from one window of addresses.
 //
 // The window is reserved without memory behind it and handed out from its lower end; ahead of what
 // was handed out, its pages are opened a mebibyte at a time, so most requests need no system call.

@@ -1,4 +1,5 @@
-// platform.cpp: the services beside the system interface: a debugger channel and a message on
+// SPDX-License-Identifier: MIT
+// The services beside the system interface: a debugger channel and a message on
 // screen.
 //
 // A message goes the best way that works: a dialog program, if there is a display; the controlling

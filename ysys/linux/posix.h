@@ -1,4 +1,5 @@
-// posix.h: asks the runtime library for files above 2 GiB and times after 2038 on every pointer
+// SPDX-License-Identifier: MIT
+// Asks the runtime library for files above 2 GiB and times after 2038 on every pointer
 // size.
 //
 // It is not a list of system headers: a source includes it first of all, before any of them, and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The environment of the process, and settings files by their descriptors.
 #include "ysys/linux/posix.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Reports as one writev on descriptor 2.
 #include "ysys/stderr_report.h"
 

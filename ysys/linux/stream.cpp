@@ -1,4 +1,5 @@
-// stream.cpp: a line on a stream of the runtime library.
+// SPDX-License-Identifier: MIT
+// A line on a stream of the runtime library.
 //
 // The runtime library drops the rest of a line when a write takes a part of it: where a pipe is
 // full and its descriptor does not block, or a signal's handler interrupts the write. So the line

@@ -1,4 +1,5 @@
-// task.cpp: the identity of the calling task.
+// SPDX-License-Identifier: MIT
+// The identity of the calling task.
 //
 // People see the kernel's number of the thread, which is below 2^22. Logic compares the id:
 // generation << 22 | number, where the generation counts the forks that led to the process. Task

@@ -1,4 +1,5 @@
-// decimal.h: inside the library, numbers as digits, written where they are to stand.
+// SPDX-License-Identifier: MIT
+// Inside the library, numbers as digits, written where they are to stand.
 //
 // They are not made elsewhere and copied: a wide load from bytes that were just stored one by one
 // waits for them longer than the digits take.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How a call that reports nothing to its caller treats `errno`. For the library and the system
 // layer, not installed.
 #pragma once

@@ -1,4 +1,5 @@
-// load.cpp: what is done when the library is attached to a process, before any of its objects
+// SPDX-License-Identifier: MIT
+// What is done when the library is attached to a process, before any of its objects
 // comes.
 #include "utils/sdk/base/load_order.h"
 #include "utils/sdk/platform.h"

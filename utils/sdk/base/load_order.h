@@ -1,4 +1,5 @@
-// load_order.h: inside the library, the order in which its static objects come and go.
+// SPDX-License-Identifier: MIT
+// Inside the library, the order in which its static objects come and go.
 //
 // Whatever needs code at load or at unload is marked [[gnu::init_priority(...)]] with one of these,
 // so that neither the order of the sources nor the linker decides. Objects come in this order,

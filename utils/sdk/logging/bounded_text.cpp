@@ -1,4 +1,5 @@
-// bounded_text.cpp: plain directives are expanded here, all others by the runtime library.
+// SPDX-License-Identifier: MIT
+// Plain directives are expanded here, all others by the runtime library.
 //
 // The runtime library works out the length of the whole text, at some nanoseconds a byte, and fails
 // if it is above INT_MAX, although the room has long been full. So it is given a copy of the format

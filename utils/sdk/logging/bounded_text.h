@@ -1,4 +1,5 @@
-// bounded_text.h: inside the library, formats expanded into rooms of fixed size.
+// SPDX-License-Identifier: MIT
+// Inside the library, formats expanded into rooms of fixed size.
 #pragma once
 
 #include <cstdarg>

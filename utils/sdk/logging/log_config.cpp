@@ -1,4 +1,5 @@
-// log_config.cpp: the settings with which the hub begins, read once from the system interface.
+// SPDX-License-Identifier: MIT
+// The settings with which the hub begins, read once from the system interface.
 //
 // A setting that makes no sense is passed over without a word, as one that is not there.
 #include <climits>

@@ -1,4 +1,5 @@
-// log_sinks.cpp: the sinks. None of them tells its caller how it went.
+// SPDX-License-Identifier: MIT
+// The sinks. None of them tells its caller how it went.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

@@ -1,4 +1,5 @@
-// trace.cpp: the record of the library's own category.
+// SPDX-License-Identifier: MIT
+// The record of the library's own category.
 #include "utils/sdk/logging/trace.h"
 
 namespace Utils {

@@ -1,4 +1,5 @@
-// trace.h: inside the library, its own lines in the log: class Debug, category "utils".
+// SPDX-License-Identifier: MIT
+// Inside the library, its own lines in the log: class Debug, category "utils".
 #pragma once
 
 #include <atomic>

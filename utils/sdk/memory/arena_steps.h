@@ -1,4 +1,5 @@
-// arena_steps.h: what the arena allocators do alike with their fields.
+// SPDX-License-Identifier: MIT
+// What the arena allocators do alike with their fields.
 //
 // For the library's own sources, not installed. MemoryAllocator and MemoryBank have chunks, blocks,
 // colours and totals in common, in fields of the same names; they differ in where a free block is

@@ -1,4 +1,5 @@
-// chain.cpp: walking, joining and reporting the chain of an arena's blocks.
+// SPDX-License-Identifier: MIT
+// Walking, joining and reporting the chain of an arena's blocks.
 #include "utils/sdk/memory/chain.h"
 
 #include <bit>

@@ -1,4 +1,5 @@
-// chain.h: the blocks of an arena, as far as every arena allocator shares them.
+// SPDX-License-Identifier: MIT
+// The blocks of an arena, as far as every arena allocator shares them.
 //
 // For the library's own sources, not installed. Knows head words, tail words and the chain that
 // they form (alloc.h shows the layout), and nothing of an allocator's fields or of where it keeps

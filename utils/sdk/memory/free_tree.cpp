@@ -1,4 +1,5 @@
-// free_tree.cpp: first fit by address in a tree that is ordered by size.
+// SPDX-License-Identifier: MIT
+// First fit by address in a tree that is ordered by size.
 #include "utils/sdk/memory/free_tree.h"
 
 namespace Utils {

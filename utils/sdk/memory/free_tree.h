@@ -1,4 +1,5 @@
-// free_tree.h: the tree of an arena's free blocks: its order, its guard, and first fit by address.
+// SPDX-License-Identifier: MIT
+// The tree of an arena's free blocks: its order, its guard, and first fit by address.
 //
 // For the library's own sources, not installed. MemoryAllocator keeps its free large blocks in a
 // weight-balanced tree by size, then by address; wtree_steps.h has the algorithms. The nodes lie in

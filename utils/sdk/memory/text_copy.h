@@ -1,4 +1,5 @@
-// text_copy.h: inside the library, the copies of short texts that its objects keep.
+// SPDX-License-Identifier: MIT
+// Inside the library, the copies of short texts that its objects keep.
 #pragma once
 
 #include <cstring>

@@ -1,4 +1,5 @@
-// shared.cpp: the entries of shared system objects.
+// SPDX-License-Identifier: MIT
+// The entries of shared system objects.
 #include "utils/sdk/sync/shared_handles.h"
 
 #include <new>

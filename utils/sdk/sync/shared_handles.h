@@ -1,4 +1,5 @@
-// shared.h: inside the library, system objects that several objects refer to.
+// SPDX-License-Identifier: MIT
+// Inside the library, system objects that several objects refer to.
 //
 // Copies of a lock or an event refer to one system object, which the last of them ends. Most are
 // never copied, so only what is shared is counted, here and not in the objects: a handle that is in

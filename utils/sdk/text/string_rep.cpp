@@ -1,4 +1,5 @@
-// string_rep.cpp: the surgery on a text that one String holds alone, and the total of string
+// SPDX-License-Identifier: MIT
+// The surgery on a text that one String holds alone, and the total of string
 // memory.
 //
 // Every operation works out its final size first, takes the one buffer that it may need, and only

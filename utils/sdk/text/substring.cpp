@@ -1,4 +1,5 @@
-// substring.cpp: views of ranges of a text, compared where they lie.
+// SPDX-License-Identifier: MIT
+// Views of ranges of a text, compared where they lie.
 #include <strings.h>
 
 #include <algorithm>

@@ -1,4 +1,5 @@
-// wtree_steps.h: the algorithms of the weight-balanced tree, apart from the tree.
+// SPDX-License-Identifier: MIT
+// The algorithms of the weight-balanced tree, apart from the tree.
 //
 // For the library's own sources, not installed: `wtree.cpp` makes the exported operations of it,
 // with a comparison called by its address, and the allocator its free tree, with the comparison

@@ -17,12 +17,9 @@
 #include <cstddef>
 
 #include "utils/sdk/export.h"
+#include "utils/sdk/result_codes.h"
 
 namespace Utils {
-
-// The result codes that the colour operations give beside 0, success.
-constexpr unsigned RESULT_NOT_IMPLEMENTED = 0x80000001u;
-constexpr unsigned RESULT_INVALID_ARGUMENT = 0x80000003u;
 
 // What an implementation does is told here. All but the pure operations have a body for sources
 // that know no colours; where it does something else, that is told too.

@@ -66,11 +66,16 @@ void makeStdResults() {
   if (_made) return;
   _made = true;
   static ResultString _stdResults[] = {
-      {0x00000000, "Success"},          {0x80000000, "Generic failure"},
-      {0x80000001, "Not implemented"},  {0x80000002, "Out of memory"},
-      {0x80000003, "Invalid argument"}, {0x80000004, "No interface"},
-      {0x80040001, "File not found"},   {0x80040002, "File read error"},
-      {0x80040003, "File write error"}, {0x80040004, "File is corrupt"},
+      {RESULT_SUCCESS, "Success"},
+      {RESULT_FAILURE, "Generic failure"},
+      {RESULT_NOT_IMPLEMENTED, "Not implemented"},
+      {RESULT_OUT_OF_MEMORY, "Out of memory"},
+      {RESULT_INVALID_ARGUMENT, "Invalid argument"},
+      {RESULT_NO_INTERFACE, "No interface"},
+      {RESULT_FILE_NOT_FOUND, "File not found"},
+      {RESULT_FILE_READ_ERROR, "File read error"},
+      {RESULT_FILE_WRITE_ERROR, "File write error"},
+      {RESULT_FILE_CORRUPT, "File is corrupt"},
   };
   static_cast<void>(_stdResults);
 }

@@ -3,7 +3,8 @@
 //
 // A result code is a number whose bit 31 tells failure; 0 is success. raiseError is called where
 // something fails: it logs the code, keeps it as the calling task's last error, tells the listeners
-// and gives the code back, to be handed on. These have texts from the start:
+// and gives the code back, to be handed on. These, named in result_codes.h, have texts from the
+// start:
 //
 //   0x00000000 "Success"           0x80000003 "Invalid argument"   0x80040002 "File read error"
 //   0x80000000 "Generic failure"   0x80000004 "No interface"       0x80040003 "File write error"
@@ -19,6 +20,7 @@
 #pragma once
 
 #include "utils/sdk/export.h"
+#include "utils/sdk/result_codes.h"
 
 namespace Utils {
 

@@ -7,6 +7,7 @@
 #include "utils/sdk/atree.h"
 
 #include "utils/sdk/platform.h"
+#include "utils/sdk/trees/choose.h"
 
 namespace Utils {
 
@@ -21,22 +22,14 @@ enum Side { LEFT = -1, RIGHT = 1 };  // by their signs
 
 Side opposite(Side side) { return static_cast<Side>(-side); }
 
-// Which side a step works on cannot be foreseen: it is computed with. The compiler does not see
-// through this and makes no branch of it.
-int numberOf(bool condition) {
-  int number = condition;
-  asm("" : "+r"(number));
-  return number;
-}
+// The side that a step works on cannot be predicted, so it is computed (trees/choose.h).
 
 Side sideOf(const Iter& it, Node* above, const Node* child) {
-  return static_cast<Side>(1 - 2 * numberOf(it.left(above) == child));
+  return choose(it.left(above) == child, LEFT, RIGHT);
 }
 
 Node*& child(const Iter& it, Node* node, Side side) {
-  const unsigned mask = 0 - static_cast<unsigned>(numberOf(side == RIGHT));
-  const unsigned left = it.nodeOps_->offset1_;
-  const unsigned offset = left ^ ((left ^ it.nodeOps_->offset2_) & mask);
+  const unsigned offset = choose(side == RIGHT, it.nodeOps_->offset2_, it.nodeOps_->offset1_);
   return *reinterpret_cast<Node**>(reinterpret_cast<char*>(node) + offset);
 }
 

@@ -23,10 +23,10 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 
 #include "utils/sdk/allocator.h"
 #include "utils/sdk/export.h"
+#include "utils/sdk/trees/choose.h"
 #include "utils/sdk/vector.h"
 
 namespace Utils {
@@ -164,16 +164,10 @@ struct YUTILS_EXPORT AVLTreeNode : AVLTreeNodeBase {
   const V& value() const { return value_; }
   void value(const V& v) { value_ = v; }
 
-  // Which way a search goes cannot be foreseen, and a branch that is mispredicted costs more than
-  // the rest of the step. So both children are loaded, which takes no longer than loading the key,
-  // and one is chosen by a mask, which the compiler does not see through to make a branch of it.
+  // The child that a search goes to next (trees/choose.h). Loading both children takes no longer
+  // than loading the key.
   AVLTreeNode* childTowards(bool greater) const {
-    auto mask = 0 - static_cast<std::uintptr_t>(greater);
-    asm("" : "+r"(mask));
-    const auto left = reinterpret_cast<std::uintptr_t>(left_);
-    const auto right = reinterpret_cast<std::uintptr_t>(right_);
-    const auto child = reinterpret_cast<AVLTreeNodeBase*>(left ^ ((left ^ right) & mask));
-    return static_cast<AVLTreeNode*>(child);
+    return static_cast<AVLTreeNode*>(choose(greater, right_, left_));
   }
   AVLTreeNodeBase** linkTowards(bool greater) { return greater ? &right_ : &left_; }
 

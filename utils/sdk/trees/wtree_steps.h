@@ -24,6 +24,7 @@
 
 #include <cstdint>
 
+#include "utils/sdk/trees/choose.h"
 #include "utils/sdk/wtree.h"
 
 namespace Utils {
@@ -83,26 +84,6 @@ struct WTreeSteps {
   static bool outOfBalance(std::uint64_t child, std::uint64_t weight) {
     return child * 99 - weight * 29 > weight * 41;
   }
-
-  // Which way a descent goes cannot be foreseen, and a branch that is mispredicted costs more than
-  // the rest of the step. So it is chosen by a mask, which the compiler does not see through to
-  // make a branch of it.
-  struct Choice {
-    explicit Choice(bool first) : mask_(0 - static_cast<std::uintptr_t>(first)) {
-      asm("" : "+r"(mask_));
-    }
-
-    Node* of(Node* first, Node* second) const {
-      const auto a = reinterpret_cast<std::uintptr_t>(first);
-      const auto b = reinterpret_cast<std::uintptr_t>(second);
-      return reinterpret_cast<Node*>(b ^ ((a ^ b) & mask_));
-    }
-    unsigned of(unsigned first, unsigned second) const {
-      return second ^ ((first ^ second) & static_cast<unsigned>(mask_));
-    }
-
-    std::uintptr_t mask_;
-  };
 
   // A link that the guard refuses ends the path.
   template <class Path, class Place>

@@ -82,7 +82,7 @@ void rotateTwice(Iter& it, Node* child, Node* grandchild, Side side) {
   rotate(it, opposite(side));
 }
 
-void mendGrown(Iter& it, Side side) {
+void rebalanceGrown(Iter& it, Side side) {
   if (!hasLinkedNode(it) || !holds(it.pos_, "pos_", __LINE__)) return;
   Node* node = *it.insertAddr_;
   holds(node->balance_ != 0, "(*insertAddr_)->balance_ != 0", __LINE__);
@@ -94,10 +94,10 @@ void mendGrown(Iter& it, Side side) {
 
 // The subtree on that side of pos_ has grown, its link is insertAddr_. True when the one at pos_
 // has.
-bool takeGrowth(Iter& it, Side side) {
+bool recordGrowth(Iter& it, Side side) {
   const bool grows = it.pos_->balance_ == 0;
   it.pos_->balance_ += side;
-  if (it.pos_->balance_ * side > 1) mendGrown(it, side);
+  if (it.pos_->balance_ * side > 1) rebalanceGrown(it, side);
   return grows;
 }
 
@@ -147,7 +147,7 @@ void unlink(Iter& it, Node* node) {
 
 // The node at pos_ is too high by two on the side `dir`. True when mending has made its subtree
 // lower: pos_ is then the parent, and `dir` the side on which that one is now too high.
-bool mendShrunk(Iter& it, int& dir) {
+bool rebalanceShrunk(Iter& it, int& dir) {
   const Side side = static_cast<Side>(dir);
   Node* node = it.pos_;
   Node* sibNode = child(it, node, side);
@@ -183,7 +183,7 @@ void retrace(Iter& it, int dir) {
     if (node->balance_ != dir) {
       node->balance_ = 0;
       dir = climb(it);
-    } else if (!mendShrunk(it, dir)) {
+    } else if (!rebalanceShrunk(it, dir)) {
       return;
     }
   }
@@ -230,8 +230,8 @@ void AVLTreeIterBase::bump(bool forward) {
 
 bool AVLTreeIterBase::adjustBalance() {
   if (!pos_) return false;
-  if (insertAddr_ == &left(pos_)) return takeGrowth(*this, LEFT);
-  return insertAddr_ == &right(pos_) && takeGrowth(*this, RIGHT);
+  if (insertAddr_ == &left(pos_)) return recordGrowth(*this, LEFT);
+  return insertAddr_ == &right(pos_) && recordGrowth(*this, RIGHT);
 }
 
 // Up to the first node that is not even, all lean to where they have grown, and nothing else
@@ -248,12 +248,12 @@ void AVLTreeIterBase::settle() {
   if (!node) return;
   const Side side = sideOf(*this, node, grown);
   insertAddr_ = &child(*this, node, side);
-  takeGrowth(*this, side);
+  recordGrowth(*this, side);
 }
 
-void AVLTreeIterBase::leftBalance() { mendGrown(*this, LEFT); }
+void AVLTreeIterBase::leftBalance() { rebalanceGrown(*this, LEFT); }
 
-void AVLTreeIterBase::rightBalance() { mendGrown(*this, RIGHT); }
+void AVLTreeIterBase::rightBalance() { rebalanceGrown(*this, RIGHT); }
 
 void AVLTreeIterBase::rotateLeft() { rotate(*this, LEFT); }
 

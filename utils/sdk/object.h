@@ -88,11 +88,11 @@ struct Ref {
     release(object);
   }
   static void release(T* object) {
-    if (object && object->decRef() == 0) end(object);
+    if (object && object->decRef() == 0) destroy(object);
   }
   // Kept apart from its callers: inlined, it makes gcc see uses of an object after its end on paths
   // that the count never takes.
-  [[gnu::noinline]] static void end(T* object) { delete object; }
+  [[gnu::noinline]] static void destroy(T* object) { delete object; }
 
   T* ptr_;
 };

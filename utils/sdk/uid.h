@@ -85,9 +85,9 @@ static_assert(sizeof(UID) == 12, "the three words and nothing else");
 // In place, since a call into the library would take as long as asking for the time does. A time_t
 // of 32 bits holds no second after 2038-01-19.
 inline UID::UID() : machineNum_(ourMachineNum()) {
-  const std::time_t told = std::time(nullptr);
-  const bool failed = __builtin_expect(told == static_cast<std::time_t>(-1), false);
-  const unsigned seconds = failed ? systemSeconds() : static_cast<unsigned>(told);
+  const std::time_t reading = std::time(nullptr);
+  const bool failed = __builtin_expect(reading == static_cast<std::time_t>(-1), false);
+  const unsigned seconds = failed ? systemSeconds() : static_cast<unsigned>(reading);
   const int now = static_cast<int>(seconds - EPOCH);
   tick_ = now == lastTime_ ? tick_ + 1 : 0;
   lastTime_ = now;

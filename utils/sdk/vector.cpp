@@ -153,7 +153,7 @@ bool insertAt(const Slots& slots, const void* items, unsigned count, unsigned in
 }
 
 // Requires from <= to <= size_.
-void takeOut(const Slots& slots, unsigned from, unsigned to) {
+void removeRun(const Slots& slots, unsigned from, unsigned to) {
   const unsigned end = slots.size_;
   copyRun(slots.ops_, slots[from], slots[to], end - to);
   slots.size_ -= to - from;
@@ -218,13 +218,13 @@ bool VectorBase::removeAt(unsigned index, const TemplOps& ops, void* self) {
 
 bool VectorBase::removeAtOrdered(unsigned index, const TemplOps& ops, void* self) {
   if (index >= size_) return false;
-  takeOut(Slots(size_, ops, self), index, index + 1);
+  removeRun(Slots(size_, ops, self), index, index + 1);
   return true;
 }
 
 bool VectorBase::removeAt(unsigned from, unsigned to, const TemplOps& ops, void* self) {
   to = std::min(to, size_);
-  if (from < to) takeOut(Slots(size_, ops, self), from, to);
+  if (from < to) removeRun(Slots(size_, ops, self), from, to);
   return true;
 }
 

@@ -142,7 +142,7 @@ bool WTreeBase::insert(WTreeNodeBase* node, WTreeNodeBase** link, WTreeCompare b
   WTreePath path(link);
   const auto end = WTreeSteps::descend(path, PlaceOfKey{keyOf(node), before});
   if (end.found_) {
-    WTreeSteps::mend(path, 0, wt(end.found_));
+    WTreeSteps::rebalanceAfterSearch(path, 0, wt(end.found_));
     return false;
   }
   WTreeSteps::attach(path, end, node);
@@ -155,7 +155,7 @@ WTreeNodeBase* WTreeBase::remove(const void* key, WTreeNodeBase** link, WTreeCom
   if (end.found_) {
     WTreeSteps::detach(path, end.found_);
   } else {
-    WTreeSteps::mend(path, 0, 1);
+    WTreeSteps::rebalanceAfterSearch(path, 0, 1);
   }
   return end.found_;
 }
@@ -165,7 +165,7 @@ WTreeNodeBase* WTreeBase::removesup(const void* key, WTreeNodeBase** link, WTree
   const auto end = WTreeSteps::descend(path, PlaceOfKey{key, before});
   Node* fit = end.found_;
   if (!fit) {
-    WTreeSteps::mend(path, end.upper_, 1);
+    WTreeSteps::rebalanceAfterSearch(path, end.upper_, 1);
     if (end.upper_ == 0) return nullptr;
     path.depth_ = end.upper_ - 1;
     fit = path.nodes_[path.depth_];
@@ -211,7 +211,7 @@ WTreeNodeBase* WTreeBase::prune(WTreeNodeBase** link) {
 }
 
 // One range removal: what it looks for, and the list of what it has found.
-struct WTreeRange {
+struct WTreeSteps::RangeRemoval {
   // Takes the range out of the subtree at `link`, whose keys lie from `lower` to `upper`. A subtree
   // that these show to lie in the range goes whole; any other node in the range goes by itself,
   // after what has to go below it.
@@ -252,14 +252,14 @@ struct WTreeRange {
 
 WTreeNodeBase* WTreeBase::remove(const void* low, const void* high, const void* lower,
                                  const void* upper, WTreeNodeBase** link, WTreeCompare before) {
-  WTreeRange range{low, high, before, false};
+  WTreeSteps::RangeRemoval range{low, high, before, false};
   range.removeFrom(link, lower, upper);
   return range.list_;
 }
 
 WTreeNodeBase* WTreeBase::removeC(const void* low, const void* high, const void* lower,
                                   const void* upper, WTreeNodeBase** link, WTreeCompare before) {
-  WTreeRange range{low, high, before, true};
+  WTreeSteps::RangeRemoval range{low, high, before, true};
   range.removeFrom(link, lower, upper);
   return range.list_;
 }

@@ -41,7 +41,6 @@ struct YUTILS_EXPORT WTreeNodeBase {
  protected:
   friend struct WTreeBase;
   friend struct WTreeSteps;
-  friend struct WTreeRange;
 
   void init() {
     weight_ = 0;
@@ -83,7 +82,6 @@ struct YUTILS_EXPORT WTreeBase {
 
  protected:
   friend struct WTreeSteps;
-  friend struct WTreeRange;
 
   // Each of these works on the subtree at `link`, the address of top_ or of a child pointer.
 

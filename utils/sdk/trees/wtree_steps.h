@@ -121,7 +121,7 @@ struct WTreeSteps {
   // weight of each node and restores its balance. `below` is the weight of what the path leads to.
   // The test is the stricter of the two of adjust(), for both sides; adjust() decides.
   template <class Path>
-  static void settle(Path& path, unsigned from, unsigned below, int delta) {
+  static void retrace(Path& path, unsigned from, unsigned below, int delta) {
     for (unsigned level = path.depth_; level-- > from;) {
       Node* node = path.nodes_[level];
       const unsigned weight = node->weight_ + static_cast<unsigned>(delta);
@@ -147,13 +147,13 @@ struct WTreeSteps {
   // left outside the balance. Only nodes of at least that weight can have been left so; the path is
   // cut behind the last of them.
   template <class Path>
-  static void mend(Path& path, unsigned from, unsigned below) {
+  static void rebalanceAfterSearch(Path& path, unsigned from, unsigned below) {
     constexpr unsigned LEAST_WEIGHT = 239;
     unsigned depth = from;
     while (depth < path.depth_ && path.nodes_[depth]->weight_ >= LEAST_WEIGHT) depth++;
     if (depth < path.depth_) below = path.nodes_[depth]->weight_;
     path.depth_ = depth;
-    settle(path, from, below, 0);
+    retrace(path, from, below, 0);
   }
 
   // Puts a node where a descent ended without finding one.
@@ -168,7 +168,7 @@ struct WTreeSteps {
       (end.toRight_ ? parent->right_ : parent->left_) = node;
     }
     path.added(node);
-    settle(path, 0, 2, 1);
+    retrace(path, 0, 2, 1);
   }
 
   // Takes out the node that the path leads to; both its children are null then. A node with two
@@ -185,7 +185,7 @@ struct WTreeSteps {
       *link = rest;
     }
     node->left_ = node->right_ = nullptr;
-    settle(path, 0, WTreeBase::wt(rest), -1);
+    retrace(path, 0, WTreeBase::wt(rest), -1);
     return true;
   }
 
@@ -217,6 +217,8 @@ struct WTreeSteps {
   }
 
   static unsigned weightOf(const Node* node) { return node->weight_; }
+
+  struct RangeRemoval;  // in wtree.cpp, its only user
 
  private:
   // The predecessor takes the node's place and leaves its own to its left child, which is `rest`

@@ -33,136 +33,21 @@
 #include <compare>
 #endif
 
-#include "utils/sdk/allocator.h"
 #include "utils/sdk/export.h"
 
 namespace Utils {
 
-struct String;
+struct StringChar;
+struct StringRep;
 struct SubString;
-
-// Bytes in representations and their buffers, of all strings of the process together.
-YUTILS_EXPORT unsigned YfTotalStringMemory();
-
-// A text that a String holds. Who changes it holds it alone, which nothing here looks at. What
-// gives bool gives false, and has changed nothing, when there is no memory or the text would be too
-// long.
-struct YUTILS_EXPORT StringRep {
- protected:
-  friend struct String;
-  friend struct StringChar;
-
-  static constexpr unsigned NOT_FOUND = 0xffffffffu;
-  static constexpr unsigned SIZE_LIMIT = 0x80000000u;  // sizes stay below it
-
-  // Without memory these stay empty. No count yet: whoever makes one raises it.
-  StringRep();
-  StringRep(const char* text);  // null for an empty one
-  StringRep(char c);
-  StringRep(const char* text, unsigned count);  // exactly count bytes; null for an empty one
-  StringRep(const char* text, unsigned from, unsigned count);  // the count bytes at text + from
-  StringRep(const StringRep&) = delete;
-  StringRep& operator=(const StringRep&) = delete;
-  ~StringRep();
-
-  // A representation as a String makes it: on the heap, in the total, its count 1; null without
-  // memory. destroy ends it whatever its count.
-  static StringRep* create(const char* text = nullptr, unsigned count = 0);
-  static void destroy(StringRep* rep);
-  static char* donateAndDestroy(StringRep* rep);
-
-  void init();
-  void incRef() { ++refCount_; }
-  unsigned decRef() { return refCount_ ? --refCount_ : 0; }  // who gets 0 destroys
-  // This one where no one else holds it, else a copy that takes over one count of this one; null,
-  // and no count moved, without memory.
-  StringRep* unshare();
-
-  unsigned size() const { return size_; }
-  void size(unsigned n) { size_ = n; }  // the terminator is left to the caller
-  char* text() { return text_; }
-
-  // Moves the buffer to the class of n, cutting the text to n; where that is its class already, n
-  // cuts nothing. For 0 frees the buffer.
-  bool resizeFor(unsigned n);
-  int expandTo(unsigned n);  // blanks at the end up to n; gives whether the size is n or more
-
-  void operator=(const char* text);  // null for an empty text; as it was without memory
-  void operator=(char c);
-  bool append(const char* text);  // null appends nothing
-  bool append(StringRep* other);
-  bool append(char c);
-
-  // The source is the count bytes at text + from.
-  bool replace(const char* text, unsigned count, unsigned from, unsigned at);
-  bool insert(const char* text, unsigned count, unsigned from, unsigned at);
-  void remove(unsigned from, unsigned count);
-  // Requires: neither text lies in this one. An empty search changes nothing.
-  bool substitute(const char* search, const char* with);
-  void toUpper();
-  void toLower();
-  void rotateLeft(unsigned n);
-  void trim();
-  // The buffer, which is the caller's from then on, out of the total; where there is none the empty
-  // text, which is not the caller's. Null when there is no memory for a buffer that can leave.
-  char* donate();
-  // Adopts a text from theAllocator() and counts it, unless it is null, empty or too long.
-  void consume(char* text);
-
-  unsigned index(char c, unsigned from) const;
-  unsigned index(const char* search, unsigned from) const;
-  unsigned indexChar(const char* set, unsigned from) const;
-  unsigned rindexChar(const char* set, unsigned from) const;
-  bool tokSpan(const char* delimiters, unsigned from, unsigned& start, unsigned& end) const;
-
- private:
-  struct Block;
-  struct OldBuffer;
-
-  static unsigned sizeFor(unsigned n) { return 2u << (31 - __builtin_clz(n | 8)); }  // n < 2^31
-  bool liesBehindText() const;
-  bool append(const char* text, unsigned count);
-  bool appendInPlace(const char* text, unsigned count);
-  bool moveFor(unsigned n, OldBuffer& old);
-  bool openGap(const char* source, unsigned count, unsigned at);
-  void finish(unsigned size);  // requires a buffer
-  unsigned substituteFrom(char* read, const char* search, const char* with);
-
-  unsigned size_;
-  unsigned capacity_;  // 0 where text_ is the static empty text
-  unsigned refCount_;
-  char* text_;
-};
-
-static_assert(sizeof(StringRep) == (sizeof(void*) == 4 ? 16 : 24));
-
-// One character of a non-const String, read or written. Valid as long as the String.
-struct YUTILS_EXPORT StringChar {
-  StringChar(const StringChar&) = default;
-
-  operator char() const;
-  // Gives the string. At or past the end the character lands at its index, blanks before it.
-  String& operator=(char c);
-  String& operator=(const StringChar& other) { return *this = static_cast<char>(other); }
-
- protected:
-  friend struct String;
-  StringChar(String& string, unsigned index) : string_(string), index_(index) {}
-
- private:
-  String& string_;
-  unsigned index_;
-};
 
 // Operations that read a text have a deleted overload for nullptr, which refuses a literal 0 too.
 struct YUTILS_EXPORT String {
   String() : rep_(nullptr) {}
-  String(const String& s) : rep_(s.rep_) {
-    if (rep_) rep_->incRef();
-  }
-  String(const char* text) : rep_(StringRep::create(text, lengthOf(text))) {}
-  String(char c) : rep_(StringRep::create(&c, 1)) {}
-  String(const char* text, unsigned count) : rep_(StringRep::create(text, count)) {}
+  String(const String& s);
+  String(const char* text);
+  String(char c);
+  String(const char* text, unsigned count);
   String(char c, unsigned count);
   explicit String(std::string_view text);
   String(int i) : rep_(nullptr) { *this += i; }
@@ -172,13 +57,7 @@ struct YUTILS_EXPORT String {
   String(const String& s, unsigned count);  // the first count characters, a text of their own
   ~String() { purge(); }
 
-  String& operator=(const String& s) {
-    StringRep* rep = s.rep_;
-    if (rep) rep->incRef();
-    purge();
-    rep_ = rep;
-    return *this;
-  }
+  String& operator=(const String& s);
   String& operator=(const char* text) { return takeOver(String(text)); }
   String& operator=(double d) { return takeOver(String(d)); }
   String& operator=(char c) { return takeOver(String(c)); }
@@ -219,33 +98,27 @@ struct YUTILS_EXPORT String {
   String& append(const char* text, unsigned count);  // a null text has none
 
   // NUL for a position that the text does not have.
-  char operator[](unsigned i) const { return i < size() ? rep_->text_[i] : '\0'; }
+  char operator[](unsigned i) const;
   char operator[](int i) const { return (*this)[positionOf(i)]; }
-  StringChar operator[](unsigned i) { return StringChar(*this, i); }
-  StringChar operator[](int i) { return StringChar(*this, static_cast<unsigned>(i)); }
+  StringChar operator[](unsigned i);
+  StringChar operator[](int i);
   template <class Integer, class = std::enable_if_t<std::is_integral_v<Integer>>>
   char operator[](Integer i) const {
     return (*this)[positionOf(i)];
   }
   template <class Integer, class = std::enable_if_t<std::is_integral_v<Integer>>>
-  StringChar operator[](Integer i) {
-    return StringChar(*this, positionOf(i));
-  }
+  StringChar operator[](Integer i);
 
   // The bytes; valid until a String that shares them changes.
   const char* begin() const { return *this; }
   const char* end() const { return begin() + size(); }
 
   // All give a position or 0xffffffff. The terminator is found by index(c, from) and rindex alone.
-  unsigned index(char c) const { return c ? index(c, 0) : StringRep::NOT_FOUND; }
+  unsigned index(char c) const;
   unsigned strchr(char c) const { return index(c); }
-  unsigned index(char c, unsigned from) const {
-    return rep_ ? rep_->index(c, from) : StringRep::NOT_FOUND;
-  }
+  unsigned index(char c, unsigned from) const;
   unsigned nthIndex(unsigned n, char c) const;  // counted from 1; 0 gives position 0
-  unsigned index(const char* search, unsigned from) const {
-    return rep_ ? rep_->index(search, from) : StringRep::NOT_FOUND;
-  }
+  unsigned index(const char* search, unsigned from) const;
   unsigned index(std::nullptr_t, unsigned) const = delete;
   // The first at or behind, the last at or before `from`, whose character is in the set; every set
   // has the NUL. Backwards 0xffffffff stands for the end.
@@ -282,12 +155,12 @@ struct YUTILS_EXPORT String {
   String& rotateLeft(unsigned n);
   String& trim();  // white space at both ends
 
-  unsigned size() const { return rep_ ? rep_->size_ : 0; }
+  unsigned size() const;
   // Never null; valid until a String that shares the text changes.
-  operator const char*() const { return rep_ ? rep_->text_ : ""; }
+  operator const char*() const;
   operator std::string_view() const { return {begin(), size()}; }
   // Unlike the conversion null without a representation. Requires: i is in the text or its end.
-  const char* textAt(unsigned i) const { return rep_ ? rep_->text_ + i : nullptr; }
+  const char* textAt(unsigned i) const;
   void expandTo(unsigned n);
   // Moves the text to a buffer for n characters. Cuts it to n only where that is a buffer of
   // another size; for 0 the text and its buffer go.
@@ -309,13 +182,8 @@ struct YUTILS_EXPORT String {
 
  protected:
   friend struct StringChar;
-  friend struct StringRep;
 
-  void purge() {
-    StringRep* rep = rep_;
-    rep_ = nullptr;
-    if (rep && rep->decRef() == 0) StringRep::destroy(rep);
-  }
+  void purge();
 
   static String null_;
   StringRep* rep_;
@@ -332,14 +200,33 @@ struct YUTILS_EXPORT String {
   friend YUTILS_EXPORT String operator+(const String& a, const char* b);
   friend YUTILS_EXPORT String operator+(const char* a, const String& b);
 
-  static unsigned lengthOf(const char* text);  // null has none; SIZE_LIMIT for all that is as long
+  static unsigned lengthOf(const char* text);  // as StringRep::lengthOf
   static String joined(const char* a, unsigned sizeOfA, const char* b, unsigned sizeOfB);
   String& takeOver(const String& made) { return made.rep_ ? *this = made : *this; }
-  void set(unsigned index, char c);
+  void put(unsigned index, char c);
+  void set(unsigned index, char c);  // put, for a text that is shared or too short
   String& appendAnew(const char* text, unsigned count);
   String& appendNull();
   template <class Step>
   String& change(Step step);
+};
+
+// One character of a non-const String, read or written. Valid as long as the String.
+struct YUTILS_EXPORT StringChar {
+  StringChar(const StringChar&) = default;
+
+  operator char() const;
+  // Gives the string. At or past the end the character lands at its index, blanks before it.
+  String& operator=(char c);
+  String& operator=(const StringChar& other) { return *this = static_cast<char>(other); }
+
+ protected:
+  friend struct String;
+  StringChar(String& string, unsigned index) : string_(string), index_(index) {}
+
+ private:
+  String& string_;
+  unsigned index_;
 };
 
 YUTILS_EXPORT String operator+(const String& a, const String& b);
@@ -418,202 +305,11 @@ std::weak_ordering operator<=>(const Text& a, std::string_view b) {
 }
 #endif
 
-// A range of a text, for the SubStrings that view it.
-struct YUTILS_EXPORT SubStringRep {
- protected:
-  friend struct String;
-  friend struct SubString;
-
-  SubStringRep(const String& s) : string_(s) {
-    init();
-    size_ = s.size();
-  }
-  SubStringRep(const String& s, unsigned index) : SubStringRep(s, index, s.size() - index) {}
-  SubStringRep(const String& s, unsigned index, unsigned size) : string_(s) {
-    init();
-    index_ = index;
-    size_ = size;
-    clip();
-  }
-  SubStringRep(const SubStringRep&) = delete;
-  SubStringRep& operator=(const SubStringRep&) = delete;
-  ~SubStringRep() {}
-
-  static void* operator new(std::size_t size) noexcept {
-    return Allocator::theAllocator()->alloc(static_cast<unsigned>(size));
-  }
-  static void operator delete(void* mem) noexcept { Allocator::theAllocator()->free(mem); }
-
-  const String& string() const { return string_; }
-  unsigned index() const { return index_; }
-  unsigned size() const { return size_; }
-  void incRef() { ++refCount_; }
-  unsigned decRef() { return refCount_ ? --refCount_ : 0; }  // who gets 0 destroys
-
-  int operator==(const char* text) const;
-  int operator==(const String& s) const;
-  int compare(const char* text) const;
-  int icompare(const char* text) const;
-
- private:
-  void init() { index_ = size_ = refCount_ = 0; }
-  void empty() { size_ = index_ = 0; }
-  void clip() {
-    const unsigned end = string_.size();
-    if (index_ >= end) {
-      empty();
-    } else if (size_ > end - index_) {
-      size_ = end - index_;
-    }
-  }
-  const char* text() const { return string_.begin() + index_; }
-
-  String string_;
-  unsigned index_;
-  unsigned size_;
-  unsigned refCount_;
-};
-
-// A snapshot of a range: it keeps the text alive, and no later change of the string shows in it. A
-// range is cut to the text; one that begins outside is empty, at 0.
-struct YUTILS_EXPORT SubString {
-  SubString(const String& s) : SubString(new SubStringRep(s)) {}
-  SubString(const String& s, unsigned index) : SubString(new SubStringRep(s, index)) {}
-  SubString(const String& s, unsigned index, unsigned size)
-      : SubString(new SubStringRep(s, index, size)) {}
-  SubString(const SubString& s) : SubString(s.rep_) {}
-  ~SubString() { purge(); }
-
-  unsigned index() const { return rep_ ? rep_->index_ : 0; }
-  unsigned size() const { return rep_ ? rep_->size_ : 0; }
-
-  // Views all of s, or what s views; no text moves. Keeps the old view when there is no memory.
-  SubString& operator=(const String& s);
-  SubString& operator=(const SubString& s);
-
-  int operator==(const SubString& s) const;
-  int operator==(const char* text) const;
-  int operator==(const String& s) const;
-  int operator==(std::nullptr_t) const = delete;
-  int operator!=(const SubString& s) const { return !(*this == s); }
-  int operator!=(const char* text) const { return !(*this == text); }
-  int operator!=(const String& s) const { return !(*this == s); }
-  int operator!=(std::nullptr_t) const = delete;
-
-  // The sign tells where the argument stands against this range, the reverse of String::compare.
-  // Only as many characters as the range has are looked at.
-  int compare(const char* text) const { return rep_ ? rep_->compare(text) : 0; }
-  int compare(std::nullptr_t) const = delete;
-  int compare(const String& s) const { return compare(static_cast<const char*>(s)); }
-  int compare(const SubString& s) const;
-  int icompare(const char* text) const { return rep_ ? rep_->icompare(text) : 0; }
-  int icompare(std::nullptr_t) const = delete;
-  int icompare(const String& s) const { return icompare(static_cast<const char*>(s)); }
-  int icompare(const SubString& s) const;
-
- private:
-  friend struct String;
-
-  explicit SubString(SubStringRep* rep) : rep_(rep) {
-    if (rep_) rep_->incRef();
-  }
-  void purge() {
-    SubStringRep* rep = rep_;
-    rep_ = nullptr;
-    if (rep && rep->decRef() == 0) end(rep);
-  }
-  static void end(SubStringRep* rep) { delete rep; }
-  const char* text() const { return rep_ ? rep_->text() : ""; }
-
-  SubStringRep* rep_;  // null when there was no memory for one: an empty range
-};
-
-inline int operator==(const String& a, const SubString& b) { return b == a; }
-inline int operator!=(const String& a, const SubString& b) { return b != a; }
-inline int operator==(const char* a, const SubString& b) { return b == a; }
-inline int operator!=(const char* a, const SubString& b) { return b != a; }
-
-// --- What is called too often for a call ---
-
-inline void StringRep::finish(unsigned size) {
-  size_ = size;
-  text_[size] = '\0';
-}
-
-inline unsigned String::lengthOf(const char* text) {
-  const std::size_t length = text ? std::strlen(text) : 0;
-  return length < StringRep::SIZE_LIMIT ? static_cast<unsigned>(length) : StringRep::SIZE_LIMIT;
-}
-
-// Where the buffer need not move and no one shares it.
-inline bool StringRep::appendInPlace(const char* text, unsigned count) {
-  if (refCount_ != 1 || count == 0 || count >= capacity_ - size_) return false;
-  const unsigned size = size_ + count;
-  if (sizeFor(size) != capacity_) return false;
-  std::memmove(text_ + size_, text, count);
-  finish(size);
-  return true;
-}
-
-inline unsigned StringRep::index(char c, unsigned from) const {
-  if (from >= size_) return NOT_FOUND;
-  const char* found = std::strchr(text_ + from, c);
-  return found ? static_cast<unsigned>(found - text_) : NOT_FOUND;
-}
-
-inline unsigned StringRep::index(const char* search, unsigned from) const {
-  if (from >= size_) return NOT_FOUND;
-  const char* found = std::strstr(text_ + from, search);
-  return found ? static_cast<unsigned>(found - text_) : NOT_FOUND;
-}
-
-inline StringChar::operator char() const {
-  const String& string = string_;
-  return string[index_];
-}
-
-inline String& StringChar::operator=(char c) {
-  StringRep* rep = string_.rep_;
-  if (rep && rep->refCount_ == 1 && index_ < rep->size_) {
-    rep->text_[index_] = c;
-  } else {
-    string_.set(index_, c);
-  }
-  return string_;
-}
-
-inline int String::compare(const String& s) const {
-  if (rep_ == s.rep_) return 0;
-  if (rep_ && s.rep_) return std::strcmp(rep_->text_, s.rep_->text_);
-  return rep_ ? size() != 0 : -(s.size() != 0);
-}
-
-// Equal texts are found faster by their size.
-inline int String::operator==(const String& s) const {
-  const StringRep* a = rep_;
-  const StringRep* b = s.rep_;
-  if (a && b && a->size_ == b->size_ && std::memcmp(a->text_, b->text_, a->size_) == 0) return 1;
-  return compare(s) == 0;
-}
-
-inline String& String::append(const char* text, unsigned count) {
-  return rep_ && text && rep_->appendInPlace(text, count) ? *this : appendAnew(text, count);
-}
-
-inline String& String::operator+=(const char* text) {
-  return text ? append(text, lengthOf(text)) : appendNull();
-}
-
-inline String& String::operator+=(const String& s) {
-  if (!s.rep_) return *this;
-  if (!rep_) return *this = s;
-  return append(s.rep_->text_, s.rep_->size_);
-}
-
-inline SubString String::operator()(unsigned index, unsigned size) {
-  return SubString(*this, index, size);
-}
-
-inline SubString String::operator()(unsigned index) { return SubString(*this, index); }
+// Bytes in representations and their buffers, of all strings of the process together.
+YUTILS_EXPORT unsigned YfTotalStringMemory();
 
 }  // namespace Utils
+
+#include "utils/sdk/text/string_inline.h"
+#include "utils/sdk/text/string_rep.h"
+#include "utils/sdk/text/substring.h"

@@ -13,11 +13,14 @@
 // 16 + 24 + 4 bytes for "abc". When such a text moves, it moves to a buffer of its own, and its old
 // place is empty until the block ends with the representation. A donated text takes the whole block
 // with it. All other representations stand alone in their blocks, with an offset of 0.
+#include "utils/sdk/text/string_rep.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <new>
 
+#include "utils/sdk/allocator.h"
 #include "utils/sdk/string.h"
 
 namespace Utils {
@@ -232,7 +235,7 @@ StringRep* StringRep::unshare() {
 // --- Assignment and append ---
 
 void StringRep::operator=(const char* text) {
-  const unsigned n = String::lengthOf(text);
+  const unsigned n = lengthOf(text);
   OldBuffer old;
   if (!moveFor(n, old) || n == 0) return;
   std::memmove(text_, text, n);
@@ -255,7 +258,7 @@ bool StringRep::append(const char* text, unsigned count) {
   return true;
 }
 
-bool StringRep::append(const char* text) { return !text || append(text, String::lengthOf(text)); }
+bool StringRep::append(const char* text) { return !text || append(text, lengthOf(text)); }
 
 bool StringRep::append(StringRep* other) { return append(other->text_, other->size_); }
 
@@ -327,8 +330,8 @@ unsigned occurrences(const char* text, const char* search, std::size_t searchSiz
 // The text is read from behind the room that the longer texts will take, so that what is written
 // never passes what is read.
 bool StringRep::substitute(const char* search, const char* with) {
-  const unsigned searchSize = String::lengthOf(search);
-  const unsigned withSize = String::lengthOf(with);
+  const unsigned searchSize = lengthOf(search);
+  const unsigned withSize = lengthOf(with);
   if (searchSize == 0 || size_ == 0) return true;
   unsigned room = 0;
   if (withSize > searchSize) {
@@ -407,7 +410,7 @@ char* StringRep::donate() {
 }
 
 void StringRep::consume(char* text) {
-  const unsigned size = String::lengthOf(text);
+  const unsigned size = lengthOf(text);
   if (size == SIZE_LIMIT) return;
   resizeFor(0);
   if (size == 0) return;

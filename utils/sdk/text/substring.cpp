@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: MIT
 // Views of ranges of a text, compared where they lie.
+#include "utils/sdk/text/substring.h"
+
 #include <strings.h>
 
 #include <algorithm>
-
-#include "utils/sdk/string.h"
+#include <cstring>
 
 namespace Utils {
 

@@ -1,0 +1,135 @@
+// SPDX-License-Identifier: MIT
+// Views of ranges of a text, and their shared representation.
+//
+// A part of string.h, which programs include instead.
+#pragma once
+
+#include <cstddef>
+
+#include "utils/sdk/allocator.h"
+#include "utils/sdk/string.h"
+
+namespace Utils {
+
+// A range of a text, for the SubStrings that view it.
+struct YUTILS_EXPORT SubStringRep {
+ protected:
+  friend struct String;
+  friend struct SubString;
+
+  SubStringRep(const String& s) : string_(s) {
+    init();
+    size_ = s.size();
+  }
+  SubStringRep(const String& s, unsigned index) : SubStringRep(s, index, s.size() - index) {}
+  SubStringRep(const String& s, unsigned index, unsigned size) : string_(s) {
+    init();
+    index_ = index;
+    size_ = size;
+    clip();
+  }
+  SubStringRep(const SubStringRep&) = delete;
+  SubStringRep& operator=(const SubStringRep&) = delete;
+  ~SubStringRep() {}
+
+  static void* operator new(std::size_t size) noexcept {
+    return Allocator::theAllocator()->alloc(static_cast<unsigned>(size));
+  }
+  static void operator delete(void* mem) noexcept { Allocator::theAllocator()->free(mem); }
+
+  const String& string() const { return string_; }
+  unsigned index() const { return index_; }
+  unsigned size() const { return size_; }
+  void incRef() { ++refCount_; }
+  unsigned decRef() { return refCount_ ? --refCount_ : 0; }  // who gets 0 destroys
+
+  int operator==(const char* text) const;
+  int operator==(const String& s) const;
+  int compare(const char* text) const;
+  int icompare(const char* text) const;
+
+ private:
+  void init() { index_ = size_ = refCount_ = 0; }
+  void empty() { size_ = index_ = 0; }
+  void clip() {
+    const unsigned end = string_.size();
+    if (index_ >= end) {
+      empty();
+    } else if (size_ > end - index_) {
+      size_ = end - index_;
+    }
+  }
+  const char* text() const { return string_.begin() + index_; }
+
+  String string_;
+  unsigned index_;
+  unsigned size_;
+  unsigned refCount_;
+};
+
+// A snapshot of a range: it keeps the text alive, and no later change of the string shows in it. A
+// range is cut to the text; one that begins outside is empty, at 0.
+struct YUTILS_EXPORT SubString {
+  SubString(const String& s) : SubString(new SubStringRep(s)) {}
+  SubString(const String& s, unsigned index) : SubString(new SubStringRep(s, index)) {}
+  SubString(const String& s, unsigned index, unsigned size)
+      : SubString(new SubStringRep(s, index, size)) {}
+  SubString(const SubString& s) : SubString(s.rep_) {}
+  ~SubString() { purge(); }
+
+  unsigned index() const { return rep_ ? rep_->index_ : 0; }
+  unsigned size() const { return rep_ ? rep_->size_ : 0; }
+
+  // Views all of s, or what s views; no text moves. Keeps the old view when there is no memory.
+  SubString& operator=(const String& s);
+  SubString& operator=(const SubString& s);
+
+  int operator==(const SubString& s) const;
+  int operator==(const char* text) const;
+  int operator==(const String& s) const;
+  int operator==(std::nullptr_t) const = delete;
+  int operator!=(const SubString& s) const { return !(*this == s); }
+  int operator!=(const char* text) const { return !(*this == text); }
+  int operator!=(const String& s) const { return !(*this == s); }
+  int operator!=(std::nullptr_t) const = delete;
+
+  // The sign tells where the argument stands against this range, the reverse of String::compare.
+  // Only as many characters as the range has are looked at.
+  int compare(const char* text) const { return rep_ ? rep_->compare(text) : 0; }
+  int compare(std::nullptr_t) const = delete;
+  int compare(const String& s) const { return compare(static_cast<const char*>(s)); }
+  int compare(const SubString& s) const;
+  int icompare(const char* text) const { return rep_ ? rep_->icompare(text) : 0; }
+  int icompare(std::nullptr_t) const = delete;
+  int icompare(const String& s) const { return icompare(static_cast<const char*>(s)); }
+  int icompare(const SubString& s) const;
+
+ private:
+  friend struct String;
+
+  explicit SubString(SubStringRep* rep) : rep_(rep) {
+    if (rep_) rep_->incRef();
+  }
+  void purge() {
+    SubStringRep* rep = rep_;
+    rep_ = nullptr;
+    if (rep && rep->decRef() == 0) end(rep);
+  }
+  static void end(SubStringRep* rep) { delete rep; }
+  const char* text() const { return rep_ ? rep_->text() : ""; }
+
+  SubStringRep* rep_;  // null when there was no memory for one: an empty range
+};
+
+inline int operator==(const String& a, const SubString& b) { return b == a; }
+inline int operator!=(const String& a, const SubString& b) { return b != a; }
+inline int operator==(const char* a, const SubString& b) { return b == a; }
+inline int operator!=(const char* a, const SubString& b) { return b != a; }
+
+inline SubString String::operator()(unsigned index, unsigned size) {
+  return SubString(*this, index, size);
+}
+
+inline SubString String::operator()(unsigned index) { return SubString(*this, index); }
+
+}  // namespace Utils

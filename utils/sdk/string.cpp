@@ -93,6 +93,15 @@ int String::icompare(const String& s) const {
 
 int String::icompare(const char* text) const { return rep_ ? strcasecmp(*this, text) : -1; }
 
+bool String::startsWith(const String& s) const {
+  if (!s.rep_) return true;
+  return rep_ && std::strncmp(*this, s, s.size()) == 0;
+}
+
+bool String::startsWith(const char* text) const {
+  return std::strncmp(*this, text, std::strlen(text)) == 0;
+}
+
 // --- Appending ---
 
 namespace {
@@ -160,12 +169,7 @@ void String::set(unsigned index, char c) {
 // --- Searching ---
 
 unsigned String::nthIndex(unsigned n, char c) const {
-  if (!rep_) return StringRep::NOT_FOUND;
-  if (n == 0) return 0;
-  if (c == '\0') return StringRep::NOT_FOUND;
-  const char* found = std::strchr(begin(), c);
-  while (found && --n != 0) found = std::strchr(found + 1, c);
-  return found ? static_cast<unsigned>(found - begin()) : StringRep::NOT_FOUND;
+  return rep_ ? rep_->nthIndex(n, c) : StringRep::NOT_FOUND;
 }
 
 unsigned String::indexChar(const char* set, unsigned from) const {
@@ -176,19 +180,7 @@ unsigned String::rindexChar(const char* set, unsigned from) const {
   return rep_ ? rep_->rindexChar(set, from) : StringRep::NOT_FOUND;
 }
 
-unsigned String::rindex(char c) const {
-  const char* found = rep_ ? std::strrchr(begin(), c) : nullptr;
-  return found ? static_cast<unsigned>(found - begin()) : StringRep::NOT_FOUND;
-}
-
-bool String::startsWith(const String& s) const {
-  if (!s.rep_) return true;
-  return rep_ && std::strncmp(*this, s, s.size()) == 0;
-}
-
-bool String::startsWith(const char* text) const {
-  return std::strncmp(*this, text, std::strlen(text)) == 0;
-}
+unsigned String::rindex(char c) const { return rep_ ? rep_->rindex(c) : StringRep::NOT_FOUND; }
 
 bool String::tokSpan(const char* delimiters, unsigned from, unsigned& start, unsigned& end) const {
   return rep_ && rep_->tokSpan(delimiters, from, start, end);

@@ -68,6 +68,9 @@ struct YUTILS_EXPORT String {
   int icompare(const String& s) const;   // upper and lower case are one, in the current locale
   int icompare(const char* text) const;  // -1 without a representation, whatever the text
   int icompare(std::nullptr_t) const = delete;
+  bool startsWith(const String& s) const;
+  bool startsWith(const char* text) const;
+  bool startsWith(std::nullptr_t) const = delete;
   int operator==(const String& s) const;
   int operator!=(const String& s) const { return !(*this == s); }
   int operator<(const String& s) const { return compare(s) < 0; }
@@ -128,9 +131,6 @@ struct YUTILS_EXPORT String {
   unsigned rindexChar(std::nullptr_t, unsigned) const = delete;
   unsigned rindex(char c) const;
   unsigned strrchr(char c) const { return rindex(c); }
-  bool startsWith(const String& s) const;
-  bool startsWith(const char* text) const;
-  bool startsWith(std::nullptr_t) const = delete;
   // The next token at or behind `from`, from start up to but without end; the caller goes on at
   // end. False when there is none; start is then the size, unless from was past it already.
   bool tokSpan(const char* delimiters, unsigned from, unsigned& start, unsigned& end) const;

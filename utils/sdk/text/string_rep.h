@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The representation that copies of a String share: a buffer, its sizes, a reference count, and every
-// operation on a text that one String holds alone.
+// The representation that copies of a String share: a buffer, its sizes, a reference count, and
+// every operation on a text that one String holds alone.
 //
 // A part of string.h, which programs include instead.
 #pragma once
@@ -78,8 +78,13 @@ struct YUTILS_EXPORT StringRep {
   // Adopts a text from theAllocator() and counts it, unless it is null, empty or too long.
   void consume(char* text);
 
+  // Every search is written here, on a text that exists. String forwards to it, inline for index()
+  // alone, and returns NOT_FOUND if it has no representation. Searches for a character or a text
+  // are inline below; searches by a set of characters are in string_rep.cpp.
   unsigned index(char c, unsigned from) const;
   unsigned index(const char* search, unsigned from) const;
+  unsigned nthIndex(unsigned n, char c) const;
+  unsigned rindex(char c) const { return position(std::strrchr(text_, c)); }
   unsigned indexChar(const char* set, unsigned from) const;
   unsigned rindexChar(const char* set, unsigned from) const;
   bool tokSpan(const char* delimiters, unsigned from, unsigned& start, unsigned& end) const;
@@ -90,6 +95,7 @@ struct YUTILS_EXPORT StringRep {
 
   static unsigned sizeFor(unsigned n) { return 2u << (31 - __builtin_clz(n | 8)); }  // n < 2^31
   bool liesBehindText() const;
+  unsigned position(const char* found) const;  // NOT_FOUND for null
   bool append(const char* text, unsigned count);
   bool appendInPlace(const char* text, unsigned count);
   bool moveFor(unsigned n, OldBuffer& old);
@@ -125,16 +131,24 @@ inline bool StringRep::appendInPlace(const char* text, unsigned count) {
   return true;
 }
 
-inline unsigned StringRep::index(char c, unsigned from) const {
-  if (from >= size_) return NOT_FOUND;
-  const char* found = std::strchr(text_ + from, c);
+inline unsigned StringRep::position(const char* found) const {
   return found ? static_cast<unsigned>(found - text_) : NOT_FOUND;
 }
 
+inline unsigned StringRep::index(char c, unsigned from) const {
+  return from < size_ ? position(std::strchr(text_ + from, c)) : NOT_FOUND;
+}
+
 inline unsigned StringRep::index(const char* search, unsigned from) const {
-  if (from >= size_) return NOT_FOUND;
-  const char* found = std::strstr(text_ + from, search);
-  return found ? static_cast<unsigned>(found - text_) : NOT_FOUND;
+  return from < size_ ? position(std::strstr(text_ + from, search)) : NOT_FOUND;
+}
+
+inline unsigned StringRep::nthIndex(unsigned n, char c) const {
+  if (n == 0) return 0;
+  if (c == '\0') return NOT_FOUND;
+  const char* found = std::strchr(text_, c);
+  while (found && --n != 0) found = std::strchr(found + 1, c);
+  return position(found);
 }
 
 }  // namespace Utils

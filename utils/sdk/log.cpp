@@ -1,21 +1,15 @@
 // SPDX-License-Identifier: MIT
-// The hub: its categories, its filter, and the header that it puts before a message.
-//
-// The header and the message are put together in one text, which the sink expands as a format, so
-// what the header tells is written such that a format gives it back.
+// The hub: its records, its filter, its sinks and settings.
 #include "utils/sdk/log.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 
-#include "utils/sdk/base/decimal.h"
 #include "utils/sdk/base/errno_saver.h"
 #include "utils/sdk/base/load_order.h"
+#include "utils/sdk/logging/log_line.h"
 #include "utils/sdk/memory/text_copy.h"
 
 namespace Utils {
@@ -188,120 +182,6 @@ const char* Log::getCategory(unsigned cat) {
 
 // --- Printing ---
 
-namespace {
-
-// A format in the making. It stays on the stack as long as it is short, and never comes from the
-// process allocator: several tasks may make lines at once.
-struct Line {
-  Line() = default;
-  Line(const Line&) = delete;
-  Line& operator=(const Line&) = delete;
-  ~Line() { std::free(block_); }
-
-  void add(const char* text, std::size_t size) {
-    if (char* at = extend(size)) std::memcpy(at, text, size);
-  }
-  void add(const char* text) { add(text, std::strlen(text)); }
-  void add(char c) {
-    if (char* at = extend(1)) *at = c;
-  }
-  void addSafely(const char* text);
-  void add(unsigned long number, unsigned digits) {
-    if (char* at = extend(digits)) putDecimal(at, number, digits);
-  }
-  void add(unsigned long number) { add(number, decimalSize(number)); }
-  void addSeconds(double seconds);
-
-  // The whole; null when there was no memory for it. Valid as long as this.
-  const char* text() {
-    add('\0');
-    return text_;
-  }
-
- private:
-  // Room for that many bytes more; null without memory, then and from then on.
-  char* extend(std::size_t size) {
-    if (!text_ || (size > capacity_ - used_ && !grow(size))) return nullptr;
-    used_ += size;
-    return text_ + used_ - size;
-  }
-  bool grow(std::size_t size);
-
-  std::size_t used_ = 0;
-  std::size_t capacity_ = sizeof room_;
-  char* text_ = room_;
-  char* block_ = nullptr;  // what text_ is once the room does not suffice
-  char room_[512];
-};
-
-bool Line::grow(std::size_t size) {
-  const std::size_t wanted = std::max(2 * capacity_, used_ + size);
-  text_ = static_cast<char*>(std::realloc(block_, wanted));
-  if (!text_) return false;
-  if (!block_) std::memcpy(text_, room_, used_);
-  block_ = text_;
-  capacity_ = wanted;
-  return true;
-}
-
-// A text such that a format gives it back.
-void Line::addSafely(const char* text) {
-  if (!text) return;
-  while (const char* percent = std::strchr(text, '%')) {
-    add(text, static_cast<std::size_t>(percent + 1 - text));
-    add('%');
-    text = percent + 1;
-  }
-  add(text);
-}
-
-// As "%f" writes it where the decimal point is a point. From 2^9 to 2^32 - 1 the fraction has no
-// more than 43 bits, and a million times as many units fit into 64: the digits come from one
-// product, rounded to even as printf does it, in a tenth of its time.
-void Line::addSeconds(double seconds) {
-  constexpr unsigned BITS = 43;
-  if (!(seconds >= 512 && seconds < 4294967295.0)) {
-    char text[384];  // longer than the digits of any double
-    add(text, static_cast<std::size_t>(std::snprintf(text, sizeof text, "%f", seconds)));
-    return;
-  }
-  auto whole = static_cast<std::uint32_t>(seconds);
-  const auto fraction = static_cast<std::uint64_t>((seconds - whole) * (std::uint64_t{1} << BITS));
-  const std::uint64_t product = fraction * 1000000;
-  const std::uint64_t rest = product & ((std::uint64_t{1} << BITS) - 1);
-  auto micros = static_cast<std::uint32_t>(product >> BITS);
-  const std::uint64_t half = std::uint64_t{1} << (BITS - 1);
-  if (rest > half || (rest == half && micros % 2 != 0)) micros++;
-  whole += micros / 1000000;
-  add(static_cast<unsigned long>(whole));
-  add('.');
-  add(static_cast<unsigned long>(micros % 1000000), 6);
-}
-
-void itemHeader(const char* className, const char* category, int level, const char* file,
-                unsigned line, Line& out, unsigned verbosity) {
-  out.add(className);
-  if (level >= 0) {
-    out.add('[');
-    out.add(static_cast<unsigned long>(level));
-    out.add(']');
-  }
-  out.add('|');
-  out.addSafely(category);
-  if (verbosity == 0) return;
-  out.add('|');
-  out.addSafely(file);
-  out.add(':');
-  out.add(static_cast<unsigned long>(line));
-  if (verbosity == 1) return;
-  out.add('|');
-  out.addSeconds(YIF_CurrentTime());
-  out.add('|');
-  out.add(YIF_CurrentTaskId());
-}
-
-}  // namespace
-
 void Log::print(MessageClass cls, unsigned cat, int level, const char* file, unsigned line,
                 const char* format, ...) {
   std::va_list args;
@@ -343,14 +223,11 @@ void Log::printAux(MessageClass cls, unsigned cat, int level, const char* file, 
   const ErrnoSaver saver;
   __atomic_fetch_add(&classes_[cls].count_, 1, __ATOMIC_RELAXED);
   const SinkHold hold(classes_[cls].logger_.operator->());
-  Line text;
-  itemHeader(classes_[cls].name_, categories_[cat]->name_, level, file, line, text, verbosity_);
-  text.add('|');
-  text.add(format ? format : "");
-  if (const char* whole = text.text()) {
-    saver.restore();
-    hold.sink_->print(cls, whole, args);
-  }
+  const LogLine text(classes_[cls].name_, categories_[cat]->name_, level, file, line, format,
+                     verbosity_);
+  if (!text.text()) return;
+  saver.restore();
+  hold.sink_->print(cls, text.text(), args);
 }
 
 // --- Sinks, settings and counts ---

@@ -14,7 +14,6 @@
 #include <dlfcn.h>
 
 #include <cstdarg>
-#include <cstdio>
 #include <string>
 #include <utility>
 #include <vector>
@@ -53,9 +52,7 @@ struct SystemCalls {
 // Notes each line in full, so that lines and calls stand in their order.
 struct NotingSink : Utils::Logger {
   void print(Utils::MessageClass, const char* format, std::va_list args) override {
-    char text[512];
-    std::vsnprintf(text, sizeof text, format, args);
-    SystemCalls::note(text);
+    SystemCalls::note(BoundedLine(format, args, "").text());
   }
 };
 

@@ -36,20 +36,55 @@ enum MessageClass { Error, Warning, Info, Debug };
 
 // --- Sinks ---
 
-// Where the messages of a class go. Made with new and owned by the Refs on it, as in the hub.
-// Several tasks may be in print at once, if several tasks print.
+// The sink of one or more classes. Created with new; owned by the Refs to it, as those in the hub.
+// A sink of your own needs one operation:
+//
+//   struct ConsoleLogger : Utils::Logger {
+//     void print(Utils::MessageClass, const char* format, std::va_list args) override {
+//       const BoundedLine line(format, args, "\r\n");
+//       if (line.valid()) writeToConsole(line.text(), line.size());
+//     }
+//   };
+//   Utils::Log::theLog()->setLogger(new ConsoleLogger);
+//
+// Thread safety: several tasks may be in print at once, if several tasks print.
 struct YUTILS_EXPORT Logger : Object {
   ~Logger() override;
 
-  // Writes one line: `format`, header included and without a line end, with its arguments, which
-  // may be read once (copy them with va_copy to read them again).
+  // Writes one line: `format`, header included and without a line end, expanded with `args`, which
+  // can be read once (va_copy makes another list). Leaves `errno` as it was.
   virtual void print(MessageClass cls, const char* format, std::va_list args) = 0;
 
  protected:
-  struct BoundedLine;
+  // An expanded line, cut after 478 characters, and its end, a literal of at most 2. It lies on the
+  // stack and takes no memory of the process allocator. Restores `errno` when it is destroyed.
+  struct BoundedLine {
+    template <unsigned N>
+    BoundedLine(const char* format, std::va_list args, const char (&end)[N])
+        : BoundedLine(end, N - 1, format, args) {
+      static_assert(N - 1 <= LONGEST_END);
+    }
+    BoundedLine(const BoundedLine&) = delete;
+    BoundedLine& operator=(const BoundedLine&) = delete;
+    ~BoundedLine();
 
-  // As vsnprintf, and quicker for plain %s, %d, %u, %ld and %lu. Gives the length of what stands in
-  // `text`, up to the first NUL; -1 for a format that cannot be expanded.
+    bool valid() const { return isValid_; }     // false if the format cannot be expanded
+    const char* text() const { return text_; }  // with the end; empty unless valid()
+    unsigned size() const { return size_; }     // of text()
+
+   private:
+    BoundedLine(const char* end, unsigned endSize, const char* format, std::va_list args);
+
+    static constexpr unsigned LONGEST_TEXT = 478, LONGEST_END = 2;
+
+    const int errno_;
+    bool isValid_ = false;
+    unsigned size_ = 0;
+    char text_[LONGEST_TEXT + LONGEST_END + 1];
+  };
+
+  // As vsnprintf, and quicker for plain %s, %d, %u, %ld and %lu. Returns the length of `text` up to
+  // its first NUL, or -1 if the format cannot be expanded or `size` is 0. Leaves `errno` as it was.
   static int expand(char* text, unsigned size, const char* format, std::va_list args);
 };
 

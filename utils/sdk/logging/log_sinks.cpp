@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The sinks. None of them tells its caller how it went.
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,30 +22,20 @@ int Logger::expand(char* text, unsigned size, const char* format, std::va_list a
   return size == 0 ? -1 : expandText(text, size, format, args);
 }
 
-// A line of at most 478 characters and its end, on the stack: several tasks may make lines at once.
-struct Logger::BoundedLine {
-  BoundedLine(const char* format, std::va_list args, const char* end) {
-    const int size = expand(text_, BOUND, format, args);
-    if (size < 0) return;
-    const std::size_t endSize = std::strlen(end);
-    std::memcpy(text_ + size, end, endSize + 1);
-    size_ = static_cast<unsigned>(size) + static_cast<unsigned>(endSize);
+Logger::BoundedLine::BoundedLine(const char* end, unsigned endSize, const char* format,
+                                 std::va_list args)
+    : errno_(errno) {
+  const int size = expand(text_, LONGEST_TEXT + 1, format, args);
+  isValid_ = size >= 0;
+  if (!isValid_) {
+    text_[0] = '\0';
+    return;
   }
-  BoundedLine(const BoundedLine&) = delete;
-  BoundedLine& operator=(const BoundedLine&) = delete;
+  std::memcpy(text_ + size, end, endSize + 1);
+  size_ = static_cast<unsigned>(size) + endSize;
+}
 
-  bool valid() const { return size_ != 0; }  // false where the format cannot be expanded
-  const char* text() const { return text_; }
-  unsigned size() const { return size_; }
-
- private:
-  static constexpr int BOUND = 479;           // with the terminator
-  static constexpr unsigned ROOM_SIZE = 481;  // and a line end of two characters
-
-  const ErrnoSaver saver_;
-  unsigned size_ = 0;
-  char text_[ROOM_SIZE];
-};
+Logger::BoundedLine::~BoundedLine() { errno = errno_; }
 
 // --- NullLogger ---
 
@@ -65,7 +56,7 @@ FileLogger::~FileLogger() {
 
 void FileLogger::print(MessageClass, const char* format, std::va_list args) {
   if (!valid()) return;
-  BoundedLine line(format, args, "\r\n");
+  const BoundedLine line(format, args, "\r\n");
   if (!line.valid()) return;
   YIF_Write(handle_, line.text(), line.size());
   YIF_Flush(handle_);
@@ -97,7 +88,7 @@ SystemLogger::~SystemLogger() {
 }
 
 void SystemLogger::print(MessageClass, const char* format, std::va_list args) {
-  BoundedLine line(format, args, "\n");
+  const BoundedLine line(format, args, "\n");
   if (!line.valid()) return;
   if (name_) {
     OutputDebugStringA(name_);
@@ -111,7 +102,7 @@ void SystemLogger::print(MessageClass, const char* format, std::va_list args) {
 DialogLogger::~DialogLogger() {}
 
 void DialogLogger::print(MessageClass, const char* format, std::va_list args) {
-  BoundedLine line(format, args, "\n");
+  const BoundedLine line(format, args, "\n");
   if (line.valid()) MessageBoxA(nullptr, line.text(), "Error", 0);
 }
 

@@ -48,8 +48,8 @@ YtLightBLock::~YtLightBLock() {
 
 void YtLightBLock::tellViolation() const {
   if (traces(TRACE_LIFETIME))
-    Log::theLog()->print(Debug, "utils", TRACE_LIFETIME, SOURCE, __LINE__, "BLock violation: %s",
-                         name_);
+    Log::theLog()->print(Debug, LIBRARY_CATEGORY, TRACE_LIFETIME, SOURCE, __LINE__,
+                         "BLock violation: %s", name_);
 }
 
 // --- YtHeavyBLock ---

@@ -9,12 +9,14 @@ namespace Utils {
 
 namespace {
 
+constexpr char SOURCE[] = "utils/sdk/event";
+
 constinit SharedHandles _events;
 
 void trace(unsigned line, const char* format, YIF_Handle event) {
   if (!traces(TRACE_LIFETIME)) return;
   const auto task = static_cast<unsigned>(YIF_CurrentTaskId());
-  Log::theLog()->print(Debug, "utils", TRACE_LIFETIME, "utils/sdk/event", line, format, task,
+  Log::theLog()->print(Debug, LIBRARY_CATEGORY, TRACE_LIFETIME, SOURCE, line, format, task,
                        static_cast<unsigned long>(event));
 }
 

@@ -45,7 +45,7 @@ struct SectionKind {
 [[gnu::noinline]] void print(TraceLevel level, unsigned line, const char* format,
                              YIF_Handle handle) {
   const auto task = static_cast<int>(YIF_CurrentTaskId());
-  Log::theLog()->print(Debug, "utils", level, SOURCE, line, format, task,
+  Log::theLog()->print(Debug, LIBRARY_CATEGORY, level, SOURCE, line, format, task,
                        static_cast<long>(handle));
 }
 
@@ -139,7 +139,7 @@ namespace {
 // Requires: traces(TRACE_USE).
 void print(unsigned line, const char* format, const char* takenIn, unsigned takenAt) {
   const auto task = static_cast<int>(YIF_CurrentTaskId());
-  Log::theLog()->print(Debug, "utils", TRACE_USE, SOURCE, line, format, task, takenIn,
+  Log::theLog()->print(Debug, LIBRARY_CATEGORY, TRACE_USE, SOURCE, line, format, task, takenIn,
                        static_cast<int>(takenAt));
 }
 

@@ -68,7 +68,7 @@ Log* Log::theLog_ = nullptr;
 
 namespace {
 
-constexpr unsigned CLASSES = 4;
+constexpr unsigned CLASSES = Debug + 1;
 
 // What theLog() gives as long as there is no memory for the hub.
 alignas(Log) unsigned char _mute[sizeof(Log)];

@@ -12,6 +12,7 @@
 #include "utils/sdk/atree.h"
 #include "utils/sdk/base/load_order.h"
 #include "utils/sdk/log.h"
+#include "utils/sdk/logging/trace.h"
 #include "utils/sdk/vector.h"
 #include "utils/sdk/ysys.h"
 
@@ -20,6 +21,8 @@ namespace Utils {
 // --- Texts ---
 
 namespace {
+
+constexpr char SOURCE[] = "utils/sdk/result";
 
 using ErrorStrings = AVLTree<unsigned, const char*>;
 
@@ -147,7 +150,7 @@ void removeResultListener(const ResultListener* listener) {
 
 unsigned raiseError(unsigned code) {
   const char* text = resultToString(code);
-  Log::theLog()->print(Error, "utils", -3, "utils/sdk/result", __LINE__, "Raising error: %s", text);
+  Log::theLog()->print(Error, LIBRARY_CATEGORY, -3, SOURCE, __LINE__, "Raising error: %s", text);
   ownError() = code;
   tellListeners(code);
   return code;

@@ -9,6 +9,9 @@
 
 namespace Utils {
 
+// The category of all lines of the library.
+inline constexpr char LIBRARY_CATEGORY[] = "utils";
+
 // Level 0 tells of the lifetime of system objects and of violations, level 2 of each use.
 enum TraceLevel { TRACE_LIFETIME = 0, TRACE_USE = 2 };
 
@@ -34,7 +37,7 @@ extern constinit TraceCategory _traceCategory;
 inline bool traces(TraceLevel level) {
   Log* hub = Log::theLog();
   if (!_traceCategory.isOf(hub)) _traceCategory.ask(hub);
-  return _traceCategory.lets(level) && hub->willPrint(Debug, "utils", level);
+  return _traceCategory.lets(level) && hub->willPrint(Debug, LIBRARY_CATEGORY, level);
 }
 
 }  // namespace Utils

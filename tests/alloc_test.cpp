@@ -254,6 +254,9 @@ TEST(MemoryAllocator, DamageFailsTheRightAssertion) {
   bytes(arena.firstBlock())[5000] ^= 8;
   arena.nextBlock(arena.firstBlock());
   EXPECT_THAT(recorder.take(), ElementsAre("size == (t->size & ~1)"));
+  EXPECT_THAT(recorder.sourceLines(),
+              testing::Each(testing::ContainsRegex("(takeBack|newChunk|nextBlock|brokenBlock)\\(")))
+      << "each assertion names the call in alloc.cpp";
 }
 
 // The operations that derived allocators build on, step by step.

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <utility>
 
 #include "utils/sdk/platform.h"
@@ -18,6 +19,17 @@ AssertionRecorder::~AssertionRecorder() { _recorder = nullptr; }
 
 std::vector<std::string> AssertionRecorder::take() { return std::exchange(texts_, {}); }
 
+std::vector<std::string> AssertionRecorder::sourceLines() const {
+  std::vector<std::string> texts;
+  for (std::size_t i = 0; i < lines_.size(); i++) {
+    std::ifstream source(SOURCES "/" + files_[i] + ".cpp");
+    std::string text;
+    for (unsigned line = 0; line < lines_[i] && std::getline(source, text);) line++;
+    texts.push_back(source ? text : "");
+  }
+  return texts;
+}
+
 extern "C" {
 
 [[gnu::visibility("default")]] void YfAssert__(const char* condition, const char* file,
@@ -25,6 +37,7 @@ extern "C" {
   if (_recorder) {
     _recorder->texts_.push_back(condition);
     _recorder->files_.push_back(file);
+    _recorder->lines_.push_back(line);
     return;
   }
   std::fprintf(stderr, "assertion failed: %s, %s:%u\n", condition, file, line);

@@ -15,7 +15,11 @@ struct AssertionRecorder {
   // The texts since the last call, in order.
   std::vector<std::string> take();
 
+  // The lines of the library's sources that the failed assertions name.
+  std::vector<std::string> sourceLines() const;
+
   std::vector<std::string> texts_;
   std::vector<std::string> files_;
+  std::vector<unsigned> lines_;
   std::string reports_;  // of broken blocks
 };

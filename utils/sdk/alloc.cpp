@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
-// The arena allocator.
+// The steps of the general-purpose arena allocator.
 //
-// A request goes to the list of its small class, else to the best fit of the free tree, else to a
-// new chunk. alloc.h shows the layout of a block; what the arenas do alike is arena_steps.h and
-// chain.h.
+// alloc.h shows the layout of a block. arena_steps.h and chain.h have what the arenas share,
+// free_tree.h has the tree of the free large blocks.
 #include "utils/sdk/alloc.h"
 
 #include <algorithm>
@@ -20,32 +19,51 @@ namespace Utils {
 
 namespace {
 
-constexpr char SOURCE[] = "utils/sdk/alloc";
+struct AllocTraits {
+  using Arena = MemoryAllocator;
+  static constexpr unsigned LEAST_FREE = SMALLEST_LARGE;
+  static constexpr unsigned CHUNK_EXTRA = 8;
+  static constexpr char SOURCE[] = "utils/sdk/alloc";
+};
 
 constexpr unsigned LARGEST_SMALL = 512;
-constexpr unsigned LARGEST_SMALL_REQUEST = LARGEST_SMALL - 8;
+constexpr unsigned LARGEST_SMALL_REQUEST = LARGEST_SMALL - OVERHEAD;
 constexpr unsigned PAGE = 10240;
-constexpr unsigned CLASSES = 10;
+constexpr unsigned CLASSES = std::bit_width(LARGEST_SMALL);  // by log2 of the block size
 
 static_assert(offsetof(MemTail, size) == 0 && sizeof(MemTail) == 4);
 
 MemHead* headAt(void* address) { return static_cast<MemHead*>(address); }
 
-// The class of a small request: log2 of the block size, less one, for the shortest way to both.
+// Returns the class of a small request less one, so that the block size is 2 << half: the fewest
+// instructions for both. A request that needs less than the smallest block gets that.
 unsigned halfClassOf(unsigned request) {
-  return 31 - static_cast<unsigned>(__builtin_clz((request + 7) | 16));
+  constexpr unsigned LEAST = SMALLEST_BLOCK / 2;
+  return 31 - static_cast<unsigned>(__builtin_clz((request + OVERHEAD - 1) | LEAST));
 }
 
-// The class of a small block, for any size; a size of 0 comes to the last. SIZE_OF_CLASS is the
-// size of the blocks of a class, or a number that is none of the sizes that come to it.
+// Returns the class of a small block; for any other size an index at which SMALL_SIZES has another
+// number.
 unsigned classOfSize(unsigned size) {
   return static_cast<unsigned>(__builtin_ctz(size | 0x80000000u));
 }
-constexpr unsigned SIZE_OF_CLASS[32] = {2, 1, 1, 1, 1, 32, 64, 128, 256, 512, 1, 1, 1, 1, 1, 1,
-                                        1, 1, 1, 1, 1, 1,  1,  1,   1,   1,   1, 1, 1, 1, 1, 1};
 
-// A free small block. Its link lies where a large one has its node. Aligned to 1, since a link that
-// was written over can lead to any address of the chain.
+// of_[k] is the block size of class k. If there is no such class, it is a number that classOfSize
+// does not map to k.
+constexpr struct SmallSizes {
+  constexpr SmallSizes() {
+    for (unsigned k = 1; k < 32; k++) {
+      const bool isSmall = 1u << k >= SMALLEST_BLOCK && 1u << k <= LARGEST_SMALL;
+      of_[k] = isSmall ? 1u << k : 1;
+    }
+  }
+
+  unsigned of_[32] = {2};
+} SMALL_SIZES;
+static_assert(std::has_single_bit(SMALLEST_BLOCK) && std::has_single_bit(LARGEST_SMALL));
+
+// A free small block. Its link has the place of a large block's node. Aligned to 1, because a link
+// that the program has overwritten can lead to any address of the chain.
 #pragma pack(push, 1)
 struct FreeSmall {
   unsigned size_;
@@ -60,8 +78,7 @@ FreeSmall* freeSmallAt(MemHead* h) { return static_cast<FreeSmall*>(static_cast<
 
 }  // namespace
 
-// The order of the free tree, for the tree's exported operations: both arguments are the addresses
-// of the blocks' color_.
+// The order of the free tree as a WTreeCompare. The keys are the addresses of the blocks' color_.
 int nodeCompareSame(const void* a, const void* b) {
   const auto headOfKey = [](const void* key) {
     return reinterpret_cast<const MemHead*>(static_cast<const char*>(key) - (sizeof(MemHead) - 4));
@@ -70,44 +87,37 @@ int nodeCompareSame(const void* a, const void* b) {
   return compareBlocks(headOfKey(a), other->sizeandcolor_, addressOf(other));
 }
 
-// --- Construction ---
-
-MemoryAllocator::MemoryAllocator() : parent_(nullptr), lock_("allocator") { init(); }
-
-MemoryAllocator::MemoryAllocator(Allocator* parent) : parent_(parent), lock_("allocator") {
-  init();
-}
-
-MemoryAllocator::~MemoryAllocator() {}
-
-void MemoryAllocator::init() {
-  ArenaSteps::init(*this);
-  for (MemHead*& list : smallFree_) list = nullptr;
-}
-
-void* MemoryAllocator::operator new(std::size_t size) noexcept {
-  return ::operator new(size, std::nothrow);
-}
-
-void* MemoryAllocator::operator new(std::size_t, void* place) noexcept { return place; }
-
-void MemoryAllocator::operator delete(void* mem) noexcept { ::operator delete(mem); }
-
-// --- Allocation and freeing ---
-
-// The steps below the members. What a small request runs through is inlined into every entry; the
-// rest stands apart, so that the entries need no frame for it.
-struct Arena : ArenaSteps {
-  static void* take(MemoryAllocator& a, unsigned request, unsigned color);
+// The way of a request:
+//
+// 1. A request of up to 504 bytes takes the first block from the list of its class (allocate,
+//    popSmall).
+// 2. If the list is empty, a page is cut into blocks of the class (allocateFromPage, allocSmall,
+//    refill, fillClass). The page is the lowest free block that is large enough (findPage,
+//    cutPage), else a large block from steps 3 and 4 (_alloc).
+// 3. A larger request, and a small one without a page, takes the best fit of the free tree
+//    (allocateLarge, takeFit): the whole block, or its first part if at least 1024 bytes remain.
+// 4. If no free block is large enough, the parent allocates a chunk, whose first part is the block
+//    (newChunk). The request returns null if the parent has no memory.
+// 5. The block is counted as the caller's and its head word is written (handOver).
+//
+// A block that is freed returns to the list of its class (releaseSmall, pushSmall), or is joined
+// with its free neighbours and put into the tree (releaseLarge, joinFree). A step that meets a
+// damaged block reports it, rebuilds the tree and the lists from the undamaged ones (repair), and
+// is repeated.
+//
+// The steps of 1 and of releaseSmall are inlined into every entry. The others are functions of
+// their own, so that the entries need no stack frame for them.
+struct AllocSteps : ArenaSteps<AllocTraits> {
+  static void* allocate(MemoryAllocator& a, unsigned request, unsigned color);
   static MemHead* popSmall(MemoryAllocator& a, unsigned k, unsigned size);
-  static void* takeFromPage(MemoryAllocator& a, unsigned request, unsigned color);
-  static void* takeLarge(MemoryAllocator& a, unsigned request, unsigned color);
+  static void* allocateFromPage(MemoryAllocator& a, unsigned request, unsigned color);
+  static void* allocateLarge(MemoryAllocator& a, unsigned request, unsigned color);
 
-  static bool giveSmall(MemoryAllocator& a, void* mem, unsigned& size);
-  static bool giveSmall(MemoryAllocator& a, MemHead* h, unsigned& size);
+  static bool releaseSmall(MemoryAllocator& a, void* mem, unsigned& size);
+  static bool releaseSmall(MemoryAllocator& a, MemHead* h, unsigned& size);
   static void pushSmall(MemoryAllocator& a, MemHead* h, unsigned k, unsigned size, unsigned color);
-  static unsigned giveLarge(MemoryAllocator& a, void* mem);
-  static void giveAndCount(MemoryAllocator& a, void* mem);
+  static unsigned releaseLarge(MemoryAllocator& a, void* mem);
+  static void releaseAndCount(MemoryAllocator& a, void* mem);
 
   static MemHead* findFit(FreePath& path, unsigned amt, const WTreeNodeBase*& lower);
   static MemHead* takeFit(MemoryAllocator& a, FreePath& path, unsigned amt);
@@ -130,32 +140,58 @@ struct Arena : ArenaSteps {
   static MemHead* findPage(MemoryAllocator& a);
   static unsigned cutPage(MemoryAllocator& a, MemHead* page);
 
-  static bool isWholeFree(const MemoryAllocator& a, const MemHead* h);
-  static bool lost(MemoryAllocator& a, MemHead* h);
+  static bool lose(MemoryAllocator& a, MemHead* h);
   static const MemHead* damagedOf(const MemoryAllocator& a, const WTreeNodeBase* node,
                                   const WTreeNodeBase* parent);
   static void repair(MemoryAllocator& a, const WTreeNodeBase* node, const WTreeNodeBase* parent);
   static void repair(MemoryAllocator& a, const MemHead* damaged);
   static void reportDamaged(const MemoryAllocator& a, const MemHead* damaged);
-  static void keepWholeNodes(MemoryAllocator& a, FreeSums& sums);
-  static void keepWholeLinks(MemoryAllocator& a, unsigned k, FreeSums& sums);
+  static void rebuildTree(MemoryAllocator& a, FreeSums& sums);
+  static void rebuildList(MemoryAllocator& a, unsigned k, FreeSums& sums);
   static void check(const MemoryAllocator& a);
   static bool checkTree(const MemoryAllocator& a, FreeSums& sums);
   static bool checkList(const MemoryAllocator& a, unsigned k, FreeSums& sums);
 };
 
-inline void* Arena::take(MemoryAllocator& a, unsigned request, unsigned color) {
-  if (request > LARGEST_SMALL_REQUEST) [[unlikely]]
-    return takeLarge(a, request, color);
-  const unsigned half = halfClassOf(request);
-  if (MemHead* h = popSmall(a, half + 1, 2u << half)) return handOver(a, h, 2u << half, color);
-  return takeFromPage(a, request, color);
+// --- Construction ---
+
+MemoryAllocator::MemoryAllocator() : parent_(nullptr), lock_("allocator") { init(); }
+
+MemoryAllocator::MemoryAllocator(Allocator* parent) : parent_(parent), lock_("allocator") {
+  init();
 }
 
-// The first of the list, its head word still that of a free block; null if the list is empty, or if
-// that block was written to after it was freed. Its link is looked at before the list begins there,
-// the head word that the link leads to when its turn comes.
-inline MemHead* Arena::popSmall(MemoryAllocator& a, unsigned k, unsigned size) {
+MemoryAllocator::~MemoryAllocator() {}
+
+void MemoryAllocator::init() {
+  static_assert(sizeof smallFree_ == CLASSES * sizeof(MemHead*));
+  AllocSteps::init(*this);
+  for (MemHead*& list : smallFree_) list = nullptr;
+}
+
+void* MemoryAllocator::operator new(std::size_t size) noexcept {
+  return ::operator new(size, std::nothrow);
+}
+
+void* MemoryAllocator::operator new(std::size_t, void* place) noexcept { return place; }
+
+void MemoryAllocator::operator delete(void* mem) noexcept { ::operator delete(mem); }
+
+// --- Allocation and freeing ---
+
+inline void* AllocSteps::allocate(MemoryAllocator& a, unsigned request, unsigned color) {
+  if (request > LARGEST_SMALL_REQUEST) [[unlikely]]
+    return allocateLarge(a, request, color);
+  const unsigned half = halfClassOf(request);
+  if (MemHead* h = popSmall(a, half + 1, 2u << half)) return handOver(a, h, 2u << half, color);
+  return allocateFromPage(a, request, color);
+}
+
+// Unlinks the first block of the list and returns it, its head word still that of a free block.
+// Returns null if the list is empty, or if the program has written to that block since it was
+// freed. The block's link is checked here; the head word of the block that it leads to is checked
+// by the call that pops that block.
+inline MemHead* AllocSteps::popSmall(MemoryAllocator& a, unsigned k, unsigned size) {
   MemHead* h = a.smallFree_[k];
   if (!h) [[unlikely]]
     return nullptr;
@@ -167,48 +203,51 @@ inline MemHead* Arena::popSmall(MemoryAllocator& a, unsigned k, unsigned size) {
     if (next && !a.cut_) return nullptr;
   }
   a.smallFree_[k] = next;
-  __builtin_prefetch(next);  // soon asked for; after churn the list leads all over
+  __builtin_prefetch(next);  // needed soon; after churn the list has no order in memory
   countFree(a, 0 - size, block.label_);
   return h;
 }
 
-// A small request that finds neither list nor page becomes a large block: a smaller one could not
-// be told from the blocks of a page when it is freed.
-[[gnu::noinline]] void* Arena::takeFromPage(MemoryAllocator& a, unsigned request, unsigned color) {
+// A small request for which there is neither a free block nor a page gets a large block: when a
+// smaller one is freed, it could not be distinguished from the blocks of a page.
+[[gnu::noinline]] void* AllocSteps::allocateFromPage(MemoryAllocator& a, unsigned request,
+                                                     unsigned color) {
   const unsigned k = halfClassOf(request) + 1;
   if (MemHead* h = a.allocSmall(k)) return handOver(a, h, 1u << k, color);
-  return takeLarge(a, request, color);
+  return allocateLarge(a, request, color);
 }
 
-[[gnu::noinline]] void* Arena::takeLarge(MemoryAllocator& a, unsigned request, unsigned color) {
+[[gnu::noinline]] void* AllocSteps::allocateLarge(MemoryAllocator& a, unsigned request,
+                                                  unsigned color) {
   if (request > LARGEST_REQUEST) return nullptr;
   const unsigned amt = std::max(blockSize(request), SMALLEST_LARGE);
   MemHead* h = takeFit(a, amt);
-  if (!h) h = newChunk(a, amt, 8, SOURCE);
+  if (!h) h = newChunk(a, amt);
   if (!h) return nullptr;
-  return handOverChecked(a, h, color, SOURCE);
+  return handOverChecked(a, h, color);
 }
 
-// Gives false for what is no busy small block, null included: that is left alone.
-inline bool Arena::giveSmall(MemoryAllocator& a, void* mem, unsigned& size) {
+// Frees a small block and stores its size. Returns false, nothing changed, if `mem` is no busy
+// small block; null is none.
+inline bool AllocSteps::releaseSmall(MemoryAllocator& a, void* mem, unsigned& size) {
   if (!isInChain(a, mem) || addressOf(mem) % ALIGN != 0) [[unlikely]]
     return false;
-  return giveSmall(a, headAt(headOfMemory(mem)), size);
+  return releaseSmall(a, headAt(headOfMemory(mem)), size);
 }
 
-inline bool Arena::giveSmall(MemoryAllocator& a, MemHead* h, unsigned& size) {
+inline bool AllocSteps::releaseSmall(MemoryAllocator& a, MemHead* h, unsigned& size) {
   const unsigned word = h->sizeandcolor_;
   size = (word & SIZE_MASK) - 1;
   const unsigned k = classOfSize(size);
-  if (size != SIZE_OF_CLASS[k]) [[unlikely]]
+  if (size != SMALL_SIZES.of_[k]) [[unlikely]]
     return false;
   a.allocatedColorMemory_[colorOf(word)] -= size;
   pushSmall(a, h, k, size, colorOf(word));
   return true;
 }
 
-inline void Arena::pushSmall(MemoryAllocator& a, MemHead* h, unsigned k, unsigned size,
-                             unsigned color) {
+inline void AllocSteps::pushSmall(MemoryAllocator& a, MemHead* h, unsigned k, unsigned size,
+                                  unsigned color) {
   MemHead*& list = a.smallFree_[k];
   h->sizeandcolor_ = size;
   h->color_ = color;
@@ -217,32 +256,32 @@ inline void Arena::pushSmall(MemoryAllocator& a, MemHead* h, unsigned k, unsigne
   countFree(a, size, color);
 }
 
-// Gives the size of the block, 0 for what is no busy block: that is left alone. Small blocks come
-// here only where they lie outside of a chain that was cut.
-inline unsigned Arena::giveLarge(MemoryAllocator& a, void* mem) {
+// Frees a large block and returns its size. Returns 0 if `mem` is null, and if it is no busy block,
+// which is reported. Small blocks come here only if they lie outside of a chain that was cut.
+inline unsigned AllocSteps::releaseLarge(MemoryAllocator& a, void* mem) {
   if (!mem) return 0;
   unsigned size;
-  if (a.cut_ && addressOf(mem) % ALIGN == 0 && giveSmall(a, headAt(headOfMemory(mem)), size))
+  if (a.cut_ && addressOf(mem) % ALIGN == 0 && releaseSmall(a, headAt(headOfMemory(mem)), size))
     return size;
-  const Returned block = takeBack(a, mem, SMALLEST_LARGE, "s+1 == TAIL(h)->size", SOURCE);
-  if (block.head_) joinFree(a, headAt(block.head_), block.size_, block.color_);
+  const Returned block = takeBack(a, mem, "s+1 == TAIL(h)->size");
+  if (block.head_) joinFree(a, block.head_, block.size_, block.color_);
   return block.size_;
 }
 
-[[gnu::noinline]] void Arena::giveAndCount(MemoryAllocator& a, void* mem) {
-  a.allocatedMemory_ -= giveLarge(a, mem);
+[[gnu::noinline]] void AllocSteps::releaseAndCount(MemoryAllocator& a, void* mem) {
+  a.allocatedMemory_ -= releaseLarge(a, mem);
 }
 
 void* MemoryAllocator::alloc(unsigned size, unsigned color) {
   lock_.lock();
-  void* mem = Arena::take(*this, size, color);
+  void* mem = AllocSteps::allocate(*this, size, color);
   lock_.unlock();
   return mem;
 }
 
 void* MemoryAllocator::alloc(unsigned size) {
   lock_.lock();
-  void* mem = Arena::take(*this, size, defaultColor_);
+  void* mem = AllocSteps::allocate(*this, size, defaultColor_);
   lock_.unlock();
   return mem;
 }
@@ -250,39 +289,35 @@ void* MemoryAllocator::alloc(unsigned size) {
 void MemoryAllocator::free(void* mem) {
   lock_.lock();
   unsigned size;
-  if (Arena::giveSmall(*this, mem, size)) {
+  if (AllocSteps::releaseSmall(*this, mem, size)) {
     allocatedMemory_ -= size;
   } else {
-    Arena::giveAndCount(*this, mem);
+    AllocSteps::releaseAndCount(*this, mem);
   }
   lock_.unlock();
 }
 
 void* MemoryAllocator::_alloc(unsigned size, unsigned color) {
-  return Arena::take(*this, size, color);
+  return AllocSteps::allocate(*this, size, color);
 }
 
 unsigned MemoryAllocator::_free(void* mem) {
   unsigned size;
-  return Arena::giveSmall(*this, mem, size) ? size : Arena::giveLarge(*this, mem);
+  return AllocSteps::releaseSmall(*this, mem, size) ? size : AllocSteps::releaseLarge(*this, mem);
 }
 
 // --- Large blocks ---
 
-// Taking a part of a free block and growing a free block by a freed one leave another free block
-// behind. Where it stands between the same neighbours in the order, it takes over the node's place
-// in the tree, which saves a removal and an insertion.
+// If a step takes a part of a free block, or a freed block grows a free one, another free block
+// takes the place of the former one. If it has the same neighbours in the tree's order, it replaces
+// the former node in the tree, which saves a removal and an insertion.
 //
-// A node that a path has refused is reported after the step, and the tree is rebuilt from its sound
-// nodes. A step that could not be done is then repeated.
+// A node that a path has refused is reported after the step, and the tree is rebuilt from the
+// undamaged nodes. A step that was not done is then repeated.
 
-bool Arena::isWholeFree(const MemoryAllocator& a, const MemHead* h) {
-  return isFree(a, h, SMALLEST_LARGE);
-}
-
-// The block is in the totals already.
-[[gnu::noinline]] void Arena::insert(MemoryAllocator& a, MemHead* h) {
-  AddingPath path(WTreeSteps::rootOf(a.tree_), chain(a), h);
+// Requires: the totals include the block.
+[[gnu::noinline]] void AllocSteps::insert(MemoryAllocator& a, MemHead* h) {
+  InsertPath path(WTreeSteps::rootOf(a.tree_), chain(a), h);
   const auto end = WTreeSteps::descend(path, PlaceOfBlock(h));
   const bool hasPlace = path.isSound();
   if (hasPlace && !end.found_) [[likely]]
@@ -295,8 +330,8 @@ bool Arena::isWholeFree(const MemoryAllocator& a, const MemHead* h) {
   insert(a, h);
 }
 
-// The place of a free block in the tree, with the path that leads there.
-inline WTreeSteps::End Arena::find(MemoryAllocator& a, FreePath& path, MemHead* h) {
+// Returns the place of a free block in the tree; the path leads there.
+inline WTreeSteps::End AllocSteps::find(MemoryAllocator& a, FreePath& path, MemHead* h) {
   const auto end = WTreeSteps::descend(path, PlaceOfBlock(h));
   if (path.isSound()) [[likely]]
     return end;
@@ -305,10 +340,11 @@ inline WTreeSteps::End Arena::find(MemoryAllocator& a, FreePath& path, MemHead* 
   return WTreeSteps::descend(path, PlaceOfBlock(h));
 }
 
-// The smallest and then lowest free block of at least amt bytes, with the path that leads to it,
-// and its lower neighbour in the order if that lies on the way. Null if there is none, and if the
-// path is not sound: it may then lead round in circles.
-inline MemHead* Arena::findFit(FreePath& path, unsigned amt, const WTreeNodeBase*& lower) {
+// Returns the smallest free block of at least amt bytes, of several such the lowest; the path leads
+// to it. Sets `lower` to the node before it in the order if that lies on the path, else to null.
+// Returns null if no block is large enough, and if the path is not sound: a damaged path can be a
+// circle.
+inline MemHead* AllocSteps::findFit(FreePath& path, unsigned amt, const WTreeNodeBase*& lower) {
   const auto end = WTreeSteps::descend(path, PlaceOfFit{amt});
   if (end.upper_ == 0 || !path.isSound()) return nullptr;
   unsigned level = path.depth_;
@@ -321,20 +357,22 @@ inline MemHead* Arena::findFit(FreePath& path, unsigned amt, const WTreeNodeBase
   return candidate;
 }
 
-// Makes a free block that the path leads to a busy one as it is; null if the path refuses a node.
-MemHead* Arena::takeWhole(MemoryAllocator& a, FreePath& path, MemHead* fit) {
+// Unlinks the free block that the path leads to and returns it busy, not split. Returns null if the
+// path refuses a node.
+MemHead* AllocSteps::takeWhole(MemoryAllocator& a, FreePath& path, MemHead* fit) {
   if (!WTreeSteps::detach(path, fit)) return nullptr;
   uncount(a, fit);
   a.setBusy(fit);
   return fit;
 }
 
-// allocCandidate and splitBlock in one.
-inline MemHead* Arena::takeFit(MemoryAllocator& a, FreePath& path, unsigned amt) {
+// Returns a busy block of amt bytes, or of less than 1024 more. Does the work of allocCandidate and
+// splitBlock at once.
+inline MemHead* AllocSteps::takeFit(MemoryAllocator& a, FreePath& path, unsigned amt) {
   const WTreeNodeBase* lower;
   MemHead* h = findFit(path, amt, lower);
   if (!h) return nullptr;
-  if (!isWholeFree(a, h)) [[unlikely]] {
+  if (!isFree(a, h)) [[unlikely]] {
     path.refuse(h, h);
     return nullptr;
   }
@@ -353,7 +391,7 @@ inline MemHead* Arena::takeFit(MemoryAllocator& a, FreePath& path, unsigned amt)
   return h;
 }
 
-inline MemHead* Arena::takeFit(MemoryAllocator& a, unsigned amt) {
+inline MemHead* AllocSteps::takeFit(MemoryAllocator& a, unsigned amt) {
   for (;;) {
     FreePath path(WTreeSteps::rootOf(a.tree_), chain(a));
     MemHead* h = takeFit(a, path, amt);
@@ -364,10 +402,11 @@ inline MemHead* Arena::takeFit(MemoryAllocator& a, unsigned amt) {
   }
 }
 
-// coalesce and freeLoser in one, for a busy block.
-inline void Arena::joinFree(MemoryAllocator& a, MemHead* h, unsigned size, unsigned color) {
-  MemHead* next = freeBehind(a, h, size, SMALLEST_LARGE, SOURCE);
-  MemHead* previous = freeBefore(a, h, SMALLEST_LARGE, SOURCE);
+// Frees a busy block, joined with its free neighbours. Does the work of coalesce and freeLoser at
+// once.
+inline void AllocSteps::joinFree(MemoryAllocator& a, MemHead* h, unsigned size, unsigned color) {
+  MemHead* next = freeAfter(a, h, size);
+  MemHead* previous = freeBefore(a, h);
   if (!joins(next, size)) next = nullptr;
   if (!joins(previous, size + (next ? next->sizeandcolor_ : 0))) previous = nullptr;
   if (next && previous) {
@@ -380,26 +419,27 @@ inline void Arena::joinFree(MemoryAllocator& a, MemHead* h, unsigned size, unsig
     makeFree(a, h, size, color);
 }
 
-// The words of a free block, and its bytes in the totals.
-inline void Arena::markFree(MemoryAllocator& a, MemHead* h, unsigned size, unsigned color) {
+// Writes the words of a free block and adds its bytes to the totals.
+inline void AllocSteps::markFree(MemoryAllocator& a, MemHead* h, unsigned size, unsigned color) {
   h->sizeandcolor_ = size;
   h->color_ = color;
   writeTail(h, size);
   count(a, h);
 }
 
-inline void Arena::makeFree(MemoryAllocator& a, MemHead* h, unsigned size, unsigned color) {
+inline void AllocSteps::makeFree(MemoryAllocator& a, MemHead* h, unsigned size, unsigned color) {
   markFree(a, h, size, color);
   insert(a, h);
 }
 
-// The free block `old` becomes `grown`, of `size` bytes. False if the tree does not hold it.
-inline bool Arena::grow(MemoryAllocator& a, MemHead* old, MemHead* grown, unsigned size,
-                        unsigned color) {
+// Replaces the free block `old` by `grown`, of `size` bytes. Returns false if the tree does not
+// hold `old`.
+inline bool AllocSteps::grow(MemoryAllocator& a, MemHead* old, MemHead* grown, unsigned size,
+                             unsigned color) {
   FreePath path(WTreeSteps::rootOf(a.tree_), chain(a));
   auto end = find(a, path, old);
   if (!end.found_) [[unlikely]]
-    return lost(a, old);
+    return lose(a, old);
   const bool staysInPlace = isBeforeNext(path, end, grown, size);
   if (!path.isSound() || (!staysInPlace && !WTreeSteps::detach(path, old))) [[unlikely]] {
     repair(a, path.refused_, path.refusedBelow_);
@@ -418,10 +458,10 @@ inline bool Arena::grow(MemoryAllocator& a, MemHead* old, MemHead* grown, unsign
   return true;
 }
 
-// Whether a block of that size stands before the node that follows the end of the path; false if
-// that node is not sound.
-inline bool Arena::isBeforeNext(FreePath& path, WTreeSteps::End end, const MemHead* grown,
-                                unsigned size) {
+// Returns whether a block of that size is ordered before the node that follows the end of the path.
+// False if that node is not sound.
+inline bool AllocSteps::isBeforeNext(FreePath& path, WTreeSteps::End end, const MemHead* grown,
+                                     unsigned size) {
   const WTreeNodeBase* next = end.upper_ ? path.nodes_[end.upper_ - 1] : nullptr;
   if (end.found_->right()) {
     next = WTreeSteps::leftmost(path, end.found_, end.found_->right());
@@ -430,8 +470,8 @@ inline bool Arena::isBeforeNext(FreePath& path, WTreeSteps::End end, const MemHe
   return !next || compareBlocks(headOfNode(next), size, addressOf(grown)) < 0;
 }
 
-// Takes a free block out of the tree; false if the tree does not hold it.
-bool Arena::detach(MemoryAllocator& a, MemHead* h) {
+// Unlinks a free block from the tree. Returns false if the tree does not hold it.
+bool AllocSteps::detach(MemoryAllocator& a, MemHead* h) {
   FreePath path(WTreeSteps::rootOf(a.tree_), chain(a));
   const auto end = find(a, path, h);
   if (!end.found_) return false;
@@ -443,11 +483,12 @@ bool Arena::detach(MemoryAllocator& a, MemHead* h) {
   return isOut || detach(a, h);
 }
 
-bool Arena::remove(MemoryAllocator& a, MemHead* h) { return detach(a, h) || lost(a, h); }
+bool AllocSteps::remove(MemoryAllocator& a, MemHead* h) { return detach(a, h) || lose(a, h); }
 
-// The tree does not hold a free block: the heap is damaged. Prints what it does hold. The block
-// stays busy from then on, so that no neighbour looks for it again. Returns false.
-[[gnu::cold]] bool Arena::lost(MemoryAllocator& a, MemHead* h) {
+// Handles a free block that the tree does not hold, which is damage: prints the sizes of the blocks
+// that the tree does hold, fails an assertion, and makes the block busy for ever, so that no
+// neighbour searches for it again. Returns false.
+[[gnu::cold]] bool AllocSteps::lose(MemoryAllocator& a, MemHead* h) {
   FreeWalk walk(chain(a));
   walk.inOrder(a.tree_.top(), [&](WTreeNodeBase* node) {
     std::printf("%d ", static_cast<int>(headOfNode(node)->sizeandcolor_));
@@ -458,7 +499,7 @@ bool Arena::remove(MemoryAllocator& a, MemHead* h) { return detach(a, h) || lost
   return false;
 }
 
-MemHead* Arena::takeWhole(MemoryAllocator& a, unsigned amt) {
+MemHead* AllocSteps::takeWhole(MemoryAllocator& a, unsigned amt) {
   for (;;) {
     FreePath path(WTreeSteps::rootOf(a.tree_), chain(a));
     const WTreeNodeBase* lower;
@@ -470,33 +511,33 @@ MemHead* Arena::takeWhole(MemoryAllocator& a, unsigned amt) {
   }
 }
 
-MemHead* MemoryAllocator::allocCandidate(unsigned amt) { return Arena::takeWhole(*this, amt); }
+MemHead* MemoryAllocator::allocCandidate(unsigned amt) { return AllocSteps::takeWhole(*this, amt); }
 
 void MemoryAllocator::splitBlock(MemHead* h, unsigned amt) {
   const unsigned size = h->sizeandcolor_ - 1;
-  if (size - amt >= SMALLEST_LARGE) freeLoser(ArenaSteps::cut(h, size, amt));
+  if (size - amt >= SMALLEST_LARGE) freeLoser(AllocSteps::cut(h, size, amt));
 }
 
 void MemoryAllocator::freeLoser(MemHead* h) {
   resetBusy(h);
-  Arena::count(*this, h);
-  Arena::insert(*this, h);
+  AllocSteps::count(*this, h);
+  AllocSteps::insert(*this, h);
 }
 
 MemHead* MemoryAllocator::coalesce(MemHead* h) {
-  return Arena::coalesce(*this, h, SMALLEST_LARGE, SOURCE,
-                         [this](MemHead* neighbour) { return Arena::remove(*this, neighbour); });
+  return AllocSteps::coalesce(
+      *this, h, [this](MemHead* neighbour) { return AllocSteps::remove(*this, neighbour); });
 }
 
-void MemoryAllocator::removeMe(MemHead* h) { Arena::remove(*this, h); }
+void MemoryAllocator::removeMe(MemHead* h) { AllocSteps::remove(*this, h); }
 
 // --- Small blocks ---
 
 MemHead* MemoryAllocator::allocSmall(unsigned k) {
-  MemHead* h = Arena::popSmall(*this, k, 1u << k);
-  if (!h) h = Arena::refill(*this, k);
+  MemHead* h = AllocSteps::popSmall(*this, k, 1u << k);
+  if (!h) h = AllocSteps::refill(*this, k);
   if (!h) {
-    YfAssert__("h", SOURCE, __LINE__);
+    YfAssert__("h", AllocSteps::SOURCE, __LINE__);
     return nullptr;
   }
   setBusy(h);
@@ -505,23 +546,23 @@ MemHead* MemoryAllocator::allocSmall(unsigned k) {
 
 void MemoryAllocator::freeSmall(MemHead* h) {
   const unsigned size = h->sizeandcolor_ - 1;
-  Arena::pushSmall(*this, h, classOfSize(size), size, h->color_);
+  AllocSteps::pushSmall(*this, h, classOfSize(size), size, h->color_);
 }
 
-// The lowest free block that is large enough for a page; null if there is none.
-MemHead* Arena::findPage(MemoryAllocator& a) {
+// Returns the lowest free block that is large enough for a page. Null if there is none.
+MemHead* AllocSteps::findPage(MemoryAllocator& a) {
   for (;;) {
     FreeWalk walk(chain(a));
-    MemHead* page = walk.lowestFit(a.tree_.top(), PAGE + 8);
-    if (page && walk.isSound() && !isWholeFree(a, page)) walk.refuse(page, page);
+    MemHead* page = walk.lowestFit(a.tree_.top(), PAGE + OVERHEAD);
+    if (page && walk.isSound() && !isFree(a, page)) walk.refuse(page, page);
     if (walk.isSound()) return page;
     repair(a, walk.refused_, walk.refusedBelow_);
   }
 }
 
-// Makes a free block a page, counted as neither free nor allocated. Gives its usable bytes, 0 if
-// the tree does not hold it.
-unsigned Arena::cutPage(MemoryAllocator& a, MemHead* page) {
+// Makes a free block a page, which is counted as neither free nor allocated. Returns its usable
+// bytes, or 0 if the tree does not hold the block.
+unsigned AllocSteps::cutPage(MemoryAllocator& a, MemHead* page) {
   if (!detach(a, page)) {
     brokenBlock("b == HEADBASE(node)", SOURCE, __LINE__, page);
     return 0;
@@ -529,15 +570,16 @@ unsigned Arena::cutPage(MemoryAllocator& a, MemHead* page) {
   page->color_ = 0;
   a.setBusy(page);
   a.splitBlock(page, PAGE);
-  return page->sizeandcolor_ - 9;
+  return page->sizeandcolor_ - 1 - OVERHEAD;
 }
 
-// A page is the lowest free block that is large enough, else a new large block, which then stays in
-// the totals of allocated memory. Without either the class stays empty.
-void Arena::fillClass(MemoryAllocator& a, unsigned k) {
+// Cuts a page into blocks of the class. The page is the lowest free block that is large enough,
+// else a new large block, which stays in the totals of allocated memory. Without either the class
+// stays empty.
+void AllocSteps::fillClass(MemoryAllocator& a, unsigned k) {
   MemHead* page = findPage(a);
   unsigned payload = page ? cutPage(a, page) : 0;
-  char* mem = static_cast<char*>(payload != 0 ? behind(page, 4) : a._alloc(PAGE, 0));
+  char* mem = static_cast<char*>(payload != 0 ? offsetBy(page, 4) : a._alloc(PAGE, 0));
   if (!mem) return;
   if (payload == 0) payload = PAGE;
   const unsigned size = 1u << k;
@@ -547,8 +589,9 @@ void Arena::fillClass(MemoryAllocator& a, unsigned k) {
     pushSmall(a, headAt(mem + offset), k, size, 0);
 }
 
-// A block of a class whose list is empty or has a damaged block as its first; null without memory.
-MemHead* Arena::refill(MemoryAllocator& a, unsigned k) {
+// Returns a block of a class whose list is empty or begins with a damaged block. Null if there is
+// no memory.
+MemHead* AllocSteps::refill(MemoryAllocator& a, unsigned k) {
   if (a.smallFree_[k]) repair(a, a.smallFree_[k]);
   if (!a.smallFree_[k]) fillClass(a, k);
   return popSmall(a, k, 1u << k);
@@ -556,37 +599,37 @@ MemHead* Arena::refill(MemoryAllocator& a, unsigned k) {
 
 // --- After damage ---
 
-// The damaged block: that of a node which was refused, or that of its parent if the link does not
-// lead to a block.
-const MemHead* Arena::damagedOf(const MemoryAllocator& a, const WTreeNodeBase* node,
-                                const WTreeNodeBase* parent) {
+// Returns the damaged block for a node that was refused: the node's own block, or that of its
+// parent if the parent's link does not lead to a block.
+const MemHead* AllocSteps::damagedOf(const MemoryAllocator& a, const WTreeNodeBase* node,
+                                     const WTreeNodeBase* parent) {
   const bool isNode =
-      !parent || (FreeGuard(chain(a)).canBegin(node) && !isWholeFree(a, headOfNode(node)) &&
+      !parent || (FreeGuard(chain(a)).canBegin(node) && !isFree(a, headOfNode(node)) &&
                   chain(a).leadsTo(headOfNode(node)));
   return headOfNode(isNode ? node : parent);
 }
 
-[[gnu::cold]] void Arena::repair(MemoryAllocator& a, const WTreeNodeBase* node,
-                                 const WTreeNodeBase* parent) {
+[[gnu::cold]] void AllocSteps::repair(MemoryAllocator& a, const WTreeNodeBase* node,
+                                      const WTreeNodeBase* parent) {
   repair(a, damagedOf(a, node, parent));
 }
 
-[[gnu::cold]] void Arena::reportDamaged(const MemoryAllocator& a, const MemHead* damaged) {
+[[gnu::cold]] void AllocSteps::reportDamaged(const MemoryAllocator& a, const MemHead* damaged) {
   const bool canBe = Chain::Places(chain(a), ALIGN).has(addressOf(damaged));
   (canBe ? brokenBlock : strayBlock)("isWhole(h)", SOURCE, __LINE__, damaged);
 }
 
-// Reports the block, and makes the tree, the lists and the totals anew of the free blocks that can
-// still be reached and are whole. The others are lost.
-[[gnu::cold]] void Arena::repair(MemoryAllocator& a, const MemHead* damaged) {
+// Reports the block, and rebuilds the tree, the lists and the totals from the free blocks that can
+// still be reached and whose words agree. The others are lost.
+[[gnu::cold]] void AllocSteps::repair(MemoryAllocator& a, const MemHead* damaged) {
   reportDamaged(a, damaged);
   FreeSums sums;
-  keepWholeNodes(a, sums);
-  for (unsigned k = 0; k < CLASSES; k++) keepWholeLinks(a, k, sums);
+  rebuildTree(a, sums);
+  for (unsigned k = 0; k < CLASSES; k++) rebuildList(a, k, sums);
   recount(a, sums);
 }
 
-void Arena::keepWholeNodes(MemoryAllocator& a, FreeSums& sums) {
+void AllocSteps::rebuildTree(MemoryAllocator& a, FreeSums& sums) {
   WTreeNodeBase* former = a.tree_.top();
   a.tree_ = WTreeBase();
   FreeWalk(chain(a)).inOrder(former, [&](WTreeNodeBase* node) {
@@ -594,13 +637,14 @@ void Arena::keepWholeNodes(MemoryAllocator& a, FreeSums& sums) {
     if (!chain(a).isFree(h, SMALLEST_LARGE)) return;
     if (h->color_ > COLOR_MASK) h->color_ = 0;
     sums.add(h->sizeandcolor_, h->color_);
-    AddingPath path(WTreeSteps::rootOf(a.tree_), chain(a), h);
+    InsertPath path(WTreeSteps::rootOf(a.tree_), chain(a), h);
     WTreeSteps::attach(path, WTreeSteps::descend(path, PlaceOfBlock(h)), h);
   });
 }
 
-// The blocks that were gone through count as busy for the moment, so that none comes twice.
-void Arena::keepWholeLinks(MemoryAllocator& a, unsigned k, FreeSums& sums) {
+// Cuts the list before its first damaged link. The visited blocks are marked busy meanwhile, so
+// that a circle ends.
+void AllocSteps::rebuildList(MemoryAllocator& a, unsigned k, FreeSums& sums) {
   const Chain::Places places(chain(a), SMALLEST_BLOCK);
   const unsigned size = 1u << k;
   MemHead* previous = nullptr;
@@ -618,8 +662,8 @@ void Arena::keepWholeLinks(MemoryAllocator& a, unsigned k, FreeSums& sums) {
   for (MemHead* h = a.smallFree_[k]; h; h = freeSmallAt(h)->next_) a.resetBusy(h);
 }
 
-// The chain, then whatever is kept of the free blocks, then their totals.
-void Arena::check(const MemoryAllocator& a) {
+// Checks the chain, then the tree and the lists, then the totals.
+void AllocSteps::check(const MemoryAllocator& a) {
   FreeSums sums;
   if (!chain(a).check(SOURCE) || !checkTree(a, sums)) return;
   for (unsigned k = 0; k < CLASSES; k++) {
@@ -628,12 +672,12 @@ void Arena::check(const MemoryAllocator& a) {
   if (!isCounted(a, sums)) YfAssert__("isCounted(sums)", SOURCE, __LINE__);
 }
 
-// Every node is a free block, and every free block of the chain is a node.
-bool Arena::checkTree(const MemoryAllocator& a, FreeSums& sums) {
+// Checks that every node is a free block, and that every free block of the chain is a node.
+bool AllocSteps::checkTree(const MemoryAllocator& a, FreeSums& sums) {
   FreeWalk walk(chain(a));
   walk.inOrder(a.tree_.top(), [&](WTreeNodeBase* node) {
     const MemHead* h = headOfNode(node);
-    if (!isWholeFree(a, h)) walk.refuse(node, node);
+    if (!isFree(a, h)) walk.refuse(node, node);
     sums.add(h->sizeandcolor_, h->color_);
   });
   const MemHead* damaged =
@@ -646,7 +690,7 @@ bool Arena::checkTree(const MemoryAllocator& a, FreeSums& sums) {
   return !damaged;
 }
 
-bool Arena::checkList(const MemoryAllocator& a, unsigned k, FreeSums& sums) {
+bool AllocSteps::checkList(const MemoryAllocator& a, unsigned k, FreeSums& sums) {
   const Chain::Places places(chain(a), SMALLEST_BLOCK);
   const MemHead* last = nullptr;
   for (MemHead* h = a.smallFree_[k]; h; h = freeSmallAt(h)->next_) {
@@ -663,20 +707,20 @@ bool Arena::checkList(const MemoryAllocator& a, unsigned k, FreeSums& sums) {
 
 // --- Questions ---
 
-unsigned MemoryAllocator::size(const void* mem) const { return ArenaSteps::chain(*this).size(mem); }
+unsigned MemoryAllocator::size(const void* mem) const { return AllocSteps::chain(*this).size(mem); }
 
 unsigned MemoryAllocator::allocatedMemory() const { return allocatedMemory_; }
 
 unsigned MemoryAllocator::internalFree() const { return internalFree_; }
 
 unsigned MemoryAllocator::color(const void* mem) const {
-  return ArenaSteps::chain(*this).color(mem);
+  return AllocSteps::chain(*this).color(mem);
 }
 
-// Small blocks have no tail: what tells them is their size.
+// Small blocks have no tail, and are recognised by their size.
 bool MemoryAllocator::valid(const void* mem) const {
   const unsigned bytes = size(mem);
-  if (bytes > LARGEST_SMALL) return ArenaSteps::chain(*this).valid(mem);
+  if (bytes > LARGEST_SMALL) return AllocSteps::chain(*this).valid(mem);
   return bytes >= SMALLEST_BLOCK && std::has_single_bit(bytes);
 }
 
@@ -701,23 +745,23 @@ void MemoryAllocator::adjustColorMemory(unsigned color, int delta) {
 }
 
 unsigned MemoryAllocator::color(void* mem, unsigned color) {
-  return ArenaSteps::chain(*this).setColor(mem, color, allocatedColorMemory_);
+  return AllocSteps::chain(*this).setColor(mem, color, allocatedColorMemory_);
 }
 
 bool MemoryAllocator::busy(const void* mem) { return mem && isBusy(wordAt(headOfMemory(mem))); }
 
 // --- The chain ---
 
-void* MemoryAllocator::firstBlock() const { return ArenaSteps::chain(*this).firstBlock(); }
+void* MemoryAllocator::firstBlock() const { return AllocSteps::chain(*this).firstBlock(); }
 
 void* MemoryAllocator::nextBlock(const void* mem) const {
-  return ArenaSteps::chain(*this).nextBlock(mem, SOURCE);
+  return AllocSteps::chain(*this).nextBlock(mem, AllocSteps::SOURCE);
 }
 
-void MemoryAllocator::checkArena() const { Arena::check(*this); }
+void MemoryAllocator::checkArena() const { AllocSteps::check(*this); }
 
 void MemoryAllocator::report() {
-  ArenaSteps::chain(*this).report(SOURCE);
+  AllocSteps::chain(*this).report(AllocSteps::SOURCE);
   const unsigned long long used = allocatedMemory_;
   const unsigned long long free = internalFree_;
   std::printf("%dk used + %dk (free) = %dk\n", static_cast<int>(used >> 10),

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 // The general-purpose arena allocator.
 //
-// Carves blocks out of chunks of a parent allocator and never gives a chunk back. Requests of up to
-// 504 bytes are small blocks: powers of two from 32 to 512 bytes, cut from pages and kept in one
-// last-in, first-out list a class. Anything else is a large block of at least 1024 bytes, found by
-// best fit (smallest, then lowest) in a weight-balanced tree of the free ones, split where at least
-// 1024 bytes remain, and merged with its free neighbours when freed. All bookkeeping lies in the
-// blocks.
+// Cuts blocks from chunks of a parent allocator and never frees a chunk. A request of up to 504
+// bytes gets a small block: a power of two from 32 to 512 bytes, cut from a page; free ones are in
+// one last-in, first-out list per size. Any larger request gets a large block of at least 1024
+// bytes: the best fit (the smallest, of several such the lowest) in a weight-balanced tree of the
+// free ones. It is split if at least 1024 bytes remain, and merged with its free neighbours when it
+// is freed. All bookkeeping lies in the blocks.
 //
 // A block of S bytes begins with its head word at an address h that is 4 more than a multiple of 8;
 // the caller's memory begins at h + 4. The bytes of a large block:
@@ -18,24 +18,25 @@
 //   20 (32)                       caller's bytes                         lowest address, see below
 //   S - 4                         tail word: S + 1                       tail word: S + 1
 //
-// Bit 0 of the head word is the busy bit. Small blocks have no tail; a free one has the link to the
-// next of its list at 4, and its label where a large one has it. The lowest address is a lower
-// bound for all blocks of the node's subtree (free_tree.h). Example: alloc(1000, 6) gives a block
-// of 1024 bytes whose head word is 0x18000401.
+// Bit 0 of the head word is the busy bit. The colour label of a free block is the colour of the
+// last block that was freed into it. Small blocks have no tail; a free one has the link to the next
+// block of its list at 4, and its label at the same place as a large one. The lowest address is a
+// lower bound for the addresses of all blocks in the node's subtree. Example: alloc(1000, 6)
+// returns a block of 1024 bytes whose head word is 0x18000401.
 //
-// The chunks form one chain of blocks in ascending order, from firstHead_ to endHead_, the last
-// word of the newest chunk. Where a chunk does not begin right behind that word, a block that is
-// busy for ever fills the gap; where it lies lower or too far for one, the chain is cut there:
-// everything still allocates and frees, but size, color, valid and the walk see the blocks from
-// firstHead_ to endHead_ alone.
+// The chunks form one chain of blocks in ascending order, from firstHead_ to endHead_, which is the
+// last word of the newest chunk. If a chunk does not begin directly after that word, a block that
+// stays busy for ever fills the gap. If a chunk lies before the chain, or too far after it for such
+// a block, the chain is cut: everything still allocates and frees, but size, color, valid and the
+// walk know only the blocks from firstHead_ to endHead_.
 //
-// Bytes are counted by block size, in 32-bit totals. The caller serialises; see allocator.h.
+// Bytes are counted by block size, in 32-bit totals. Thread safety: as in allocator.h.
 //
-// Damage. Whatever a program writes over this bookkeeping, nothing outside of the arena is read or
+// Damage. If a program overwrites this bookkeeping, nothing outside of the arena is read or
 // written. A block whose words disagree is reported and left alone: it fails an assertion, which
-// stops the process by default, and its memory is lost. Damage that the words do not show is not
-// noticed: another colour, or the head word of another small class in a small block. In a chain
-// that was cut, a head is not known to lie outside.
+// stops the process by default, and its memory is lost. Damage after which the words still agree is
+// not noticed: another colour, or the head word of another small size in a small block. In a chain
+// that was cut, a head that lies outside of the arena is not recognised as such.
 #pragma once
 
 #include <cstddef>
@@ -52,8 +53,8 @@ struct YUTILS_EXPORT MemHeadBase {
   unsigned sizeandcolor_;
 };
 
-// A block as far as it is free; in a busy one only the head word counts. Packed, since the node
-// behind the 4-byte head word is aligned to 8 only because h is 4 more than a multiple of 8.
+// The first words of a free block; a busy one has only the head word. Packed, because the node
+// after the 4-byte head word is aligned to 8 only if h is 4 more than a multiple of 8.
 #pragma pack(push, 4)
 struct YUTILS_EXPORT MemHead : MemHeadBase, WTreeNodeBase {
   MemHead() {}
@@ -68,24 +69,27 @@ struct YUTILS_EXPORT MemTail {
 
 static_assert(sizeof(MemHead) == 8 + 3 * sizeof(void*), "head word, node and colour without a gap");
 
-// A copy refers to the same chunks, tree and lists: only one of the two may go on being used.
+// A copy refers to the same chunks, tree and lists. Requires: only one of the two is used from then
+// on.
 struct YUTILS_EXPORT MemoryAllocator : Allocator {
   MemoryAllocator();  // chunks come from YIF_MemAlloc
-  // Chunks come from parent->alloc(size), aligned to 16 and usable to the last byte; never freed.
-  // The parent is borrowed, and null stands for YIF_MemAlloc.
+  // Chunks come from parent->alloc(size) and are never freed. Requires: a chunk is aligned to 16.
+  // Borrows the parent; null stands for YIF_MemAlloc.
   explicit MemoryAllocator(Allocator* parent);
 
-  // Requests above 67108848 bytes give null. When the parent has no memory, null, nothing changed;
-  // a small request fails the assertion "h" first, after which the process goes on unless
-  // YSYS_ASSERT says otherwise.
+  // Returns null if the request exceeds 67108848 bytes. Returns null, nothing changed, if the
+  // parent has no memory; a small request then also fails the assertion "h", which stops the
+  // process only if YSYS_ASSERT is "stop" (YfAssert__ in ysys.h).
   void* alloc(unsigned size, unsigned color) override;
   void* alloc(unsigned size) override;
-  // Does nothing for null. A pointer to no busy block of this arena, or to a large block that was
-  // written past its end, is reported, fails an assertion and is left alone.
+  // Does nothing for null. If `mem` is not the memory of a busy block of this arena, or the program
+  // has written past the end of a large block, reports that, fails an assertion and changes
+  // nothing.
   void free(void* mem) override;
 
-  // For a pointer that alloc() returned. The three give 0, 0 and false for null, for what lies not
-  // between firstHead_ and endHead_, and for a block that is not busy.
+  // size(), color() and valid() return 0, 0 and false for null, for an address outside of the
+  // chain, and for a block that is not busy. Requires: any other address is one that alloc()
+  // returned.
   unsigned size(const void* mem) const override;
   unsigned allocatedMemory() const override;
   unsigned internalFree() const override;
@@ -96,68 +100,70 @@ struct YUTILS_EXPORT MemoryAllocator : Allocator {
   unsigned allocatedColorMemory(unsigned color) const override;
   unsigned freeColorMemory(unsigned color) const override;
   void adjustColorMemory(unsigned color, int delta) override;
-  virtual ~MemoryAllocator();  // gives no memory back; the process allocator's is never run
+  virtual ~MemoryAllocator();  // frees no chunk; never runs for the process allocator
 
-  // An allocator made with new lies in the process allocator's memory, on either side of the
-  // library's boundary; null when there is none.
+  // Allocates from the process allocator, for callers outside of the library, too. Returns null if
+  // there is no memory.
   static void* operator new(std::size_t size) noexcept;
   static void* operator new(std::size_t size, void* place) noexcept;
   static void operator delete(void* mem) noexcept;
 
-  // Gives a busy block of colour 0 another colour and 0; RESULT_INVALID_ARGUMENT where colour & 63
-  // is 0 or the block is none such. The bytes are added to the new colour's total and stay in that
-  // of 0.
+  // Recolours a busy block whose colour is 0 and returns 0. Returns RESULT_INVALID_ARGUMENT if
+  // color & 63 is 0 or there is no such block. The bytes are added to the new colour's total and
+  // are not taken from that of colour 0.
   unsigned color(void* mem, unsigned color);
 
-  bool tryHard() const { return tryHard_; }  // kept for the caller, without effect
+  bool tryHard() const { return tryHard_; }  // a value kept for the caller; has no effect
   void tryHard(bool hard) { tryHard_ = hard; }
 
+  // Returns the busy bit of a block of any arena; false for null.
   static bool busy(const void* mem);
-  static bool busy(std::nullptr_t) {
-    return false;
-  }  // the busy bit of a block of any arena; false for null
+  static bool busy(std::nullptr_t) { return false; }
 
-  // The walk over the chain, pages and gaps included: the next block, null after the last. A block
-  // whose tail does not fit its head is reported and fails an assertion; if its size cannot be true
-  // the walk ends there.
+  // The walk over the chain, which includes pages and gaps: return the memory of the first and of
+  // the next block, null after the last. A block whose tail disagrees with its head is reported and
+  // fails an assertion; if its size is impossible the walk ends there.
   void* firstBlock() const;
   void* nextBlock(const void* mem) const;
-  // Walks the chain, then compares the tree, the lists of small blocks and the totals of free
-  // memory with it. The first damaged block of each is reported and fails an assertion. Takes n log
-  // n steps for n free blocks.
+  // Checks the chain, then the tree, the lists of small blocks and the totals of free memory, and
+  // ends after the first of these that is damaged. A damaged block is reported and fails an
+  // assertion. Takes time linear in the number of blocks, and n log n for n free ones.
   void checkArena() const;
 
-  // Prints to standard output, by powers of two of the block size (Arena): the number of blocks of
-  // the chain, the bytes in busy and in free ones, the biggest; then the totals in KiB.
+  // Prints a table of the chain to standard output, one row for each power of two of the block
+  // size: the logarithm (Arena), the number of blocks, the bytes in busy and in free ones, the
+  // largest. Then prints the totals in KiB.
   void report();
 
  protected:
-  // These run with the lock held by the caller. Blocks are passed by their heads. The operations
-  // above take shorter ways to the same results (Arena in alloc.cpp): these are for classes that
-  // derive from it.
+  // Steps for derived allocators; blocks are passed by their heads. Requires: the caller holds
+  // lock_. The operations above do not run the steps marked with *, but shorter ones to the same
+  // result (AllocSteps in alloc.cpp): a change of a marked step has no effect on them.
 
   void* _alloc(unsigned size, unsigned color);
-  unsigned _free(void* mem);  // gives the block's size
+  unsigned _free(void* mem);  // *; returns the block's size
 
-  MemHead* allocCandidate(unsigned amt);      // the best fit, out of the tree and busy; null
-  void freeLoser(MemHead* h);                 // a busy block into the tree, labelled color_
-  void splitBlock(MemHead* h, unsigned amt);  // cuts a busy block to amt where 1024 remain
-  MemHead* coalesce(MemHead* h);              // joins a busy block and its free neighbours
-  void removeMe(MemHead* h);                  // a free block out of the tree
-  MemHead* allocSmall(unsigned k);            // a busy block of 2^k bytes; null
-  void freeSmall(MemHead* h);                 // back to its list, labelled color_
+  // *; unlinks the best fit and returns it, busy. Returns null if there is none.
+  MemHead* allocCandidate(unsigned amt);
+  void freeLoser(MemHead* h);                 // puts a busy block into the tree, labelled color_
+  void splitBlock(MemHead* h, unsigned amt);  // cuts a busy block to amt if 1024 bytes remain
+  MemHead* coalesce(MemHead* h);              // *; joins a busy block and its free neighbours
+  void removeMe(MemHead* h);                  // *; unlinks a free block from the tree
+  MemHead* allocSmall(unsigned k);  // returns a busy block of 2^k bytes; null if there is no memory
+  void freeSmall(MemHead* h);       // *; puts it into its list, labelled color_
   void init();
   static bool busy(const MemHead* h) { return (h->sizeandcolor_ & 1) != 0; }
   void setBusy(MemHead* h) { h->sizeandcolor_ |= 1u; }
   void resetBusy(MemHead* h) { h->sizeandcolor_ &= ~1u; }
 
-  friend struct Arena;
+  friend struct AllocSteps;
+  template <class Traits>
   friend struct ArenaSteps;
 
   Allocator* parent_;
   WTreeBase tree_;      // the free large blocks
   MemHead* firstHead_;  // null before the first chunk
-  MemHead* endHead_;    // where a block behind the last one would begin
+  MemHead* endHead_;    // where a block after the last one would begin
   unsigned internalFree_;
   MemHead* smallFree_[10];  // by log2 of the block size; 0 to 4 stay null
   unsigned allocatedMemory_;

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
-// The arena allocator with bins.
+// The steps of the arena allocator with bins.
 //
-// membank.h shows what a free block looks like; what the arenas do alike is arena_steps.h and
-// chain.h.
+// membank.h shows the layout of a free block. arena_steps.h and chain.h have what the arenas share.
 #include "utils/sdk/membank.h"
 
 #include <bit>
@@ -15,21 +14,24 @@ namespace Utils {
 
 namespace {
 
-constexpr char SOURCE[] = "utils/sdk/membank";
-
-constexpr int BINS = 27;
+struct BankTraits {
+  using Arena = MemoryBank;
+  static constexpr unsigned LEAST_FREE = SMALLEST_BLOCK;
+  static constexpr unsigned CHUNK_EXTRA = 12;
+  static constexpr char SOURCE[] = "utils/sdk/membank";
+};
 
 int binOf(unsigned size) { return static_cast<int>(std::bit_width(size)) - 1; }
 
 }  // namespace
 
-// The steps below the members. Taking a part of a free block, and a free block growing by a freed
-// one, change the totals by the difference and write each head word once: steps that read again
-// what the step before has just written took 1.4 times as long on a churn of 1 to 64 KiB.
-struct Bank : ArenaSteps {
+// The steps of the members. Where a request takes a part of a free block, or a freed block grows a
+// free one, the totals change by the difference and each head word is written once: steps that read
+// again what the step before had just written took 1.4 times as long on a churn of 1 to 64 KiB.
+struct BankSteps : ArenaSteps<BankTraits> {
   using MemHead = MemoryBank::MemHead;
 
-  // A block of a bin, and the one that the bin has before it, null for its first.
+  // A block of a bin, and the one before it in the bin, null for the first.
   struct Place {
     MemHead* head_;
     const MemHead* previous_;
@@ -52,7 +54,7 @@ struct Bank : ArenaSteps {
   static bool isWhole(const MemoryBank& b, Place place);
   static bool holds(const MemoryBank& b, MemHead* h);
   static void repair(MemoryBank& b, Place place);
-  static void keepWholeLinks(MemoryBank& b, int bin, FreeSums& sums);
+  static void rebuildBin(MemoryBank& b, int bin, FreeSums& sums);
   static const MemHead* damagedOf(const MemoryBank& b, Place place);
   static void check(const MemoryBank& b);
   static bool checkBin(const MemoryBank& b, int bin, FreeSums& sums);
@@ -67,7 +69,8 @@ MemoryBank::MemoryBank(Allocator* parent) : parent_(parent), lock_("membank") { 
 MemoryBank::~MemoryBank() {}
 
 void MemoryBank::init() {
-  ArenaSteps::init(*this);
+  static_assert(sizeof bins_ == BINS * sizeof(MemHead*));
+  BankSteps::init(*this);
   for (MemHead*& bin : bins_) bin = nullptr;
 }
 
@@ -105,21 +108,20 @@ void MemoryBank::free(void* mem) {
 void* MemoryBank::_alloc(unsigned size, unsigned color) {
   if (size > LARGEST_REQUEST) return nullptr;
   const unsigned amt = blockSize(size);
-  MemHead* h = Bank::takeFit(*this, amt);
-  if (!h) h = Bank::newChunk(*this, amt, 12, SOURCE);
-  return h ? Bank::handOverChecked(*this, h, color, SOURCE) : nullptr;
+  MemHead* h = BankSteps::takeFit(*this, amt);
+  if (!h) h = BankSteps::newChunk(*this, amt);
+  return h ? BankSteps::handOverChecked(*this, h, color) : nullptr;
 }
 
 unsigned MemoryBank::_free(void* mem) {
-  const auto block = Bank::takeBack(*this, mem, SMALLEST_BLOCK, "s == TAIL(h)->size", SOURCE);
-  if (block.head_)
-    Bank::joinFree(*this, static_cast<MemHead*>(block.head_), block.size_, block.color_);
+  const auto block = BankSteps::takeBack(*this, mem, "s == TAIL(h)->size");
+  if (block.head_) BankSteps::joinFree(*this, block.head_, block.size_, block.color_);
   return block.size_;
 }
 
 // --- Bins ---
 
-inline void Bank::link(MemoryBank& b, MemHead* h, int bin) {
+inline void BankSteps::link(MemoryBank& b, MemHead* h, int bin) {
   MemHead*& first = b.bins_[bin];
   h->next_ = first;
   h->prev_ = nullptr;
@@ -127,32 +129,33 @@ inline void Bank::link(MemoryBank& b, MemHead* h, int bin) {
   first = h;
 }
 
-inline void Bank::unlink(MemoryBank& b, MemHead* h, int bin) {
+inline void BankSteps::unlink(MemoryBank& b, MemHead* h, int bin) {
   (h->prev_ ? h->prev_->next_ : b.bins_[bin]) = h->next_;
   if (h->next_) h->next_->prev_ = h->prev_;
 }
 
-// The first bin from that one on that has blocks; BINS for none.
-inline int Bank::lowestBin(const MemoryBank& b, int bin) {
+// Returns the first bin from that one on that has blocks. BINS if there is none.
+inline int BankSteps::lowestBin(const MemoryBank& b, int bin) {
   while (bin < BINS && !b.bins_[bin]) bin++;
   return bin;
 }
 
-// Whether the links of a free block agree with those of the blocks that they lead to.
-inline bool Bank::isLinked(const MemoryBank& b, Place place) {
+// Returns whether the links of a free block agree with those of the blocks that they lead to.
+inline bool BankSteps::isLinked(const MemoryBank& b, Place place) {
   const MemHead* h = place.head_;
   if (h->prev_ != place.previous_ || (!place.previous_ && b.bins_[place.bin_] != h)) return false;
   return !h->next_ || (canBe(b, h->next_) && h->next_->prev_ == h);
 }
 
-inline bool Bank::isWhole(const MemoryBank& b, Place place) {
-  return isFree(b, place.head_, SMALLEST_BLOCK) &&
-         binOf(place.head_->sizeandcolor_) == place.bin_ && isLinked(b, place);
+inline bool BankSteps::isWhole(const MemoryBank& b, Place place) {
+  return isFree(b, place.head_) && binOf(place.head_->sizeandcolor_) == place.bin_ &&
+         isLinked(b, place);
 }
 
-// The first block of the bins above that of the request, where all blocks fit, else the first of
-// its own bin that is large enough; null if there is none. Stops at one that is not linked.
-inline Bank::Place Bank::findFit(const MemoryBank& b, unsigned amt) {
+// Returns the first block of the lowest bin above that of the request, in which all blocks are
+// large enough, else the first block of the request's own bin that is large enough. Null if there
+// is none. The search ends at a block whose links disagree, and returns it.
+inline BankSteps::Place BankSteps::findFit(const MemoryBank& b, unsigned amt) {
   const int own = binOf(amt);
   const int above = lowestBin(b, own + 1);
   if (above < BINS) return {b.bins_[above], nullptr, above};
@@ -164,8 +167,9 @@ inline Bank::Place Bank::findFit(const MemoryBank& b, unsigned amt) {
   return place;
 }
 
-// A busy block of amt bytes, or of less than 32 more, out of the free ones; null.
-inline MemoryBank::MemHead* Bank::takeFit(MemoryBank& b, unsigned amt) {
+// Unlinks a free block and returns it busy, of amt bytes or of less than 32 more. Null if there is
+// none.
+inline MemoryBank::MemHead* BankSteps::takeFit(MemoryBank& b, unsigned amt) {
   const Place place = findFit(b, amt);
   MemHead* h = place.head_;
   if (!h) return nullptr;
@@ -185,10 +189,10 @@ inline MemoryBank::MemHead* Bank::takeFit(MemoryBank& b, unsigned amt) {
   return h;
 }
 
-// coalesce and freeLoser in one, for a busy block.
-inline void Bank::joinFree(MemoryBank& b, MemHead* h, unsigned size, unsigned color) {
-  const auto sum = join(b, h, size, SMALLEST_BLOCK, SOURCE,
-                        [&](MemHead* neighbour) { return remove(b, neighbour); });
+// Frees a busy block, joined with its free neighbours. Does the work of coalesce and freeLoser at
+// once.
+inline void BankSteps::joinFree(MemoryBank& b, MemHead* h, unsigned size, unsigned color) {
+  const auto sum = join(b, h, size, [&](MemHead* neighbour) { return remove(b, neighbour); });
   sum.head_->sizeandcolor_ = sum.size_;
   sum.head_->color_ = color;
   writeTail(sum.head_, sum.size_);
@@ -196,15 +200,15 @@ inline void Bank::joinFree(MemoryBank& b, MemHead* h, unsigned size, unsigned co
   countFree(b, sum.size_, color);
 }
 
-inline bool Bank::holds(const MemoryBank& b, MemHead* h) {
+inline bool BankSteps::holds(const MemoryBank& b, MemHead* h) {
   const MemHead* previous = h->prev_;
   if (previous && (!canBe(b, previous) || previous->next_ != h)) return false;
   return isLinked(b, {h, previous, binOf(h->sizeandcolor_)});
 }
 
-// Takes a free block out of its bin. One that no bin holds stays busy from then on, so that no
-// neighbour looks for it again; then false.
-inline bool Bank::remove(MemoryBank& b, MemHead* h) {
+// Unlinks a free block from its bin. Returns false if no bin holds it, which is damage: the block
+// is then busy for ever, so that no neighbour searches for it again.
+inline bool BankSteps::remove(MemoryBank& b, MemHead* h) {
   const int bin = binOf(h->sizeandcolor_);
   if (!holds(b, h)) [[unlikely]] {
     repair(b, {h, h->prev_, bin});
@@ -219,53 +223,55 @@ inline bool Bank::remove(MemoryBank& b, MemHead* h) {
 }
 
 MemoryBank::MemHead* MemoryBank::allocCandidate(int bin) {
-  bin = Bank::lowestBin(*this, bin);
+  bin = BankSteps::lowestBin(*this, bin);
   if (bin >= BINS) return nullptr;
   MemHead* h = bins_[bin];
-  if (!Bank::isWhole(*this, {h, nullptr, bin})) {
-    Bank::repair(*this, {h, nullptr, bin});
+  if (!BankSteps::isWhole(*this, {h, nullptr, bin})) {
+    BankSteps::repair(*this, {h, nullptr, bin});
     return allocCandidate(bin);
   }
-  Bank::unlink(*this, h, bin);
-  Bank::uncount(*this, h);
+  BankSteps::unlink(*this, h, bin);
+  BankSteps::uncount(*this, h);
   setBusy(h);
   return h;
 }
 
 void MemoryBank::freeLoser(MemHead* h, int bin) {
   resetBusy(h);
-  Bank::link(*this, h, bin);
-  Bank::count(*this, h);
+  BankSteps::link(*this, h, bin);
+  BankSteps::count(*this, h);
 }
 
 void MemoryBank::splitBlock(MemHead* h, unsigned amt) {
   const unsigned size = h->sizeandcolor_ - 1;
-  if (size - amt >= SMALLEST_BLOCK) freeLoser(Bank::cut(h, size, amt), binOf(size - amt));
+  if (size - amt >= SMALLEST_BLOCK) freeLoser(BankSteps::cut(h, size, amt), binOf(size - amt));
 }
 
 MemoryBank::MemHead* MemoryBank::coalesce(MemHead* h) {
-  return Bank::coalesce(*this, h, SMALLEST_BLOCK, SOURCE,
-                        [this](MemHead* neighbour) { return Bank::remove(*this, neighbour); });
+  return BankSteps::coalesce(
+      *this, h, [this](MemHead* neighbour) { return BankSteps::remove(*this, neighbour); });
 }
 
 // --- After damage ---
 
-// Of two blocks whose links disagree, the second is damaged if the link leads to a true block.
-const MemoryBank::MemHead* Bank::damagedOf(const MemoryBank& b, Place place) {
+// Returns the damaged one of two blocks whose links disagree: the second if the link leads to a
+// block of the chain, else the first.
+const MemoryBank::MemHead* BankSteps::damagedOf(const MemoryBank& b, Place place) {
   const MemHead* h = place.head_;
   const MemHead* next = h->next_;
-  const bool isSecond = isFree(b, h, SMALLEST_BLOCK) && h->prev_ == place.previous_ && next &&
-                        canBe(b, next) && next->prev_ != h && chain(b).leadsTo(next);
+  const bool isSecond = isFree(b, h) && h->prev_ == place.previous_ && next && canBe(b, next) &&
+                        next->prev_ != h && chain(b).leadsTo(next);
   return isSecond ? next : h;
 }
 
-// Reports the block, and makes the bins and the totals anew of the free blocks that can still be
-// reached and are whole. The blocks of the bins count as busy for the moment: no block comes twice,
-// and a block that is free in the chain then is lost. It stays busy, so that no neighbour joins it.
-[[gnu::cold, gnu::noinline]] void Bank::repair(MemoryBank& b, Place place) {
+// Reports the block, and rebuilds the bins and the totals from the free blocks that can still be
+// reached and whose words agree. The blocks of the bins are marked busy meanwhile, so that none is
+// visited twice and the blocks that are still free in the chain are those that no bin holds. These
+// are lost: they stay busy, so that no neighbour joins them.
+[[gnu::cold, gnu::noinline]] void BankSteps::repair(MemoryBank& b, Place place) {
   brokenBlock("isWhole(h)", SOURCE, __LINE__, damagedOf(b, place));
   FreeSums sums;
-  for (int bin = 0; bin < BINS; bin++) keepWholeLinks(b, bin, sums);
+  for (int bin = 0; bin < BINS; bin++) rebuildBin(b, bin, sums);
   const Chain all = chain(b);
   for (const void* head = b.cut_ ? nullptr : all.first_; head; head = all.after(head)) {
     if (all.isFree(head, SMALLEST_BLOCK)) wordAt(const_cast<void*>(head)) |= 1;
@@ -276,8 +282,8 @@ const MemoryBank::MemHead* Bank::damagedOf(const MemoryBank& b, Place place) {
   recount(b, sums);
 }
 
-// One block that is not whole is passed over if its links are.
-void Bank::keepWholeLinks(MemoryBank& b, int bin, FreeSums& sums) {
+// Cuts the bin before its first damaged block. One damaged block is skipped if its links agree.
+void BankSteps::rebuildBin(MemoryBank& b, int bin, FreeSums& sums) {
   const Chain::Places places(chain(b), SMALLEST_BLOCK);
   bool mayPass = true;
   MemHead* previous = nullptr;
@@ -300,8 +306,8 @@ void Bank::keepWholeLinks(MemoryBank& b, int bin, FreeSums& sums) {
   (previous ? previous->next_ : b.bins_[bin]) = nullptr;
 }
 
-// The chain, then the bins, then whether these hold every free block, then the totals.
-void Bank::check(const MemoryBank& b) {
+// Checks the chain, then the bins, then that they hold every free block, then the totals.
+void BankSteps::check(const MemoryBank& b) {
   FreeSums sums;
   if (!chain(b).check(SOURCE)) return;
   for (int bin = 0; bin < BINS; bin++) {
@@ -316,7 +322,7 @@ void Bank::check(const MemoryBank& b) {
   if (!isCounted(b, sums)) YfAssert__("isCounted(sums)", SOURCE, __LINE__);
 }
 
-bool Bank::checkBin(const MemoryBank& b, int bin, FreeSums& sums) {
+bool BankSteps::checkBin(const MemoryBank& b, int bin, FreeSums& sums) {
   Place place{b.bins_[bin], nullptr, bin};
   while (place.head_) {
     if (!isWhole(b, place)) {
@@ -332,15 +338,15 @@ bool Bank::checkBin(const MemoryBank& b, int bin, FreeSums& sums) {
 
 // --- Questions ---
 
-unsigned MemoryBank::size(const void* mem) const { return ArenaSteps::chain(*this).size(mem); }
+unsigned MemoryBank::size(const void* mem) const { return BankSteps::chain(*this).size(mem); }
 
 unsigned MemoryBank::allocatedMemory() const { return allocatedMemory_; }
 
 unsigned MemoryBank::internalFree() const { return internalFree_; }
 
-unsigned MemoryBank::color(const void* mem) const { return ArenaSteps::chain(*this).color(mem); }
+unsigned MemoryBank::color(const void* mem) const { return BankSteps::chain(*this).color(mem); }
 
-bool MemoryBank::valid(const void* mem) const { return ArenaSteps::chain(*this).valid(mem); }
+bool MemoryBank::valid(const void* mem) const { return BankSteps::chain(*this).valid(mem); }
 
 unsigned MemoryBank::setDefaultColor(unsigned color, unsigned* oldColor) {
   if (oldColor) *oldColor = defaultColor_;
@@ -363,21 +369,21 @@ void MemoryBank::adjustColorMemory(unsigned color, int delta) {
 }
 
 unsigned MemoryBank::color(void* mem, unsigned color) {
-  return ArenaSteps::chain(*this).setColor(mem, color, allocatedColorMemory_);
+  return BankSteps::chain(*this).setColor(mem, color, allocatedColorMemory_);
 }
 
 bool MemoryBank::busy(const void* mem) { return mem && isBusy(wordAt(headOfMemory(mem))); }
 
 // --- The chain ---
 
-void* MemoryBank::firstBlock() const { return ArenaSteps::chain(*this).firstBlock(); }
+void* MemoryBank::firstBlock() const { return BankSteps::chain(*this).firstBlock(); }
 
 void* MemoryBank::nextBlock(const void* mem) const {
-  return ArenaSteps::chain(*this).nextBlock(mem, SOURCE);
+  return BankSteps::chain(*this).nextBlock(mem, BankSteps::SOURCE);
 }
 
-void MemoryBank::checkArena() const { Bank::check(*this); }
+void MemoryBank::checkArena() const { BankSteps::check(*this); }
 
-void MemoryBank::report() { ArenaSteps::chain(*this).report(SOURCE); }
+void MemoryBank::report() { BankSteps::chain(*this).report(BankSteps::SOURCE); }
 
 }  // namespace Utils

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
-// The second arena allocator.
+// The arena allocator with bins.
 //
-// Carves blocks out of chunks of a parent allocator like MemoryAllocator (alloc.h) and has its head
-// words, tails, chain, colours and totals. What differs is where a free block is found: there are
+// Cuts blocks from chunks of a parent allocator like MemoryAllocator (alloc.h) and has the same
+// head words, tails, chain, colours and totals. It differs in how free blocks are found: there are
 // no pages of small blocks and no tree, but a list for each power of two, the bins. A request takes
-// the first block of the lowest bin whose blocks are all large enough, so that it costs a fixed
-// number of steps and fits more loosely. The bin of the request's own size is searched last, before
-// a new chunk is asked for, and only while tryHard() is on. Nothing in the library makes one.
+// the first block of the lowest bin in which all blocks are large enough: this costs a constant
+// number of steps, and fits less tightly. The bin of the request's own size is searched last,
+// before a new chunk is requested, and only while tryHard() is true. No part of the library uses a
+// MemoryBank.
 //
 // Every block has a tail and at least 32 bytes; a remainder of 32 bytes is split off. The bytes of
 // a free block of S bytes, at h:
@@ -14,10 +15,10 @@
 //   from h, 32-bit (64-bit)   0 head word: S   4 next of its bin   8 (12) previous   12 (20) label
 //                             S - 4 tail word: S + 1
 //
-// A free block of 48 bytes lies in bin 5, with all of 32 to 63. Example: the first alloc(0) gets a
-// chunk of 131072 bytes, takes 32 of it, and the remaining 131032 go to bin 16.
+// A free block of 48 bytes is in bin 5, which has the blocks of 32 to 63 bytes. Example: the first
+// alloc(0) gets a chunk of 131072 bytes and takes 32 of them; the remaining 131032 go to bin 16.
 //
-// The caller serialises; see allocator.h.
+// Thread safety: as in allocator.h.
 #pragma once
 
 #include <cstddef>
@@ -27,15 +28,16 @@
 
 namespace Utils {
 
-// A copy refers to the same chunks and bins: only one of the two may go on being used.
+// A copy refers to the same chunks and bins. Requires: only one of the two is used from then on.
 struct YUTILS_EXPORT MemoryBank : Allocator {
   MemoryBank();  // chunks come from YIF_MemAlloc
-  // Chunks come from parent->alloc(size), aligned to 16 and usable to the last byte; never freed.
-  // The parent is borrowed, and null stands for YIF_MemAlloc.
+  // Chunks come from parent->alloc(size) and are never freed. Requires: a chunk is aligned to 16.
+  // Borrows the parent; null stands for YIF_MemAlloc.
   explicit MemoryBank(Allocator* parent);
 
-  // What is said of these in alloc.h holds here as well, but every block that is freed is tested
-  // for a write past its end, and `valid` looks at the tail of every block.
+  // Contracts as in alloc.h, with three differences: free() checks every block for a write past its
+  // end, valid() requires of every block a tail that agrees with its head, and alloc() fails no
+  // assertion if there is no memory.
 
   void* alloc(unsigned size, unsigned color) override;
   void* alloc(unsigned size) override;
@@ -51,17 +53,18 @@ struct YUTILS_EXPORT MemoryBank : Allocator {
   unsigned allocatedColorMemory(unsigned color) const override;
   unsigned freeColorMemory(unsigned color) const override;
   void adjustColorMemory(unsigned color, int delta) override;
-  virtual ~MemoryBank();  // gives no memory back
+  virtual ~MemoryBank();  // frees no chunk
 
-  // A bank made with new lies in the process allocator's memory; null when there is none.
+  // Allocates from the process allocator. Returns null if there is no memory.
   static void* operator new(std::size_t size) noexcept;
   static void* operator new(std::size_t size, void* place) noexcept;
   static void operator delete(void* mem) noexcept;
 
   unsigned color(void* mem, unsigned color);
 
-  // Whether an allocation searches the bin of its own size before it asks for a new chunk; on at
-  // first. The search looks at every block of that bin, the one step that is not of fixed cost.
+  // Whether an allocation searches the bin of its own size before it requests a new chunk;
+  // initially true. The search visits the blocks of that bin: the only step whose cost is not
+  // constant.
   bool tryHard() const { return tryHard_; }
   void tryHard(bool hard) { tryHard_ = hard; }
 
@@ -70,12 +73,11 @@ struct YUTILS_EXPORT MemoryBank : Allocator {
 
   void* firstBlock() const;
   void* nextBlock(const void* mem) const;
-  void checkArena() const;  // walks the chain and the bins, then compares the totals
-  void report();            // without the line of totals
+  void checkArena() const;  // walks the chain and the bins, then compares the totals; linear
+  void report();            // without the totals in KiB
 
  protected:
-  // A block as far as it is free; in a busy one only the head word counts. Packed like the other
-  // arena's.
+  // The first words of a free block; a busy one has only the head word. Packed as in alloc.h.
 #pragma pack(push, 4)
   struct MemHead {
     unsigned sizeandcolor_;
@@ -86,27 +88,32 @@ struct YUTILS_EXPORT MemoryBank : Allocator {
 #pragma pack(pop)
   static_assert(sizeof(MemHead) == 8 + 2 * sizeof(void*), "no gaps; fits the smallest block");
 
-  // What runs with the lock held by the caller. Blocks are passed by their heads.
+  // Steps for derived allocators; blocks are passed by their heads. Requires: the caller holds
+  // lock_. The operations above do not run the steps marked with *, but shorter ones to the same
+  // result (BankSteps in membank.cpp): a change of a marked step has no effect on them.
 
   void* _alloc(unsigned size, unsigned color);
-  unsigned _free(void* mem);  // gives the block's size
+  unsigned _free(void* mem);  // returns the block's size
 
-  MemHead* allocCandidate(int bin);           // the first of that bin or of one above, busy; null
-  void freeLoser(MemHead* h, int bin);        // a busy block to the front of its bin
-  void splitBlock(MemHead* h, unsigned amt);  // cuts a busy block to amt where 32 remain
-  MemHead* coalesce(MemHead* h);              // joins a busy block and its free neighbours
+  // *; unlinks the first block of that bin, or of the next one that has blocks, and returns it,
+  // busy. Returns null if there is none.
+  MemHead* allocCandidate(int bin);
+  void freeLoser(MemHead* h, int bin);        // puts a busy block to the front of its bin
+  void splitBlock(MemHead* h, unsigned amt);  // cuts a busy block to amt if 32 bytes remain
+  MemHead* coalesce(MemHead* h);              // *; joins a busy block and its free neighbours
   void init();
   static bool busy(const MemHead* h) { return (h->sizeandcolor_ & 1) != 0; }
   void setBusy(MemHead* h) { h->sizeandcolor_ |= 1u; }
   void resetBusy(MemHead* h) { h->sizeandcolor_ &= ~1u; }
 
-  friend struct Bank;
+  friend struct BankSteps;
+  template <class Traits>
   friend struct ArenaSteps;
 
   Allocator* parent_;
   MemHead* bins_[27];   // by log2 of the block size, the last freed first
   MemHead* firstHead_;  // null before the first chunk
-  MemHead* endHead_;    // where a block behind the last one would begin
+  MemHead* endHead_;    // where a block after the last one would begin
   unsigned internalFree_;
   unsigned allocatedMemory_;
   bool tryHard_;

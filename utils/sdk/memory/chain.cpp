@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Walking, joining and reporting the chain of an arena's blocks.
+// The walk over the chain of an arena's blocks, its growth, and its reports.
 #include "utils/sdk/memory/chain.h"
 
 #include <bit>
@@ -32,7 +32,7 @@ bool Chain::valid(const void* mem) const {
   if (!holdsBusy(mem)) return false;
   const void* head = headOfMemory(mem);
   const unsigned word = wordAt(head) & SIZE_MASK;
-  return fits(head, word - 1, ALIGN) && wordAt(behind(head, word - 5)) == word;
+  return fits(head, word - 1, ALIGN) && wordAt(offsetBy(head, word - 5)) == word;
 }
 
 unsigned Chain::setColor(void* mem, unsigned color, unsigned* totals) const {
@@ -46,7 +46,7 @@ unsigned Chain::setColor(void* mem, unsigned color, unsigned* totals) const {
   return 0;
 }
 
-// Of a block of any kind: one of a gap has as few as 8 bytes.
+// For a block of any kind: the block of a gap has as few as 8 bytes.
 bool Chain::canBeHead(const void* head) const {
   const unsigned word = wordAt(head);
   const unsigned size = sizeOf(word);
@@ -54,45 +54,45 @@ bool Chain::canBeHead(const void* head) const {
   return fits(head, size, ALIGN);
 }
 
-// Null at the end, and where the chain was cut, at the end marker of a chunk.
-const void* Chain::next(const void* head, const char* source, bool& isWhole) const {
+// Returns null at the end and, if the chain was cut, at the end marker of a chunk.
+const void* Chain::next(const void* head, const char* source, unsigned line, bool& isWhole) const {
   constexpr char CONDITION[] = "size == (t->size & ~1)";
   const bool canBe = canBeHead(head);
   const unsigned size = sizeOf(wordAt(head));
-  if (!canBe || size != (wordAt(behind(head, size - 4)) & ~1u)) {
+  if (!canBe || size != (wordAt(offsetBy(head, size - 4)) & ~1u)) {
     isWhole = false;
-    brokenBlock(CONDITION, source, __LINE__, head);
+    brokenBlock(CONDITION, source, line, head);
   }
   if (!canBe) return nullptr;
-  const void* next = behind(head, size);
+  const void* next = offsetBy(head, size);
   return next == end_ || (cut_ && wordAt(next) == SEAM) ? nullptr : next;
 }
 
-void* Chain::nextBlock(const void* mem, const char* source) const {
+void* Chain::nextBlock(const void* mem, const char* source, unsigned line) const {
   if (!mem || !holds(headOfMemory(mem))) return nullptr;
   bool isWhole = true;
-  const void* head = next(headOfMemory(mem), source, isWhole);
-  return head ? behind(const_cast<void*>(head), 4) : nullptr;
+  const void* head = next(headOfMemory(mem), source, line, isWhole);
+  return head ? offsetBy(const_cast<void*>(head), 4) : nullptr;
 }
 
-bool Chain::check(const char* source) const {
+bool Chain::check(const char* source, unsigned line) const {
   bool isWhole = true;
   const void* last = first_;
-  for (const void* head = first_; head; head = next(head, source, isWhole)) last = head;
+  for (const void* head = first_; head; head = next(head, source, line, isWhole)) last = head;
   if (isWhole && !cut_ && end_ && wordAt(end_) != SEAM) {
     isWhole = false;
-    brokenBlock("*endHead_ == SEAM", source, __LINE__, last);
+    brokenBlock("*endHead_ == SEAM", source, line, last);
   }
   return isWhole;
 }
 
 const void* Chain::after(const void* head) const {
   if (!canBeHead(head)) return nullptr;
-  const void* next = behind(head, sizeOf(wordAt(head)));
+  const void* next = offsetBy(head, sizeOf(wordAt(head)));
   return holds(next) ? next : nullptr;
 }
 
-// A block that leads past `head`, or has no size that can be true, is the damaged one.
+// A block that ends after `head`, or whose size is impossible, is the damaged one.
 const void* Chain::blockBefore(const void* head) const {
   const void* at = first_;
   while (addressOf(at) < addressOf(head)) {
@@ -109,14 +109,13 @@ bool Chain::leadsTo(const void* head) const {
   return at == head;
 }
 
-void Chain::report(const char* source) const {
-  constexpr int BUCKETS = 27;
+void Chain::report(const char* source, unsigned line) const {
   struct Bucket {
     unsigned count, used, free, biggest;
   };
-  Bucket buckets[BUCKETS] = {};
+  Bucket buckets[BINS] = {};
   bool isWhole = true;
-  for (const void* head = first_; head; head = next(head, source, isWhole)) {
+  for (const void* head = first_; head; head = next(head, source, line, isWhole)) {
     const unsigned word = wordAt(head);
     const unsigned size = sizeOf(word);
     Bucket& bucket = buckets[std::bit_width(size | 1) - 1];
@@ -125,7 +124,7 @@ void Chain::report(const char* source) const {
     if (size > bucket.biggest) bucket.biggest = size;
   }
   std::printf("Arenas: \nArena Count  Used       Free Biggest\n");
-  for (int i = 0; i < BUCKETS; i++) {
+  for (int i = 0; i < BINS; i++) {
     const Bucket& b = buckets[i];
     if (b.count == 0) continue;
     std::printf("%5d %6d %7d %7d %d\n", i, static_cast<int>(b.count), static_cast<int>(b.used),
@@ -135,8 +134,8 @@ void Chain::report(const char* source) const {
 
 namespace {
 
-// The head of the one block of a chunk that does not begin right behind `end`. Where a gap block
-// can join the two, it is made; else the chain is cut.
+// Returns the head of the one block of a chunk that does not begin directly after the end marker.
+// Joins the two by a gap block if that is possible, else cuts the chain.
 void* joinAcrossGap(void* end, void* chunk, bool& isCut) {
   const std::uintptr_t gap = addressOf(chunk) - addressOf(end) + 4;
   wordAt(chunk) = EDGE;
@@ -146,18 +145,18 @@ void* joinAcrossGap(void* end, void* chunk, bool& isCut) {
   } else if (end) {
     isCut = true;
   }
-  return behind(chunk, 4);
+  return offsetBy(chunk, 4);
 }
 
 }  // namespace
 
 void* joinChunk(void* end, void* chunk, unsigned need, bool& isCut) {
-  const bool continues = end && chunk == behind(end, 4) && need < BLOCK_LIMIT;
+  const bool continues = end && chunk == offsetBy(end, 4) && need < BLOCK_LIMIT;
   void* head = continues ? end : joinAcrossGap(end, chunk, isCut);
   const unsigned size = continues ? need : need - 8;
   wordAt(head) = size + 1;
   writeTail(head, size);
-  wordAt(behind(head, size)) = SEAM;
+  wordAt(offsetBy(head, size)) = SEAM;
   return head;
 }
 

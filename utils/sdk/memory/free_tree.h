@@ -2,20 +2,20 @@
 // The tree of an arena's free blocks: its order, its guard, and first fit by address.
 //
 // For the library's own sources, not installed. MemoryAllocator keeps its free large blocks in a
-// weight-balanced tree by size, then by address; wtree_steps.h has the algorithms. The nodes lie in
-// memory that the program has given back and may still write to, so that each node is looked at
-// before it is used: it must lie in the chain, and its size must be one of a free large block. The
-// first one that does not is kept for the report.
+// weight-balanced tree, ordered by size, then by address; wtree_steps.h has the algorithms. The
+// nodes lie in memory that the program has freed and may still write to. Each node is therefore
+// checked before it is used: it must lie in the chain, and its size must be that of a free large
+// block. The first node that fails the check is kept for the report.
 //
-// Beside its node a free block keeps `lowest_`: no block of its subtree begins below that address.
-// A block that comes lowers it in the nodes on its way; one that goes leaves it as it is, since the
-// true value would take a look at the other child of every node on the way. lowestFit() raises what
-// it finds to be too low, so that what one call has gone through costs the next one nothing: a call
-// takes time logarithmic in the number of blocks, in the mean over all changes of the tree.
+// After its node a free block stores `lowest_`: no block of its subtree has a lower address. An
+// insertion lowers it in the nodes on its path; a removal leaves it unchanged, because the exact
+// value would need a read of the other child of every node on the path. lowestFit() raises the
+// values that it finds to be too low, so that a later call does not search those subtrees again: a
+// call takes amortised time logarithmic in the number of blocks, over all changes of the tree.
 //
 //   from h, 32-bit (64-bit)   0 head word   4 node   16 (28) label   20 (32) lowest_   S - 4 tail
 //
-// The caller serialises.
+// Thread safety: the caller serialises.
 #pragma once
 
 #include <algorithm>
@@ -41,8 +41,9 @@ inline const MemHead* headOfNode(const WTreeNodeBase* node) {
   return static_cast<const MemHead*>(node);
 }
 
-// Orders free blocks by size, then by address. Sizes seldom tie, so that the usual case has no
-// branch that is hard to foresee.
+// Orders free blocks by size, then by address. Returns a positive number if `block` is before the
+// given place, a negative one if it is after it. Equal sizes are rare, so the usual case has no
+// branch that is hard to predict.
 inline int compareBlocks(const MemHead* block, unsigned size, std::uintptr_t address) {
   if (block->sizeandcolor_ != size) [[likely]]
     return block->sizeandcolor_ < size ? 1 : -1;
@@ -50,7 +51,7 @@ inline int compareBlocks(const MemHead* block, unsigned size, std::uintptr_t add
   return blockAddress == address ? 0 : blockAddress < address ? 1 : -1;
 }
 
-// Where a free block of that size and address stands in the tree.
+// The place of a free block of that size and address in the order.
 struct PlaceOfBlock {
   explicit PlaceOfBlock(const MemHead* h) : size_(h->sizeandcolor_), address_(addressOf(h)) {}
 
@@ -62,7 +63,7 @@ struct PlaceOfBlock {
   std::uintptr_t address_;
 };
 
-// Below all blocks of that size: the first one behind it is the best fit.
+// The place before all blocks of that size: the first block after it is the best fit.
 struct PlaceOfFit {
   int operator()(const WTreeNodeBase* node) const {
     return headOfNode(node)->sizeandcolor_ < amt_ ? 1 : -1;
@@ -71,7 +72,7 @@ struct PlaceOfFit {
   unsigned amt_;
 };
 
-// The guard of a path (wtree_steps.h).
+// The guard of a path (wtree_steps.h), which checks nodes and maintains lowest_.
 struct FreeGuard {
   static constexpr bool GUARDS = true;
 
@@ -99,7 +100,7 @@ struct FreeGuard {
     blockOf(top)->lowest_ = blockOf(former)->lowest_;
   }
 
-  // The nodes above the end of the path learn of a block that came to stand below them.
+  // Lowers lowest_ in the nodes of the path for a block that is now below them.
   template <class Path>
   static void lower(const Path& path, WTreeNodeBase* node) {
     const std::uintptr_t address = addressOf(headOfNode(node));
@@ -113,7 +114,7 @@ struct FreeGuard {
     return static_cast<FreeBlock*>(headOfNode(node));
   }
 
-  const WTreeNodeBase* refused_ = nullptr;  // what a link of refusedBelow_ leads to
+  const WTreeNodeBase* refused_ = nullptr;  // the target of a link of refusedBelow_
   const WTreeNodeBase* refusedBelow_;       // null for the root
 
  private:
@@ -124,9 +125,9 @@ struct FreeGuard {
   Chain::Places places_;
 };
 
-// That of the way to the place of a block that is not there yet.
-struct AddingGuard : FreeGuard {
-  AddingGuard(const Chain& chain, const MemHead* block)
+// The guard of the path to a place at which a block will be inserted.
+struct InsertGuard : FreeGuard {
+  InsertGuard(const Chain& chain, const MemHead* block)
       : FreeGuard(chain), address_(addressOf(block)) {}
 
   void passed(WTreeNodeBase* node) const {
@@ -137,25 +138,25 @@ struct AddingGuard : FreeGuard {
 };
 
 using FreePath = WTreePathWith<FreeGuard>;
-using AddingPath = WTreePathWith<AddingGuard>;
+using InsertPath = WTreePathWith<InsertGuard>;
 constexpr unsigned FREE_TREE_DEPTH = FreePath::MAX_DEPTH;
 
-// A way through nodes of which any may be damaged: each is looked at before it is used. It must
-// stand between the nodes on both sides of it, so that no node comes twice.
+// A walk through nodes of which any may be damaged: each is checked before it is used. The place of
+// a node in the order must be between those of the nodes above it, so that none is visited twice.
 struct FreeWalk : FreeGuard {
   using FreeGuard::FreeGuard;
 
-  // Calls visit(node) for the nodes of the subtree in order. A node that is not sound is refused
-  // and passed over with all below it. After its visit a node may be overwritten.
+  // Calls visit(node) for the nodes of the subtree in order. A damaged node is refused and skipped,
+  // with its subtree. After its visit a node may be overwritten.
   template <class Visit>
   void inOrder(WTreeNodeBase* root, Visit visit) {
     inOrder(nullptr, root, nullptr, nullptr, visit);
   }
 
-  // Whether the block is a node of a tree that is sound.
+  // Returns whether the block is a node of the tree. Requires: the tree is undamaged.
   static bool holds(WTreeNodeBase* root, const MemHead* block);
 
-  // The lowest block of the tree with at least `size` bytes; null if there is none.
+  // Returns the lowest block of the tree with at least `size` bytes. Null if there is none.
   MemHead* lowestFit(WTreeNodeBase* root, unsigned size);
 
  private:
@@ -173,15 +174,15 @@ struct FreeWalk : FreeGuard {
     if (!node || !admitsBetween(parent, node, lower, upper)) return {};
     WTreeNodeBase* right = node->right();
     const FreeBlock* block = blockOf(node);
-    const Subtree told{WTreeSteps::weightOf(node), block->lowest_};
+    const Subtree stored{WTreeSteps::weightOf(node), block->lowest_};
     depth_++;
     const Subtree before = inOrder(node, node->left(), lower, block, visit);
     visit(node);
-    const Subtree behind = inOrder(node, right, block, upper, visit);
+    const Subtree after = inOrder(node, right, block, upper, visit);
     depth_--;
-    const Subtree all{before.weight_ + behind.weight_,
-                      std::min({addressOf(block), before.lowest_, behind.lowest_})};
-    if (told.weight_ != all.weight_ || told.lowest_ > all.lowest_) refuse(node, node);
+    const Subtree all{before.weight_ + after.weight_,
+                      std::min({addressOf(block), before.lowest_, after.lowest_})};
+    if (stored.weight_ != all.weight_ || stored.lowest_ > all.lowest_) refuse(node, node);
     return all;
   }
 

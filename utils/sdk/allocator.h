@@ -1,17 +1,19 @@
 // SPDX-License-Identifier: MIT
-// The interface of every memory source, the process's own source, and two small ones.
+// The interface of every memory source, the process allocator, and two simple sources.
 //
-// `Allocator::theAllocator()` is where all memory of the library comes from; MemoryAllocator
-// (alloc.h) stands behind it. HostAllocator passes requests on to the system layer,
-// AllocationLimiter cuts them from one pool; neither ever takes memory back.
+// All memory of the library comes from `Allocator::theAllocator()`, the process allocator, which is
+// a MemoryAllocator (alloc.h). HostAllocator passes requests on to the system layer,
+// AllocationLimiter cuts them from one pool; neither reuses memory that is freed.
 //
-// A memory colour is a label from 0 to 63 that an arena allocator keeps in each busy block and
-// counts bytes by, so that a program can see how much each of its parts holds. It does not decide
-// where memory comes from. Colours are reduced to six bits (value & 63) where they are used.
+// A memory colour is a label from 0 to 63 that an arena allocator stores in each busy block and
+// counts bytes by, so that a program can see how much memory each of its parts holds. It has no
+// influence on where memory comes from. Colours are reduced to six bits (value & 63) when they are
+// used.
 //
-// Sizes, totals and colours are 32-bit on every platform. Nothing here throws: what cannot be had
-// is null. No class here locks: the caller serialises every call that allocates, frees, or asks
-// while another task does so.
+// Sizes, totals and colours are 32-bit on every platform. Nothing here throws.
+//
+// Thread safety: the caller serialises all calls on one allocator, questions too. Most of the
+// library allocates from the process allocator and is therefore serialised as well.
 #pragma once
 
 #include <cstddef>
@@ -21,54 +23,56 @@
 
 namespace Utils {
 
-// What an implementation does is told here. All but the pure operations have a body for sources
-// that know no colours; where it does something else, that is told too.
+// The comments are the contract for implementations. An operation that is not pure has a default
+// for sources without colours; "Default:" says where that differs.
 struct YUTILS_EXPORT Allocator {
-  // The process's allocator, built at the first call, which may come before any static object of
-  // the library is there; never null, and the same and usable to the last instruction of the
-  // process.
+  // Returns the process allocator, which is built at the first call, even if that is before the
+  // library's static objects are constructed. Never null. Valid until the process ends: no
+  // destructor runs for it.
   static Allocator* theAllocator() {
     static Allocator* a = nullptr;
     if (!a) a = buildTheAllocator();
     return a;
   }
 
-  // `size` bytes aligned to 8, owned by the caller until freed; null when there is no memory.
-  // Without a colour in the default colour. A source without colours drops it.
+  // Returns at least `size` bytes aligned to 8, which the caller owns until free(). Null if there
+  // is no memory. Without a colour the block gets the default colour. Default: ignores the colour.
   virtual void* alloc(unsigned size, unsigned color);
   virtual void* alloc(unsigned size) = 0;
-  virtual void free(void* mem) = 0;  // a block of this allocator, or null
+  virtual void free(void* mem) = 0;  // Requires: a busy block of this allocator, or null
 
-  virtual unsigned size(
-      const void* mem) const = 0;                 // bytes of a busy block, its bookkeeping included
-  virtual unsigned allocatedMemory() const = 0;   // bytes that callers hold, counted likewise
-  virtual unsigned internalFree() const = 0;      // bytes that the allocator holds free
-  virtual unsigned color(const void* mem) const;  // of a busy block; here 0
-  virtual unsigned setColor(void* mem, unsigned color);  // here RESULT_NOT_IMPLEMENTED, always
-  virtual bool valid(const void* mem) const;             // a well-formed busy block; here false
+  // Returns the bytes of a busy block, its bookkeeping included.
+  virtual unsigned size(const void* mem) const = 0;
+  virtual unsigned allocatedMemory() const = 0;  // bytes in busy blocks, bookkeeping included
+  virtual unsigned internalFree() const = 0;     // bytes in the allocator's free blocks
 
-  // Sets the colour of alloc(size) and stores the former one, unless `oldColor` is null; gives 0.
-  // Here RESULT_NOT_IMPLEMENTED, nothing stored.
+  virtual unsigned color(const void* mem) const;         // of a busy block. Default: 0
+  virtual unsigned setColor(void* mem, unsigned color);  // RESULT_NOT_IMPLEMENTED, in arenas too
+  virtual bool valid(const void* mem) const;  // true for a well-formed busy block. Default: false
+
+  // Sets the colour of alloc(size), stores the former one in `oldColor` unless that is null, and
+  // returns 0. Default: returns RESULT_NOT_IMPLEMENTED and stores nothing.
   virtual unsigned setDefaultColor(unsigned color, unsigned* oldColor);
-  virtual unsigned defaultColor() const;  // as it was set, not reduced; here 0
+  virtual unsigned defaultColor() const;  // as it was set, not reduced. Default: 0
 
-  virtual unsigned allocatedColorMemory(unsigned color) const;  // bytes in busy blocks; here 0
-  virtual unsigned freeColorMemory(
-      unsigned color) const;  // bytes in free blocks last of it; here 0
-  // Adds to the total of busy bytes of one colour and to nothing else; here without effect.
+  // Return the bytes in busy blocks of a colour, and in free blocks that had that colour when they
+  // were freed. Default: 0.
+  virtual unsigned allocatedColorMemory(unsigned color) const;
+  virtual unsigned freeColorMemory(unsigned color) const;
+  // Adds to the total of busy bytes of one colour and to nothing else. Default: does nothing.
   virtual void adjustColorMemory(unsigned color, int delta);
 
  private:
-  static Allocator* buildTheAllocator();  // gives the same one however often it is called
+  static Allocator* buildTheAllocator();  // returns the same one at every call
 };
 
-// Memory straight from the system layer. An exhausted system layer fails the assertion "m" before
-// null is given; the process goes on, unless YSYS_ASSERT says otherwise (YfAssert__ in ysys.h).
-// Every question is answered with 0.
+// Memory directly from the system layer. If that has no memory, alloc() fails the assertion "m" and
+// then returns null; the assertion stops the process only if YSYS_ASSERT is "stop" (YfAssert__ in
+// ysys.h). All questions return 0.
 struct YUTILS_EXPORT HostAllocator : Allocator {
   using Allocator::alloc;
   void* alloc(unsigned size) override;
-  void free(void* mem) override;  // keeps the memory: the system layer takes none back
+  void free(void* mem) override;  // does nothing: the system layer cannot free memory
   unsigned size(const void* mem) const override;
   unsigned allocatedMemory() const override;
   unsigned internalFree() const override;
@@ -76,24 +80,25 @@ struct YUTILS_EXPORT HostAllocator : Allocator {
   void* alloc(unsigned size, int color) { return alloc(size, static_cast<unsigned>(color)); }
 };
 
-// Requests cut one behind the other from a pool of fixed size, neither rounded nor aligned; what
-// does not fit comes from the system layer, and the pool keeps its rest for what does. The pool is
-// taken at the first request and never given back. A copy goes on in the same pool with a cursor of
-// its own.
+// Cuts requests one after the other from a pool of a fixed size, neither rounded nor aligned. A
+// request that does not fit comes from the system layer, and the rest of the pool stays for smaller
+// ones. The pool is allocated at the first request and never freed. A copy continues in the same
+// pool with a cursor of its own. All questions return 0: the rest of the pool does not count as
+// free.
 struct YUTILS_EXPORT AllocationLimiter : Allocator {
   AllocationLimiter(unsigned poolSize);
 
-  // theLimiter_, which is null: the library makes no limiter.
+  // Returns null: the library creates no limiter.
   static AllocationLimiter* theLimiter();
 
   using Allocator::alloc;
-  // Null when neither pool nor system layer has memory. While the pool itself cannot be had, a
-  // request of up to its size gives null, and the next request asks for the pool again.
+  // Null if neither the pool nor the system layer has memory. If the pool itself cannot be
+  // allocated, a request of up to its size returns null, and the next request tries again.
   void* alloc(unsigned size) override;
-  void free(void* mem) override;  // keeps the memory
+  void free(void* mem) override;  // does nothing
   unsigned size(const void* mem) const override;
   unsigned allocatedMemory() const override;
-  unsigned internalFree() const override;           // 0: the rest of the pool does not count
+  unsigned internalFree() const override;
   virtual void* alloc(unsigned size, char unused);  // alloc(size)
   void* alloc(unsigned size, int color) { return alloc(size, static_cast<unsigned>(color)); }
 
@@ -104,20 +109,20 @@ struct YUTILS_EXPORT AllocationLimiter : Allocator {
   static AllocationLimiter* theLimiter_;
 
   unsigned poolSize_;
-  char* pool_;      // null until it was taken
+  char* pool_;      // null until it is allocated
   char* poolNext_;  // the first free byte
   char* poolEnd_;
 };
 
-// Gives the process allocator a default colour for a scope. Scopes nest in one task; the default
-// colour is one for the whole process, so those of different tasks change each other's.
+// Sets the default colour of the process allocator for a scope. Scopes nest within one task. There
+// is one default colour for the whole process, so scopes in different tasks change each other's.
 struct YUTILS_EXPORT MemoryColor {
   explicit MemoryColor(unsigned color);
   ~MemoryColor();
   MemoryColor(const MemoryColor&) = default;
   MemoryColor& operator=(const MemoryColor&) = default;
 
-  void reset();  // puts the former colour back, as the destructor does again
+  void reset();  // restores the former colour; the destructor does so again
 
  private:
   unsigned oldColor_;

@@ -21,9 +21,9 @@ bool FreeWalk::holds(WTreeNodeBase* root, const MemHead* block) {
   return WTreeSteps::descend(path, PlaceOfBlock(block)).found_ != nullptr;
 }
 
-// A subtree whose lowest_ is not below the best block so far has nothing lower. In a subtree whose
-// root is large enough all that stands behind the root is, too, so that lowest_ leads there; a root
-// that is not has nothing that is large enough before it.
+// A subtree whose lowest_ is not below the best block so far is skipped. If the root of a subtree
+// is large enough, so are all nodes after it in the order, and lowest_ leads towards the lowest of
+// them. If it is not, no node before it is large enough.
 struct FreeWalk::Search {
   void visit(WTreeNodeBase* parent, WTreeNodeBase* node, const MemHead* lower,
              const MemHead* upper) {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Inside the library, the copies of short texts that its objects keep.
+// Copies of short texts, which objects of the library keep. For the library's own sources, not
+// installed.
 #pragma once
 
 #include <cstring>
@@ -8,8 +9,8 @@
 
 namespace Utils {
 
-// In a block of exactly its size, which the caller gives back to the process allocator; null when
-// there is no memory.
+// Returns a copy in a block of exactly its size, which the caller frees with theAllocator(). Null
+// if there is no memory.
 inline char* copyOfText(const char* text) {
   const std::size_t bytes = std::strlen(text) + 1;
   if (bytes > 0xffffffffu) return nullptr;

@@ -166,9 +166,9 @@ TEST(MemoryAllocator, ChunksOutsideTheChain) {
       arena.checkArena();
     }
     for (std::size_t i = 0; i < live.size(); i += 2) arena.free(live[i]);
-    arena.check(false);
+    arena.check();
     for (std::size_t i = 1; i < live.size(); i += 2) arena.free(live[i]);
-    arena.check(false);
+    arena.check();
     arena.checkArena();
     for (const auto& block : arena.chain()) EXPECT_GE(block.size(), 8u);
     testing::internal::CaptureStdout();
@@ -285,6 +285,32 @@ TEST_F(Arena, ProtectedSteps) {
   arena.free(first);
   arena.tryHard(false);
   EXPECT_FALSE(arena.tryHard());
+}
+
+// With free blocks that checkArena() accepts: beside another one, and inside a busy block.
+TEST(ArenaCheck, NamesTheBrokenInvariant) {
+  const auto brokenBy = [](unsigned size, void (*free)(OpenArena&, Utils::MemHead*)) {
+    ScriptedParent parent;
+    OpenArena arena(&parent);
+    char* head = bytes(arena.alloc(3000)) + 44;
+    for (char* word : {head, head + size - 4}) {
+      const unsigned busy = size + 1;
+      std::memcpy(word, &busy, sizeof busy);
+    }
+    auto* block = static_cast<Utils::MemHead*>(static_cast<void*>(head));
+    block->color_ = 0;
+    free(arena, block);
+    return Utils::Testing::brokenInvariant(arena).substr(0, 2);
+  };
+  EXPECT_EQ(brokenBy(64, [](OpenArena& a, Utils::MemHead* h) { a.freeSmall(h); }), "9.");
+  EXPECT_EQ(brokenBy(2000, [](OpenArena& a, Utils::MemHead* h) { a.freeLoser(h); }), "7.");
+  EXPECT_EQ(brokenBy(64,
+                     [](OpenArena& a, Utils::MemHead*) {
+                       Utils::MemHead* fit = a.allocCandidate(2000);
+                       a.splitBlock(fit, 4096);
+                       a.freeLoser(fit);
+                     }),
+            "6.");
 }
 
 #if defined(__i386__)

@@ -166,9 +166,9 @@ TEST(MemoryBank, ChunksOutsideTheChain) {
     bank.checkArena();
   }
   for (std::size_t i = 0; i < live.size(); i += 2) bank.free(live[i]);
-  bank.check(false);
+  bank.check();
   for (std::size_t i = 1; i < live.size(); i += 2) bank.free(live[i]);
-  bank.check(false);
+  bank.check();
   bank.checkArena();
   EXPECT_EQ(bank.allocatedMemory(), 0u);
   EXPECT_THAT(recorder.take(), IsEmpty());

@@ -21,7 +21,6 @@
 #include <cstring>
 #include <new>
 #include <type_traits>
-#include <utility>
 
 #include "utils/sdk/allocator.h"
 #include "utils/sdk/export.h"
@@ -104,11 +103,14 @@ struct VectorFields {
   void* data_;
 };
 
+template <class T>
+const T& anElement() noexcept;  // declared only, for use in decltype
+
+// True if elements can be compared by ==.
 template <class T, class = void>
 struct HasEquality : std::false_type {};
 template <class T>
-struct HasEquality<T, std::void_t<decltype(std::declval<const T&>() == std::declval<const T&>())>>
-    : std::true_type {};
+struct HasEquality<T, std::void_t<decltype(anElement<T>() == anElement<T>())>> : std::true_type {};
 
 // A vector of T, which needs a default constructor, assignment and an alignment of up to 8, and ==
 // where elements are sought or compared. Class elements are constructed with the storage and ended

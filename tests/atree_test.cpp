@@ -19,6 +19,7 @@
 #include "support/seed.h"
 #include "utils/sdk/platform.h"
 #include "utils/sdk/ysys.h"
+#include "utils/testing/tree_check.h"
 
 template struct Utils::AVLTree<unsigned long, unsigned>;
 template struct Utils::AVLTreeIter<unsigned long, unsigned>;
@@ -44,6 +45,7 @@ using Utils::AVLTree;
 using Utils::AVLTreeIter;
 using Utils::AVLTreeNode;
 using Utils::AVLTreeNodeBase;
+using Utils::Testing::heightOf;
 
 using Tree = AVLTree<unsigned, unsigned>;
 using Iter = AVLTreeIter<unsigned, unsigned>;
@@ -51,28 +53,9 @@ using Keys = std::vector<unsigned>;
 
 unsigned held() { return Allocator::theAllocator()->allocatedMemory(); }
 
-// --- The checker: 1. parents  2. balance  3. order. Gives the height. ---
-
-template <class Node>
-int check(const AVLTreeNodeBase* base, const AVLTreeNodeBase* parent, const Node*& last) {
-  if (!base) return 0;
-  const Node* node = static_cast<const Node*>(base);
-  EXPECT_EQ(node->parent_, parent);
-  const int left = check(node->left_, node, last);
-  if (last) {
-    EXPECT_LT(last->key(), node->key());
-  }
-  last = node;
-  const int right = check(node->right_, node, last);
-  EXPECT_EQ(node->balance(), right - left) << "at key " << node->key();
-  EXPECT_LE(std::abs(right - left), 1);
-  return 1 + std::max(left, right);
-}
-
 template <class K, class V>
-int check(const AVLTree<K, V>& tree) {
-  const AVLTreeNode<K, V>* last = nullptr;
-  return check(tree.root_, nullptr, last);
+void check(const AVLTree<K, V>& tree) {
+  EXPECT_STREQ(Utils::Testing::brokenInvariant(tree), nullptr);
 }
 
 // (left key right)
@@ -142,9 +125,9 @@ struct MapRun {
   void checkLink(const AVLTreeIter<K, V>& it) { EXPECT_EQ(*it.insertAddr_, it.pos_); }
 
   void compare() {
-    const int height = check(tree_);
+    check(tree_);
     if (model_.size() > 3) {
-      EXPECT_LE(height, 1.45 * std::log2(static_cast<double>(model_.size()) + 2));
+      EXPECT_LE(heightOf(tree_), 1.45 * std::log2(static_cast<double>(model_.size()) + 2));
     }
     auto expected = model_.begin();
     for (const auto& node : static_cast<const AVLTree<K, V>&>(tree_)) {
@@ -236,7 +219,8 @@ std::vector<Levels> shapesOf(unsigned n, const std::vector<std::vector<Levels>>&
 void removeAll(const Levels& levels, const Keys& order) {
   Tree tree;
   for (const Keys& level : levels) fill(tree, level);
-  ASSERT_EQ(check(tree), static_cast<int>(levels.size()));
+  check(tree);
+  ASSERT_EQ(heightOf(tree), levels.size());
   std::map<unsigned, const AVLTreeNodeBase*> left;
   for (const unsigned key : order) left[key] = tree.find(key).pos();
   for (const unsigned key : order) {
@@ -351,7 +335,8 @@ TEST(AVLTreeIter, PlaceAndLink) {
   EXPECT_FALSE(it.up());
   Iter unset;
   EXPECT_TRUE(unset.insert(1, 1));
-  EXPECT_EQ(check(tree), 2);
+  check(tree);
+  EXPECT_EQ(heightOf(tree), 2u);
 }
 
 // Without balancing, a tree is as deep as it has nodes.

@@ -10,6 +10,7 @@
 
 #include "gtest/gtest.h"
 #include "support/seed.h"
+#include "utils/testing/tree_check.h"
 
 namespace {
 
@@ -18,8 +19,6 @@ using Utils::WTreeNodeBase;
 
 struct Node : WTreeNodeBase {
   explicit Node(int key) : key_(key) {}
-
-  unsigned weight() const { return weight_; }
 
   int key_;
 };
@@ -154,15 +153,12 @@ struct Reference {
   std::deque<R> all_;
 };
 
-// Gives the weight of a subtree that has the keys and the shape of the reference's.
+// Gives the number of nodes of a subtree that has the keys and the shape of the reference's.
 unsigned check(const WTreeNodeBase* node, const Reference::R* expected) {
   EXPECT_EQ(node == nullptr, expected == nullptr);
-  if (!node || !expected) return 1;
+  if (!node || !expected) return 0;
   EXPECT_EQ(keyBehind(node), expected->key_);
-  const unsigned weight =
-      check(node->left(), expected->child_[0]) + check(node->right(), expected->child_[1]);
-  EXPECT_EQ(static_cast<const Node*>(node)->weight(), weight);
-  return weight;
+  return 1 + check(node->left(), expected->child_[0]) + check(node->right(), expected->child_[1]);
 }
 
 // A tree beside its models; nodes are kept by key.
@@ -212,7 +208,8 @@ struct Trio {
   void compare() {
     EXPECT_EQ(tree_.size(), nodes_.size());
     EXPECT_EQ(tree_.depth(), Reference::depth(reference_.top_));
-    EXPECT_EQ(check(tree_.top(), reference_.top_), nodes_.size() + 1);
+    EXPECT_STREQ(Utils::Testing::brokenInvariant(tree_, ascending), nullptr);
+    EXPECT_EQ(check(tree_.top(), reference_.top_), nodes_.size());
   }
 
   using Nodes = std::map<int, std::unique_ptr<Node>>;

@@ -5,9 +5,9 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <new>
 
 #include "utils/sdk/base/errno_saver.h"
+#include "utils/sdk/base/late_immortal.h"
 #include "utils/sdk/base/load_order.h"
 #include "utils/sdk/logging/log_line.h"
 #include "utils/sdk/memory/text_copy.h"
@@ -16,26 +16,19 @@ namespace Utils {
 
 // --- The default sink ---
 
-// The storage of Log::theDefaultLogger_, by its symbol: an empty Ref is null bytes, so it is there
-// before any code runs, and with no object to destroy it serves to the end of the process.
-extern unsigned char _defaultLogger[] asm("_ZN5Utils3Log17theDefaultLogger_E");
-[[gnu::visibility("default")]] alignas(
-    Ref<Logger>) constinit unsigned char _defaultLogger[sizeof(Ref<Logger>)] = {};
+constinit Immortal<Ref<Logger>> Log::theDefaultLogger_;
 
-namespace {
-
-// Lets go of the default sink when the library is unloaded. The hub may still hold it.
+// Releases the default sink when the library is unloaded. The hub may still hold it.
 struct DefaultLoggerEnd {
-  ~DefaultLoggerEnd() { *reinterpret_cast<Ref<Logger>*>(_defaultLogger) = Ref<Logger>(); }
+  ~DefaultLoggerEnd() { Log::theDefaultLogger_.object_ = Ref<Logger>(); }
 };
 
-[[gnu::init_priority(LOADED_DEFAULT_LOGGER)]] DefaultLoggerEnd _defaultLoggerEnd;
-
-}  // namespace
+[[gnu::init_priority(LOADED_DEFAULT_LOGGER)]] static DefaultLoggerEnd _defaultLoggerEnd;
 
 Ref<Logger> Log::theDefaultLogger() {
-  if (!theDefaultLogger_.valid()) theDefaultLogger_ = Ref<Logger>(new StdLogger);
-  return theDefaultLogger_;
+  Ref<Logger>& sink = theDefaultLogger_;
+  if (!sink.valid()) sink = Ref<Logger>(new StdLogger);
+  return sink;
 }
 
 // --- The records ---
@@ -71,7 +64,7 @@ namespace {
 constexpr unsigned CLASSES = Debug + 1;
 
 // What theLog() gives as long as there is no memory for the hub.
-alignas(Log) unsigned char _mute[sizeof(Log)];
+constinit LateImmortal<Log> _mute;
 
 }  // namespace
 
@@ -83,8 +76,8 @@ Log* Log::makeTheLog() {
     made = nullptr;
   }
   theLog_ = made;
-  static Log* mute = ::new (_mute) Log(Mute());
-  return made ? made : mute;
+  Log& mute = _mute.make(Mute());
+  return made ? made : &mute;
 }
 
 Log::Log() : enabled_(false), level_(0), verbosity_(0) {

@@ -25,12 +25,16 @@
 
 #include <cstdarg>
 
+#include "utils/sdk/base/immortal.h"
 #include "utils/sdk/export.h"
 #include "utils/sdk/object.h"
 #include "utils/sdk/vector.h"
 #include "utils/sdk/ysys.h"
 
 namespace Utils {
+
+template <class T>
+struct LateImmortal;
 
 enum MessageClass { Error, Warning, Info, Debug };
 
@@ -240,7 +244,9 @@ struct YUTILS_EXPORT Log : Object {
   void logStats(unsigned& errors, unsigned& warnings, unsigned& infos, unsigned& debugs) const;
 
  private:
+  friend struct DefaultLoggerEnd;
   friend struct TraceCategory;
+  friend struct LateImmortal<Log>;
 
   struct Mute {};
   explicit Log(Mute);
@@ -262,7 +268,7 @@ struct YUTILS_EXPORT Log : Object {
   unsigned verbosity_;
 
   static Log* theLog_;
-  static Ref<Logger> theDefaultLogger_;
+  static Immortal<Ref<Logger>> theDefaultLogger_;
 };
 
 }  // namespace Utils

@@ -54,7 +54,7 @@ struct YUTILS_EXPORT Object : Countable {
 // A reference to a T derived from Object, or empty.
 template <class T>
 struct Ref {
-  Ref() { init(); }
+  constexpr Ref() : ptr_(nullptr) {}
   Ref(const T* object) : ptr_(const_cast<T*>(object)) {
     if (ptr_) ptr_->incRef();
   }

@@ -16,6 +16,7 @@
 
 #include "utils/sdk/alloc.h"
 #include "utils/sdk/allocator.h"
+#include "utils/sdk/base/late_immortal.h"
 #include "utils/sdk/platform.h"
 #include "utils/sdk/ysys.h"
 
@@ -25,8 +26,8 @@ namespace {
 
 constexpr unsigned RESERVATION = 0x1400000;
 
-alignas(HostAllocator) unsigned char _host[sizeof(HostAllocator)];
-alignas(MemoryAllocator) unsigned char _arena[sizeof(MemoryAllocator)];
+constinit LateImmortal<HostAllocator> _host;
+constinit LateImmortal<MemoryAllocator> _arena;
 
 void reserve(void* arena) {
   Allocator* allocator = static_cast<MemoryAllocator*>(arena);
@@ -40,8 +41,7 @@ Allocator* Allocator::buildTheAllocator() {
   static MemoryAllocator* built = nullptr;
   if (built) return built;
   YIF_MemInit(0);
-  HostAllocator* host = ::new (_host) HostAllocator;
-  MemoryAllocator* arena = ::new (_arena) MemoryAllocator(host);
+  MemoryAllocator* arena = &_arena.make(&_host.make());
   YfWithoutExhaustionReport(reserve, arena);
   return built = arena;
 }

@@ -10,6 +10,7 @@
 #include <new>
 
 #include "utils/sdk/atree.h"
+#include "utils/sdk/base/late_immortal.h"
 #include "utils/sdk/base/load_order.h"
 #include "utils/sdk/log.h"
 #include "utils/sdk/logging/trace.h"
@@ -97,23 +98,17 @@ namespace {
 
 using LastErrors = AVLTree<unsigned long, unsigned>;
 
-alignas(LastErrors) constinit unsigned char _lastErrors[sizeof(LastErrors)] = {};
-LastErrors* _lastErrorValues = nullptr;
-
-LastErrors& lastErrors() {
-  if (!_lastErrorValues) _lastErrorValues = ::new (_lastErrors) LastErrors;
-  return *_lastErrorValues;
-}
+constinit LateImmortal<LastErrors> _lastErrorValues;
 
 struct LastErrorsLife {
-  LastErrorsLife() { lastErrors(); }
-  ~LastErrorsLife() { lastErrors().empty(); }
+  LastErrorsLife() { _lastErrorValues.make(); }
+  ~LastErrorsLife() { _lastErrorValues.make().empty(); }
 };
 
 [[gnu::init_priority(LOADED_LAST_ERRORS)]] LastErrorsLife _lastErrorsLife;
 
 // The entry of the calling task, made where there was none.
-LastErrors::Iter ownError() { return lastErrors()[YIF_CurrentTaskIdCoop()]; }
+LastErrors::Iter ownError() { return _lastErrorValues.make()[YIF_CurrentTaskIdCoop()]; }
 
 }  // namespace
 

@@ -17,12 +17,7 @@ namespace Utils {
 
 // --- The string without a representation ---
 
-// The storage of String::null_, by its symbol. A String is null as long as all its bytes are 0, so
-// this one is there before any code runs; and since the language knows no object to destroy here,
-// it is there after all others have gone.
-extern unsigned char _nullString[] asm("_ZN5Utils6String5null_E");
-[[gnu::visibility("default")]] alignas(
-    String) constinit unsigned char _nullString[sizeof(String)] = {};
+constinit Immortal<String> String::null_;
 
 namespace {
 

@@ -33,6 +33,7 @@
 #include <compare>
 #endif
 
+#include "utils/sdk/base/immortal.h"
 #include "utils/sdk/export.h"
 
 namespace Utils {
@@ -43,7 +44,7 @@ struct SubString;
 
 // Operations that read a text have a deleted overload for nullptr, which refuses a literal 0 too.
 struct YUTILS_EXPORT String {
-  String() : rep_(nullptr) {}
+  constexpr String() : rep_(nullptr) {}
   String(const String& s);
   String(const char* text);
   String(char c);
@@ -185,7 +186,7 @@ struct YUTILS_EXPORT String {
 
   void purge();
 
-  static String null_;
+  static Immortal<String> null_;
   StringRep* rep_;
 
  private:

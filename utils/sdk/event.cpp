@@ -20,7 +20,7 @@ void trace(unsigned line, const char* format, YIF_Handle event) {
                        static_cast<unsigned long>(event));
 }
 
-void end(YIF_Handle event) {
+void destroy(YIF_Handle event) {
   trace(__LINE__, "%x Destroying event %lx", event);
   YIF_DestroyEvent(event);
 }
@@ -38,12 +38,12 @@ WaitableEvent::WaitableEvent(const WaitableEvent& other) : Object(other), event_
 
 WaitableEvent& WaitableEvent::operator=(const WaitableEvent& other) {
   Object::operator=(other);
-  event_ = reassign(_events, event_, other.event_, end);
+  event_ = reassign(_events, event_, other.event_, destroy);
   return *this;
 }
 
 WaitableEvent::~WaitableEvent() {
-  if (_events.remove(event_)) end(event_);
+  if (_events.remove(event_)) destroy(event_);
 }
 
 }  // namespace Utils

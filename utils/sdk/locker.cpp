@@ -14,12 +14,12 @@ constexpr char SOURCE[] = "utils/sdk/locker";
 // --- Steps with their lines, the same for both kinds of lock ---
 
 struct MutexKind {
-  static constexpr auto MAKE = YIF_CreateMutex;
-  static constexpr auto END = YIF_DestroyMutex;
+  static constexpr auto CREATE = YIF_CreateMutex;
+  static constexpr auto DESTROY = YIF_DestroyMutex;
   static constexpr auto ENTER = YIF_EnterMutex;
   static constexpr auto EXIT = YIF_ExitMutex;
-  static constexpr char MADE[] = "%d Created mutex %ld";
-  static constexpr char ENDING[] = "%d Destroying mutex %ld";
+  static constexpr char CREATED[] = "%d Created mutex %ld";
+  static constexpr char DESTROYING[] = "%d Destroying mutex %ld";
   static constexpr char ENTERING[] = "%d Waiting for mutex %ld";
   static constexpr char ENTERED[] = "%d Got mutex %ld";
   static constexpr char EXITING[] = "%d Exiting mutex %ld";
@@ -28,12 +28,12 @@ struct MutexKind {
 };
 
 struct SectionKind {
-  static constexpr auto MAKE = YIF_CreateCriticalSection;
-  static constexpr auto END = YIF_DestroyCriticalSection;
+  static constexpr auto CREATE = YIF_CreateCriticalSection;
+  static constexpr auto DESTROY = YIF_DestroyCriticalSection;
   static constexpr auto ENTER = YIF_EnterCriticalSection;
   static constexpr auto EXIT = YIF_ExitCriticalSection;
-  static constexpr char MADE[] = "%d Created critical section %ld";
-  static constexpr char ENDING[] = "%d Destroying critical section %ld";
+  static constexpr char CREATED[] = "%d Created critical section %ld";
+  static constexpr char DESTROYING[] = "%d Destroying critical section %ld";
   static constexpr char ENTERING[] = "%d Waiting for critical section %ld";
   static constexpr char ENTERED[] = "%d Got critical section %ld";
   static constexpr char EXITING[] = "%d Exiting critical section %ld";
@@ -50,16 +50,16 @@ struct SectionKind {
 }
 
 template <class Kind>
-YIF_Handle make() {
-  const YIF_Handle made = Kind::MAKE();
-  if (traces(TRACE_LIFETIME)) print(TRACE_LIFETIME, __LINE__, Kind::MADE, made);
-  return made;
+YIF_Handle create() {
+  const YIF_Handle handle = Kind::CREATE();
+  if (traces(TRACE_LIFETIME)) print(TRACE_LIFETIME, __LINE__, Kind::CREATED, handle);
+  return handle;
 }
 
 template <class Kind>
-void end(YIF_Handle handle) {
-  if (traces(TRACE_LIFETIME)) print(TRACE_LIFETIME, __LINE__, Kind::ENDING, handle);
-  Kind::END(handle);
+void destroy(YIF_Handle handle) {
+  if (traces(TRACE_LIFETIME)) print(TRACE_LIFETIME, __LINE__, Kind::DESTROYING, handle);
+  Kind::DESTROY(handle);
 }
 
 template <class Kind>
@@ -70,12 +70,12 @@ YIF_Handle share(YIF_Handle handle) {
 
 template <class Kind>
 YIF_Handle reassign(YIF_Handle own, YIF_Handle other) {
-  return reassign(Kind::shared_, own, other, end<Kind>);
+  return reassign(Kind::shared_, own, other, destroy<Kind>);
 }
 
 template <class Kind>
-void leave(YIF_Handle handle) {
-  if (Kind::shared_.remove(handle)) end<Kind>(handle);
+void release(YIF_Handle handle) {
+  if (Kind::shared_.remove(handle)) destroy<Kind>(handle);
 }
 
 template <class Kind>
@@ -101,7 +101,7 @@ void* Lock::operator new(std::size_t size) noexcept { return ::operator new(size
 
 void Lock::operator delete(void* mem) noexcept { ::operator delete(mem); }
 
-Mutex::Mutex() : handle_(make<MutexKind>()) {}
+Mutex::Mutex() : handle_(create<MutexKind>()) {}
 
 Mutex::Mutex(const Mutex& other) : Lock(other), handle_(share<MutexKind>(other.handle_)) {}
 
@@ -110,13 +110,13 @@ Mutex& Mutex::operator=(const Mutex& other) {
   return *this;
 }
 
-Mutex::~Mutex() { leave<MutexKind>(handle_); }
+Mutex::~Mutex() { release<MutexKind>(handle_); }
 
 void Mutex::enter() const { Utils::enter<MutexKind>(handle_); }
 
 void Mutex::exit() const { Utils::exit<MutexKind>(handle_); }
 
-CriticalSection::CriticalSection() : handle_(make<SectionKind>()) {}
+CriticalSection::CriticalSection() : handle_(create<SectionKind>()) {}
 
 CriticalSection::CriticalSection(const CriticalSection& other)
     : Lock(other), handle_(share<SectionKind>(other.handle_)) {}
@@ -126,7 +126,7 @@ CriticalSection& CriticalSection::operator=(const CriticalSection& other) {
   return *this;
 }
 
-CriticalSection::~CriticalSection() { leave<SectionKind>(handle_); }
+CriticalSection::~CriticalSection() { release<SectionKind>(handle_); }
 
 void CriticalSection::enter() const { Utils::enter<SectionKind>(handle_); }
 

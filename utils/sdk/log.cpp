@@ -108,15 +108,15 @@ bool Log::isWhole() const {
 
 namespace {
 
-// The category that was found last for the address of a name. It is a guess: the name decides, so
-// an address that another name has come to and a hub of somebody's own do no harm.
-std::atomic<unsigned>& guessFor(const char* name) {
+// Cache from name pointer to category number. Only a hint: the name is always compared, so a reused
+// address or a second hub is harmless.
+std::atomic<unsigned>& cachedCategory(const char* name) {
   constexpr unsigned SLOTS = 64;
-  static constinit std::atomic<unsigned> _guesses[SLOTS] = {};
-  return _guesses[reinterpret_cast<std::uintptr_t>(name) % SLOTS];
+  static constinit std::atomic<unsigned> _cached[SLOTS] = {};
+  return _cached[reinterpret_cast<std::uintptr_t>(name) % SLOTS];
 }
 
-bool same(const char* a, const char* b) {
+bool equal(const char* a, const char* b) {
   while (*a == *b) {
     if (*a == '\0') return true;
     a++;
@@ -127,21 +127,21 @@ bool same(const char* a, const char* b) {
 
 }  // namespace
 
-inline unsigned Log::find(const char* name) {
-  const unsigned guess = guessFor(name).load(std::memory_order_relaxed);
-  if (guess < categories_.size() && same(categories_[guess]->name_, name)) return guess;
+inline unsigned Log::findOrAdd(const char* name) {
+  const unsigned cached = cachedCategory(name).load(std::memory_order_relaxed);
+  if (cached < categories_.size() && equal(categories_[cached]->name_, name)) return cached;
   return search(name);
 }
 
 unsigned Log::search(const char* name) {
   unsigned cat = 0;
-  while (cat < categories_.size() && !same(categories_[cat]->name_, name)) cat++;
+  while (cat < categories_.size() && !equal(categories_[cat]->name_, name)) cat++;
   if (cat == categories_.size()) cat = addCategory(name);
-  guessFor(name).store(cat, std::memory_order_relaxed);
+  cachedCategory(name).store(cat, std::memory_order_relaxed);
   return cat;
 }
 
-unsigned Log::getCategory(const char* name) { return find(name ? name : ""); }
+unsigned Log::getCategory(const char* name) { return findOrAdd(name ? name : ""); }
 
 unsigned Log::addCategory(const char* name) {
   const ErrnoSaver saver;
@@ -187,12 +187,12 @@ void Log::print(MessageClass cls, const char* category, int level, const char* f
                 const char* format, ...) {
   std::va_list args;
   va_start(args, format);
-  printAux(cls, find(category ? category : ""), level, file, line, format, args);
+  printAux(cls, findOrAdd(category ? category : ""), level, file, line, format, args);
   va_end(args);
 }
 
 bool Log::willPrint(MessageClass cls, const char* category, int level) {
-  return willPrint(cls, find(category ? category : ""), level);
+  return willPrint(cls, findOrAdd(category ? category : ""), level);
 }
 
 // Holds a sink while it prints, since what it does may change the hub. Several tasks may do that at

@@ -254,7 +254,7 @@ struct YUTILS_EXPORT Log : Object {
 
   void printAux(MessageClass cls, unsigned cat, int level, const char* file, unsigned line,
                 const char* format, std::va_list& args);
-  unsigned find(const char* name);
+  unsigned findOrAdd(const char* name);
   unsigned search(const char* name);
   unsigned addCategory(const char* name);
   bool isWhole() const;

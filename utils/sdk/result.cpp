@@ -127,7 +127,7 @@ using Listeners = Vector<const ResultListener*>;
 Listeners* _resultListeners = nullptr;  // lives for ever, once made
 
 // The list may change while it is gone through.
-void tellListeners(unsigned code) {
+void notifyListeners(unsigned code) {
   if (!_resultListeners) return;
   for (unsigned i = 0; i < _resultListeners->size(); i++) (*_resultListeners)[i]->errorRaised(code);
 }
@@ -147,7 +147,7 @@ unsigned raiseError(unsigned code) {
   const char* text = resultToString(code);
   Log::theLog()->print(Error, LIBRARY_CATEGORY, -3, SOURCE, __LINE__, "Raising error: %s", text);
   ownError() = code;
-  tellListeners(code);
+  notifyListeners(code);
   return code;
 }
 

@@ -49,7 +49,7 @@ Logger* configuredSink() {
 
 // The number that a text begins with; 0 where it begins with none, the nearest one where that is no
 // int.
-int numberOf(const char* text) {
+int parseInt(const char* text) {
   const long number = std::strtol(text, nullptr, 10);
   if (number > INT_MAX) return INT_MAX;
   return number < INT_MIN ? INT_MIN : static_cast<int>(number);
@@ -82,7 +82,7 @@ void Log::enableCategories(const char* list, bool enable) {
     char* mark = std::strchr(entry, '#');
     if (mark && mark[1]) {
       *mark = '\0';
-      level = numberOf(mark + 1);
+      level = parseInt(mark + 1);
     }
     getCategory(entry, level, enable, verbosity_);
     entry = next;

@@ -6,7 +6,7 @@ namespace Utils {
 
 constinit TraceCategory _traceCategory;
 
-void TraceCategory::ask(Log* hub) {
+void TraceCategory::lookUp(Log* hub) {
   const unsigned number = hub->getCategory(LIBRARY_CATEGORY);
   const LogCat* record = number < hub->categories_.size() ? hub->categories_[number] : nullptr;
   record_.store(record, std::memory_order_relaxed);

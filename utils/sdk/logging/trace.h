@@ -18,12 +18,12 @@ enum TraceLevel { TRACE_LIFETIME = 0, TRACE_USE = 2 };
 // The hub that was asked for the category, and the record that it has for it, null when there was
 // no memory. The hub is stored last and read first, so whoever reads it has its record.
 struct TraceCategory {
-  bool isOf(const Log* hub) const { return hub_.load(std::memory_order_acquire) == hub; }
-  bool lets(TraceLevel level) const {
+  bool isFor(const Log* hub) const { return hub_.load(std::memory_order_acquire) == hub; }
+  bool allows(TraceLevel level) const {
     const LogCat* record = record_.load(std::memory_order_relaxed);
     return record && record->enabled_ && level <= record->level_;
   }
-  void ask(Log* hub);
+  void lookUp(Log* hub);
 
  private:
   std::atomic<Log*> hub_{nullptr};
@@ -36,8 +36,8 @@ extern constinit TraceCategory _traceCategory;
 // off costs one look at the record, which every lock takes three times.
 inline bool traces(TraceLevel level) {
   Log* hub = Log::theLog();
-  if (!_traceCategory.isOf(hub)) _traceCategory.ask(hub);
-  return _traceCategory.lets(level) && hub->willPrint(Debug, LIBRARY_CATEGORY, level);
+  if (!_traceCategory.isFor(hub)) _traceCategory.lookUp(hub);
+  return _traceCategory.allows(level) && hub->willPrint(Debug, LIBRARY_CATEGORY, level);
 }
 
 }  // namespace Utils

@@ -14,11 +14,11 @@
 #include "gmock/gmock.h"
 #include "support/assertion_recorder.h"
 #include "support/counted.h"
-#include "support/failing_allocator.h"
 #include "support/nth_failure.h"
 #include "support/seed.h"
 #include "utils/sdk/platform.h"
 #include "utils/sdk/ysys.h"
+#include "utils/testing/failing_allocator.h"
 #include "utils/testing/tree_check.h"
 
 template struct Utils::AVLTree<unsigned long, unsigned>;
@@ -45,6 +45,7 @@ using Utils::AVLTree;
 using Utils::AVLTreeIter;
 using Utils::AVLTreeNode;
 using Utils::AVLTreeNodeBase;
+using Utils::Testing::FailingAllocator;
 using Utils::Testing::heightOf;
 
 using Tree = AVLTree<unsigned, unsigned>;

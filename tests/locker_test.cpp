@@ -15,10 +15,10 @@
 #include "gmock/gmock.h"
 #include "support/child_process.h"
 #include "support/contention.h"
-#include "support/failing_allocator.h"
 #include "support/system_calls.h"
 #include "support/temporary_directory.h"
 #include "utils/sdk/platform.h"
+#include "utils/testing/failing_allocator.h"
 
 // --- The system's operations, noted ---
 
@@ -59,6 +59,7 @@ namespace {
 using namespace Utils;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using Utils::Testing::FailingAllocator;
 
 template <class Kind>
 const char* nameOf();

@@ -9,14 +9,15 @@
 
 #include "gmock/gmock.h"
 #include "support/child_process.h"
-#include "support/failing_allocator.h"
 #include "support/nth_failure.h"
 #include "support/recording_sink.h"
 #include "support/temporary_directory.h"
+#include "utils/testing/failing_allocator.h"
 
 namespace {
 
 using namespace Utils;
+using Utils::Testing::FailingAllocator;
 
 // --- Settings ---
 

@@ -16,17 +16,18 @@
 
 #include "gmock/gmock.h"
 #include "support/child_process.h"
-#include "support/failing_allocator.h"
 #include "support/huge_text.h"
 #include "support/nth_failure.h"
 #include "support/recording_sink.h"
 #include "support/seed.h"
 #include "support/temporary_directory.h"
+#include "utils/testing/failing_allocator.h"
 
 namespace {
 
 using namespace Utils;
 using testing::HasSubstr;
+using Utils::Testing::FailingAllocator;
 
 constexpr MessageClass CLASSES[] = {Error, Warning, Info, Debug};
 

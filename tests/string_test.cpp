@@ -19,9 +19,9 @@
 #include <vector>
 
 #include "gmock/gmock.h"
-#include "support/failing_allocator.h"
 #include "support/nth_failure.h"
 #include "support/seed.h"
+#include "utils/testing/failing_allocator.h"
 
 namespace {
 
@@ -30,6 +30,7 @@ using Utils::String;
 using Utils::StringRep;
 using Utils::SubString;
 using Utils::YfTotalStringMemory;
+using Utils::Testing::FailingAllocator;
 
 constexpr unsigned NOT_FOUND = 0xffffffffu;
 constexpr unsigned REP = sizeof(StringRep);

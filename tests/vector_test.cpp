@@ -11,10 +11,10 @@
 
 #include "gtest/gtest.h"
 #include "support/counted.h"
-#include "support/failing_allocator.h"
 #include "support/nth_failure.h"
 #include "support/seed.h"
 #include "utils/sdk/time.h"
+#include "utils/testing/failing_allocator.h"
 
 template struct Utils::Vector<int>;
 template struct Utils::Vector<const char*>;
@@ -25,6 +25,7 @@ namespace {
 
 using Utils::Allocator;
 using Utils::Vector;
+using Utils::Testing::FailingAllocator;
 
 using Values = std::vector<unsigned>;
 

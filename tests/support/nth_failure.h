@@ -1,17 +1,16 @@
 // SPDX-License-Identifier: MIT
-// The loop that makes every single request of an operation fail in turn.
+// The loop that makes every single request of an operation fail in turn, as an expectation.
 #pragma once
 
 #include "gtest/gtest.h"
+#include "utils/testing/nth_failure.h"
 
-// Calls attempt(n) for n = 1, 2, ... with the nth and all later requests failing, until attempt
-// gives true: it then went through without meeting a failure. Requires that it does within `most`
-// rounds.
+// Expects that attempt(n) returns true within `most` rounds. Ends at the first failed expectation.
 template <class Attempt>
 void failEveryNth(unsigned most, Attempt attempt) {
-  for (unsigned n = 1; n <= most; n++) {
+  const auto round = [&](unsigned n) {
     SCOPED_TRACE("failing from request " + std::to_string(n));
-    if (attempt(n) || testing::Test::HasFailure()) return;
-  }
-  ADD_FAILURE() << "still failing after " << most << " rounds";
+    return attempt(n) || testing::Test::HasFailure();
+  };
+  EXPECT_NE(Utils::Testing::failEveryNth(most, round), 0u) << "failing after " << most << " rounds";
 }

@@ -3,8 +3,8 @@
 //
 // MemoryAllocator and MemoryBank have chunks, blocks, colours and totals in common, in fields of
 // the same names; they differ in how free blocks are kept and found. Each step takes the arena `a`
-// (or only a block) and is inlined into it. chain.h has what needs no fields. For the library's own
-// sources, not installed.
+// (or only a block) and is inlined into it. chain.h has the operations that need no
+// fields. For the library's own sources, not installed.
 //
 // Adding a third arena: befriend ArenaSteps, declare the fields of init() and chain() and
 // splitBlock(), and derive the arena's steps from ArenaSteps of its traits:
@@ -75,9 +75,10 @@ struct ArenaSteps {
 
   // --- From the free blocks to the caller ---
 
-  // Returns a busy block of `amt` bytes at the start of a new chunk of the parent; the rest of the
-  // chunk becomes a free block. Returns null, nothing changed, if the parent has no memory. Bytes
-  // that would make a block too large for its head word stay unused.
+  // Returns a busy block of at least `amt` bytes at the start of a new chunk of the parent; the
+  // rest of the chunk becomes a free block if it is large enough. Returns null, nothing changed, if
+  // the parent has no memory. Bytes that would make a block too large for its head word stay
+  // unused.
   [[gnu::noinline]] static Head* newChunk(Arena& a, unsigned amt,
                                           unsigned line = __builtin_LINE()) {
     const unsigned least = std::max(amt + Traits::CHUNK_EXTRA, SMALLEST_CHUNK);

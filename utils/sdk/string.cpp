@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
-// What a String adds to the surgery on its text: whose representation is changed.
+// The operations of String: each finds the representation to work on and leaves the work on the
+// text to StringRep.
 //
-// A change runs on a representation that nobody shares, this string's own or a copy, and the string
-// takes the copy over when the change went through. So a change that fails leaves no trace, and a
-// source that lies in the shared text stays what it was.
+// A change runs on a representation that nobody shares, the string's own or a copy. The string
+// adopts the copy when the change has succeeded, so a change that fails leaves the string
+// unchanged, and a source that lies in the shared text remains valid.
 #include "utils/sdk/string.h"
 
 #include <strings.h>
@@ -21,7 +22,7 @@ constinit Immortal<String> String::null_;
 
 namespace {
 
-// Whatever text a program has put into null_ ends with the process, the string does not.
+// Releases at unload a text that a program has assigned to null_. The string itself remains.
 struct NullText {
   ~NullText() { const_cast<String&>(String::null()) = String(); }
 };
@@ -57,8 +58,8 @@ String::String(const String& s, unsigned count) : rep_(nullptr) {
   if (s.rep_) rep_ = StringRep::create(s, std::min(count, s.size()));
 }
 
-// Runs the step on a representation that this string alone holds, one without a text where it has
-// none. A step that gives false has changed nothing, and then the string has not either.
+// Runs the step on a representation that nobody shares; a new one if the string has none. If the
+// step returns false, which means that it has changed nothing, the string is unchanged as well.
 template <class Step>
 String& String::change(Step step) {
   StringRep* own = rep_ ? rep_->unshare() : StringRep::create();
@@ -128,7 +129,8 @@ String& String::appendNull() {
   return change([](StringRep&) { return true; });
 }
 
-// The first text is put over the blanks that the second leaves before it: one buffer serves both.
+// One allocation for both texts: replace() puts b at its place, with blanks before it, and a over
+// the blanks.
 String String::joined(const char* a, unsigned sizeOfA, const char* b, unsigned sizeOfB) {
   String result;
   result.rep_ = StringRep::create();

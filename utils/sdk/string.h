@@ -1,30 +1,34 @@
 // SPDX-License-Identifier: MIT
 // Text as a value, shared between its copies, and views of ranges of it.
 //
-// A String is one pointer to a counted StringRep, or null: an empty string that has cost nothing.
-// Copies share the representation; whatever changes a text first makes the representation its own,
-// so no change is ever seen through another String. Reading never copies, not even through the
-// proxy that [] gives. A SubString shares a range of a text as it was when the view was formed.
+// A String is one pointer to a counted StringRep, or null: an empty string without an allocation.
+// Copies share the representation. An operation that changes a text first makes the representation
+// private, so no change is visible through another String. Reading never copies, not even through
+// the proxy that [] returns. A SubString shares a range of a text as it was when the view was
+// created.
 //
-// A text is bytes, with its length stored and a NUL behind it. It may hold NULs itself: what is
-// told by counts carries them, what goes by texts (comparison, searches) stops at the first one.
+// A text is bytes, with its length stored and a NUL after it. Operations that take a count copy
+// embedded NULs; comparisons and searches stop at the first NUL.
 //
 //   String ──> StringRep: size_ 3, capacity_ 16, refCount_ 1, text_ ──> "abc\0" and 12 bytes
 //
 // is String("abc") and counts 24 + 16 bytes of string memory (16 + 16 with pointers of 4 bytes).
-// A buffer has the smallest power of two of at least 16 bytes that is greater than the size asked
-// for at the latest change that could move it; one that was adopted has exactly size_ + 1.
+// Capacity is the smallest power of two, at least 16, above the size that the last reallocation
+// asked for. A buffer adopted by consume() has exactly size_ + 1 bytes.
 //
-// Sizes and positions are 32-bit; a search that finds nothing gives 0xffffffff. Without memory an
-// operation leaves the string as it was, and a String or SubString that cannot be made is empty,
-// without a representation. There is none for a text of more than 33554431 bytes: the buffer of the
-// next class, 67108864 bytes, is larger than the largest block (alloc.h). An adopted text may be
-// longer, up to what a block holds. Sources may lie in the very text that changes.
+// Sizes and positions are 32-bit; a search that finds nothing returns 0xffffffff. If there is no
+// memory, an operation leaves the string unchanged, and a String or SubString that cannot be
+// created is empty, without a representation. The same holds for a text of more than 33554431
+// bytes: the next capacity, 67108864 bytes, is larger than the largest block (alloc.h). Only an
+// adopted text may be longer, up to the largest block. A source may lie in the very text that
+// changes.
 //
-// Counts and the total are plain: the caller serialises all strings that share a representation,
-// and whatever allocates or frees.
+// Thread safety: the caller serialises all strings that share a representation, and everything that
+// allocates or frees. Reference counts and the total are plain numbers.
 #pragma once
 
+// <string_view> is two thirds of what this header includes. Templates that take every view could do
+// without it, but not for types that convert to a std::string_view.
 #include <cstddef>
 #include <cstring>
 #include <string_view>
@@ -42,7 +46,7 @@ struct StringChar;
 struct StringRep;
 struct SubString;
 
-// Operations that read a text have a deleted overload for nullptr, which refuses a literal 0 too.
+// Operations that read a text have a deleted overload for nullptr, which also refuses a literal 0.
 struct YUTILS_EXPORT String {
   constexpr String() : rep_(nullptr) {}
   String(const String& s);
@@ -54,8 +58,8 @@ struct YUTILS_EXPORT String {
   String(int i) : rep_(nullptr) { *this += i; }
   String(float f) : rep_(nullptr) { *this += static_cast<double>(f); }
   String(double d) : rep_(nullptr) { *this += d; }
-  String(const SubString& s);               // a text of its own
-  String(const String& s, unsigned count);  // the first count characters, a text of their own
+  String(const SubString& s);               // copies the range
+  String(const String& s, unsigned count);  // copies the first count characters
   ~String() { purge(); }
 
   String& operator=(const String& s);
@@ -63,11 +67,11 @@ struct YUTILS_EXPORT String {
   String& operator=(double d) { return takeOver(String(d)); }
   String& operator=(char c) { return takeOver(String(c)); }
 
-  // The sign tells where this string stands against s. All comparison ends at the first NUL of
-  // either text, and goes by bytes.
+  // Returns a negative number, 0 or a positive number if this string is less than, equal to or
+  // greater than s. Every comparison is by bytes and stops at the first NUL of either text.
   int compare(const String& s) const;
-  int icompare(const String& s) const;   // upper and lower case are one, in the current locale
-  int icompare(const char* text) const;  // -1 without a representation, whatever the text
+  int icompare(const String& s) const;   // ignores case, by the current locale
+  int icompare(const char* text) const;  // -1 for every text if there is no representation
   int icompare(std::nullptr_t) const = delete;
   bool startsWith(const String& s) const;
   bool startsWith(const char* text) const;
@@ -85,13 +89,13 @@ struct YUTILS_EXPORT String {
   int operator>(const char* text) const { return !(*this <= text); }
   int operator>=(const char* text) const { return !(*this < text); }
 #ifdef __cpp_impl_three_way_comparison
-  // Equivalent texts may differ after a NUL, so the order is weak.
+  // The order is weak: equivalent texts may differ after a NUL.
   std::weak_ordering operator<=>(const String& s) const { return compare(s) <=> 0; }
   std::weak_ordering operator<=>(const char* text) const { return std::strcmp(*this, text) <=> 0; }
   std::weak_ordering operator<=>(std::nullptr_t) const = delete;
 #endif
 
-  String& operator+=(const String& s);   // shares s where there is no representation yet
+  String& operator+=(const String& s);   // shares s if there is no representation yet
   String& operator+=(const char* text);  // null adds nothing
   String& operator+=(char c) { return append(&c, 1); }
   String& operator+=(int i) { return *this += static_cast<long>(i); }
@@ -99,9 +103,9 @@ struct YUTILS_EXPORT String {
   String& operator+=(unsigned i) { return *this += static_cast<unsigned long>(i); }
   String& operator+=(unsigned long i);
   String& operator+=(double d);                      // with six decimals
-  String& append(const char* text, unsigned count);  // a null text has none
+  String& append(const char* text, unsigned count);  // null counts as empty
 
-  // NUL for a position that the text does not have.
+  // Returns NUL for a position outside of the text.
   char operator[](unsigned i) const;
   char operator[](int i) const { return (*this)[positionOf(i)]; }
   StringChar operator[](unsigned i);
@@ -113,40 +117,42 @@ struct YUTILS_EXPORT String {
   template <class Integer, class = std::enable_if_t<std::is_integral_v<Integer>>>
   StringChar operator[](Integer i);
 
-  // The bytes; valid until a String that shares them changes.
+  // Valid until a String that shares the text changes.
   const char* begin() const { return *this; }
   const char* end() const { return begin() + size(); }
 
-  // All give a position or 0xffffffff. The terminator is found by index(c, from) and rindex alone.
+  // Return a position or 0xffffffff. Only index(c, from) and rindex find the terminator.
   unsigned index(char c) const;
   unsigned strchr(char c) const { return index(c); }
   unsigned index(char c, unsigned from) const;
-  unsigned nthIndex(unsigned n, char c) const;  // counted from 1; 0 gives position 0
+  unsigned nthIndex(unsigned n, char c) const;  // n counts from 1; returns 0 for 0
   unsigned index(const char* search, unsigned from) const;
   unsigned index(std::nullptr_t, unsigned) const = delete;
-  // The first at or behind, the last at or before `from`, whose character is in the set; every set
-  // has the NUL. Backwards 0xffffffff stands for the end.
+  // Return the first position at or after `from`, or the last at or before it, whose character is
+  // in the set. NUL is in every set. rindexChar takes 0xffffffff for the end.
   unsigned indexChar(const char* set, unsigned from) const;
   unsigned indexChar(std::nullptr_t, unsigned) const = delete;
   unsigned rindexChar(const char* set, unsigned from) const;
   unsigned rindexChar(std::nullptr_t, unsigned) const = delete;
   unsigned rindex(char c) const;
   unsigned strrchr(char c) const { return rindex(c); }
-  // The next token at or behind `from`, from start up to but without end; the caller goes on at
-  // end. False when there is none; start is then the size, unless from was past it already.
+  // Finds the next token at or after `from`, the characters from start to end - 1. The search for
+  // the one after it begins at end. Returns false if there is none; start is then size(), or
+  // unchanged if `from` is not below size().
   bool tokSpan(const char* delimiters, unsigned from, unsigned& start, unsigned& end) const;
   bool tokSpan(std::nullptr_t, unsigned, unsigned&, unsigned&) const = delete;
 
-  // A position past the end is reached with blanks. The source is the count bytes at text + from,
-  // or those of s, which must be there; a null text has none.
+  // The source is the count bytes at text + from, or at position `from` of s; a null text counts as
+  // empty. Requires: the source has them. Blanks fill the gap if `at` is past the end.
   String& replace(const char* text, unsigned count, unsigned from, unsigned at);
   String& replace(const String& s, unsigned count, unsigned from, unsigned at);
   String& insert(const char* text, unsigned count, unsigned from, unsigned at);
   String& insert(const String& s, unsigned count, unsigned from, unsigned at);
   void insert(char c, int at) { insert(&c, 1, 0, static_cast<unsigned>(at)); }
-  String& remove(unsigned from, unsigned count);  // as far as the text reaches; keeps the buffer
+  String& remove(unsigned from, unsigned count);  // clips the range to the text; keeps the buffer
   String& truncate(unsigned n) { return remove(n, size()); }
-  // Every occurrence, from left to right and never in what was put in. An empty search has none.
+  // Returns a copy with every occurrence replaced, from left to right; the inserted texts are not
+  // searched. An empty search has no occurrence.
   String substitute(const char* search, const char* with);
   String substitute(std::nullptr_t, const char*) = delete;
   String substitute(const char*, std::nullptr_t) = delete;
@@ -154,30 +160,30 @@ struct YUTILS_EXPORT String {
   String& toUpper();
   String& toLower();
   String& rotateLeft(unsigned n);
-  String& trim();  // white space at both ends
+  String& trim();  // removes white space at both ends
 
   unsigned size() const;
-  // Never null; valid until a String that shares the text changes.
+  // Never null. Valid until a String that shares the text changes.
   operator const char*() const;
   operator std::string_view() const { return {begin(), size()}; }
-  // Unlike the conversion null without a representation. Requires: i is in the text or its end.
+  // As the conversion, but null if there is no representation. Requires: i <= size().
   const char* textAt(unsigned i) const;
-  void expandTo(unsigned n);
-  // Moves the text to a buffer for n characters. Cuts it to n only where that is a buffer of
-  // another size; for 0 the text and its buffer go.
+  void expandTo(unsigned n);  // appends blanks up to n characters
+  // Reallocates to the capacity for n and truncates the text to n. Does nothing if the capacity is
+  // right already, even if the text is longer than n. 0 frees the buffer.
   void resizeFor(unsigned n);
-  // The text, which the caller gives back with theAllocator()->free. Where size() is 0 it is a
-  // static empty text, which nobody gives back, and the buffer is freed: ask size() before. Null
-  // without a representation, or without memory for it where the text is shared: the string then
-  // keeps it.
+  // Hands the buffer to the caller, who owns it and frees it with theAllocator()->free, and empties
+  // the string. If size() is 0 there is nothing to own: a buffer is freed, and the result is a
+  // static empty text that must not be freed, so ask size() first. Returns null, the string
+  // unchanged, without a representation, or if a shared text cannot be copied for lack of memory.
   char* donate();
-  // Takes over a text from theAllocator()->alloc. One that is empty stays the caller's, as does one
-  // of 0x80000000 bytes and more, and any when there is no memory for a representation: the string
-  // is then left as it was.
+  // Adopts a text allocated with theAllocator(). The caller keeps ownership if the text is null or
+  // empty, if it has 0x80000000 bytes or more, or if there is no memory; in the last two cases the
+  // string is unchanged.
   void consume(char* text);
-  static const String& null();  // without a representation, to the end of the process
+  static const String& null();  // without a representation; valid until the process ends
 
-  // A view of the range, as far as the text reaches.
+  // A view of the range, clipped to the text.
   SubString operator()(unsigned index, unsigned size);
   SubString operator()(unsigned index);
 
@@ -190,7 +196,7 @@ struct YUTILS_EXPORT String {
   StringRep* rep_;
 
  private:
-  // 0xffffffff for all that no text reaches.
+  // Returns 0xffffffff for a number that is no position.
   template <class Integer>
   static unsigned positionOf(Integer i) {
     const auto position = static_cast<unsigned>(i);
@@ -201,23 +207,23 @@ struct YUTILS_EXPORT String {
   friend YUTILS_EXPORT String operator+(const String& a, const char* b);
   friend YUTILS_EXPORT String operator+(const char* a, const String& b);
 
-  static unsigned lengthOf(const char* text);  // as StringRep::lengthOf
+  static unsigned lengthOf(const char* text);  // as in StringRep
   static String joined(const char* a, unsigned sizeOfA, const char* b, unsigned sizeOfB);
   String& takeOver(const String& made) { return made.rep_ ? *this = made : *this; }
   void put(unsigned index, char c);
-  void set(unsigned index, char c);  // put, for a text that is shared or too short
+  void set(unsigned index, char c);  // put() if the text is shared or too short
   String& appendAnew(const char* text, unsigned count);
   String& appendNull();
   template <class Step>
   String& change(Step step);
 };
 
-// One character of a non-const String, read or written. Valid as long as the String.
+// One character of a non-const String, to read or to write. Valid until the String is destroyed.
 struct YUTILS_EXPORT StringChar {
   StringChar(const StringChar&) = default;
 
   operator char() const;
-  // Gives the string. At or past the end the character lands at its index, blanks before it.
+  // Returns the string. Blanks fill the gap if the index is past the end.
   String& operator=(char c);
   String& operator=(const StringChar& other) { return *this = static_cast<char>(other); }
 
@@ -237,14 +243,14 @@ YUTILS_EXPORT String operator+(const char* a, const String& b);
 template <class T>
 struct IsNumber : std::bool_constant<std::is_integral_v<T> && !std::is_same_v<T, char>> {};
 
-// A literal 0 would be a null text. Every other number is ambiguous.
+// A literal 0 would be a null text; every other number is ambiguous.
 template <class Number, class = std::enable_if_t<IsNumber<Number>::value>, class = void>
 String operator+(const String& a, Number b) = delete;
 template <class Number, class = std::enable_if_t<IsNumber<Number>::value>, class = void>
 String operator+(Number a, const String& b) = delete;
 
-// Characters as they are. Without these, s + t[0] would be an address; as templates they take
-// nothing else, so that t[0] + 1 stays a number.
+// Append or prepend a character. Without these overloads s + t[0] would be an address. They are
+// templates, which convert no operand, so t[0] + 1 stays a number.
 template <class Char, class = std::enable_if_t<std::is_same_v<Char, char>>>
 String operator+(const String& a, Char b) {
   return String(a) += b;
@@ -271,12 +277,12 @@ struct StringOperand {
   const String string_;
 };
 
-// As strcmp, of the view up to its first NUL.
+// As strcmp; b ends at its first NUL.
 YUTILS_EXPORT int compareText(const char* a, std::string_view b);
 
-// Comparison with what is not a String, in both orders, by the rule of String::compare. A literal 0
-// is a null pointer to one overload as to another, so it is refused as nullptr is. None of them may
-// be left to the language, which takes no int from an operator whose operands it has exchanged.
+// Comparison of a String with other types, in both orders, by the rule of String::compare. A
+// literal 0 is a null pointer to several overloads, so it is refused, as nullptr is. Both orders
+// are written out because C++20 does not exchange the operands of an operator == that returns int.
 #define YUTILS_COMPARE_STRINGS(OP)                                                           \
   inline int operator OP(const char* a, const String& b) { return std::strcmp(a, b) OP 0; }  \
   inline int operator OP(const StringOperand& a, const String& b) { return a.string_ OP b; } \
@@ -306,7 +312,7 @@ std::weak_ordering operator<=>(const Text& a, std::string_view b) {
 }
 #endif
 
-// Bytes in representations and their buffers, of all strings of the process together.
+// Returns the bytes that the representations and buffers of all strings of the process take.
 YUTILS_EXPORT unsigned YfTotalStringMemory();
 
 }  // namespace Utils

@@ -96,7 +96,7 @@ inline int String::compare(const String& s) const {
   return rep_ ? size() != 0 : -(s.size() != 0);
 }
 
-// Equal texts are found faster by their size.
+// memcmp finds equal texts of equal sizes faster than strcmp.
 inline int String::operator==(const String& s) const {
   const StringRep* a = rep_;
   const StringRep* b = s.rep_;

@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: MIT
-// The surgery on a text that one String holds alone, and the total of string
-// memory.
+// The operations on a text that one String holds alone, and the total of string memory.
 //
-// Every operation works out its final size first, takes the one buffer that it may need, and only
-// then changes the text. A buffer that a text has left lives until the operation is over, and bytes
-// are moved as memmove does: so the source may lie in the text itself.
+// Every operation computes its final size first, allocates the one buffer that it may need, and
+// only then changes the text. The former buffer is freed when the operation has finished, and bytes
+// are copied as by memmove, so the source may lie in the text itself.
 //
-// A short text and its representation are made in one block, the text first:
+// A short text and its representation are created in one block, the text first (inline):
 //
 //   block: text_, capacity_ bytes | StringRep | offset of the StringRep in the block
 //
-// 16 + 24 + 4 bytes for "abc". When such a text moves, it moves to a buffer of its own, and its old
-// place is empty until the block ends with the representation. A donated text takes the whole block
-// with it. All other representations stand alone in their blocks, with an offset of 0.
+// 16 + 24 + 4 bytes for "abc". An inline text that must move gets a buffer of its own, and its
+// former place is unused until the block is freed with the representation. A donated inline text is
+// the start of its block, so the whole block is handed out. All other representations are alone in
+// their blocks, with an offset of 0.
 #include "utils/sdk/text/string_rep.h"
 
 #include <algorithm>
@@ -29,12 +29,12 @@ namespace {
 
 unsigned _totalStringMemory = 0;
 
-// Texts in a block with their representation have less bytes than this.
+// Inline texts are shorter than this.
 constexpr unsigned SHORT_LIMIT = 256;
 
-// Two buffers of a power of two, one behind the other, would begin a few bytes apart modulo the
-// page; a copy between such addresses takes thirty times as long on some processors. So large ones
-// get this much more.
+// Two adjacent buffers of a power of two would begin a few bytes apart modulo the page; a copy
+// between such addresses takes thirty times as long on some processors. So large buffers get this
+// many bytes more.
 constexpr unsigned LARGE_BUFFER = 1024;
 constexpr unsigned SPARE = 24;
 
@@ -43,21 +43,21 @@ char* allocateBuffer(unsigned size) {
   return static_cast<char*>(Allocator::theAllocator()->alloc(size + spare));
 }
 
-// What all representations without a buffer show. Nothing is ever stored in it.
+// The text of all representations without a buffer. Never written to.
 char _emptyText[1] = {'\0'};
 
-// The sum, or 0xffffffff where that wraps.
-unsigned sum(unsigned a, unsigned b) { return a + b < a ? 0xffffffffu : a + b; }
+// Returns 0xffffffff if the sum wraps.
+unsigned saturatingAdd(unsigned a, unsigned b) { return a + b < a ? 0xffffffffu : a + b; }
 
-// What the character functions of the runtime library take.
+// Returns the code that the character functions of the runtime library take.
 unsigned char codeOf(char c) { return static_cast<unsigned char>(c); }
 
 void copyBytes(char* to, const char* from, unsigned count) {
   if (count != 0) std::memmove(to, from, count);
 }
 
-// The characters of a text and the NUL, looked up in constant time. Made anew for every search, and
-// so in registers: most sets are smaller than the memory that holds them.
+// The characters of a text and NUL as a bit set, tested in constant time. Built for every search,
+// so its four words are computed in registers.
 struct CharSet {
   explicit CharSet(const char* set) {
     std::uint64_t low = 1, middle = 0, high = 0, highest = 0;
@@ -93,21 +93,22 @@ struct StringRep::Block : StringRep {
   const unsigned offset_;
 };
 
-// Whether the text is in the same block. No other buffer ends where its representation begins.
-inline bool StringRep::liesBehindText() const {
+// A separate buffer never ends where its representation begins.
+inline bool StringRep::isInline() const {
   return text_ + capacity_ == reinterpret_cast<const char*>(this);
 }
 
-// The buffer that a text has left, given back at the end of the scope.
-struct StringRep::OldBuffer {
-  OldBuffer() : text_(nullptr) {}
-  OldBuffer(const OldBuffer&) = delete;
-  OldBuffer& operator=(const OldBuffer&) = delete;
-  ~OldBuffer() {
+// Frees the former buffer of a text at the end of the scope. An inline buffer is only subtracted
+// from the total: it is freed with its block.
+struct StringRep::DeferredFree {
+  DeferredFree() : text_(nullptr) {}
+  DeferredFree(const DeferredFree&) = delete;
+  DeferredFree& operator=(const DeferredFree&) = delete;
+  ~DeferredFree() {
     if (text_) Allocator::theAllocator()->free(text_);
   }
   void take(const StringRep& rep) {
-    if (rep.liesBehindText()) {
+    if (rep.isInline()) {
       _totalStringMemory -= rep.capacity_;
     } else if (rep.capacity_ != 0) {
       _totalStringMemory -= rep.capacity_;
@@ -118,8 +119,8 @@ struct StringRep::OldBuffer {
   char* text_;
 };
 
-// resizeFor, with the former buffer kept readable.
-inline bool StringRep::moveFor(unsigned n, OldBuffer& old) {
+// resizeFor, with the former buffer readable until `old` is destroyed.
+inline bool StringRep::moveFor(unsigned n, DeferredFree& old) {
   if (n >= SIZE_LIMIT) return false;
   if (n == 0) {
     old.take(*this);
@@ -143,7 +144,7 @@ inline bool StringRep::moveFor(unsigned n, OldBuffer& old) {
 }
 
 bool StringRep::resizeFor(unsigned n) {
-  OldBuffer old;
+  DeferredFree old;
   return moveFor(n, old);
 }
 
@@ -179,7 +180,7 @@ StringRep::StringRep(const char* text, unsigned from, unsigned count) {
 }
 
 StringRep::~StringRep() {
-  OldBuffer old;
+  DeferredFree old;
   old.take(*this);
 }
 
@@ -213,7 +214,7 @@ void StringRep::destroy(StringRep* rep) {
 }
 
 char* StringRep::donateAndDestroy(StringRep* rep) {
-  if (!rep->liesBehindText()) {
+  if (!rep->isInline()) {
     char* text = rep->donate();
     destroy(rep);
     return text;
@@ -236,7 +237,7 @@ StringRep* StringRep::unshare() {
 
 void StringRep::operator=(const char* text) {
   const unsigned n = lengthOf(text);
-  OldBuffer old;
+  DeferredFree old;
   if (!moveFor(n, old) || n == 0) return;
   std::memmove(text_, text, n);
   finish(n);
@@ -250,8 +251,8 @@ void StringRep::operator=(char c) {
 
 bool StringRep::append(const char* text, unsigned count) {
   if (!text) count = 0;
-  OldBuffer old;
-  if (!moveFor(sum(size_, count), old)) return false;
+  DeferredFree old;
+  if (!moveFor(saturatingAdd(size_, count), old)) return false;
   if (count == 0) return true;
   std::memmove(text_ + size_, text, count);
   finish(size_ + count);
@@ -269,12 +270,12 @@ bool StringRep::append(char c) { return append(&c, 1); }
 bool StringRep::replace(const char* text, unsigned count, unsigned from, unsigned at) {
   if (!text) count = 0;
   const char* source = count != 0 ? text + from : text;
-  const unsigned end = sum(at, count);
+  const unsigned end = saturatingAdd(at, count);
   if (at < size_ && end <= size_) {
     copyBytes(text_ + at, source, count);
     return true;
   }
-  OldBuffer old;
+  DeferredFree old;
   const unsigned size = size_;
   if (!moveFor(end, old)) return false;
   if (end == 0) return true;
@@ -290,12 +291,12 @@ bool StringRep::insert(const char* text, unsigned count, unsigned from, unsigned
   return openGap(count != 0 ? text + from : text, count, at);
 }
 
-// A source that lies in the buffer and does not leave it with the move is itself moved, from the
-// gap on, by the gap's width.
+// If the source lies in the buffer and the buffer does not move, the part of the source at or after
+// `at` is moved with the text, by `count`.
 bool StringRep::openGap(const char* source, unsigned count, unsigned at) {
-  OldBuffer old;
+  DeferredFree old;
   const unsigned size = size_;
-  if (!moveFor(sum(size, count), old)) return false;
+  if (!moveFor(saturatingAdd(size, count), old)) return false;
   const std::uintptr_t offset =
       reinterpret_cast<std::uintptr_t>(source) - reinterpret_cast<std::uintptr_t>(text_);
   unsigned still = count;
@@ -327,8 +328,8 @@ unsigned occurrences(const char* text, const char* search, std::size_t searchSiz
 
 }  // namespace
 
-// The text is read from behind the room that the longer texts will take, so that what is written
-// never passes what is read.
+// If the text grows, it is moved to the end of its new size first, so that writing from the start
+// never overtakes reading.
 bool StringRep::substitute(const char* search, const char* with) {
   const unsigned searchSize = lengthOf(search);
   const unsigned withSize = lengthOf(with);
@@ -349,7 +350,7 @@ bool StringRep::substitute(const char* search, const char* with) {
   return true;
 }
 
-// Gives the new size.
+// Reads from `read` to the end, writes from the start of the text and returns the new size.
 unsigned StringRep::substituteFrom(char* read, const char* search, const char* with) {
   const std::size_t searchSize = std::strlen(search);
   const std::size_t withSize = std::strlen(with);
@@ -398,7 +399,7 @@ void StringRep::trim() {
 
 char* StringRep::donate() {
   char* text = text_;
-  if (liesBehindText()) {
+  if (isInline()) {
     text = allocateBuffer(capacity_);
     if (!text) return nullptr;
     std::memcpy(text, text_, size_ + 1);
@@ -424,8 +425,8 @@ void StringRep::consume(char* text) {
 
 namespace {
 
-// The first of the positions from `i` to `size` - 1 whose character is in the set, or is not; else
-// `size`.
+// Returns the first position from `i` to `size` - 1 whose character is in the set (not in it, if
+// `inSet` is false), or `size` if there is none.
 inline unsigned find(const char* text, unsigned i, unsigned size, const CharSet& set, bool inSet) {
   while (i < size && set.has(text[i]) != inSet) i++;
   return i;

@@ -12,51 +12,50 @@
 
 namespace Utils {
 
-// A text that a String holds. Who changes it holds it alone, which nothing here looks at. What
-// gives bool gives false, and has changed nothing, when there is no memory or the text would be too
-// long.
+// Requires for every change: refCount_ is at most 1; this is not checked. Operations that return
+// bool return false, and change nothing, if there is no memory or the text would be too long.
 struct YUTILS_EXPORT StringRep {
  protected:
   friend struct String;
 
   static constexpr unsigned NOT_FOUND = 0xffffffffu;
-  static constexpr unsigned SIZE_LIMIT = 0x80000000u;  // sizes stay below it
+  static constexpr unsigned SIZE_LIMIT = 0x80000000u;  // above every size
 
-  static unsigned lengthOf(const char* text);  // null has none; SIZE_LIMIT for all that is as long
+  static unsigned lengthOf(const char* text);  // 0 for null; at most SIZE_LIMIT
 
-  // Without memory these stay empty. No count yet: whoever makes one raises it.
+  // Empty if there is no memory. The reference count is 0; the creator raises it.
   StringRep();
-  StringRep(const char* text);  // null for an empty one
+  StringRep(const char* text);  // null counts as empty
   StringRep(char c);
-  StringRep(const char* text, unsigned count);  // exactly count bytes; null for an empty one
+  StringRep(const char* text, unsigned count);  // exactly count bytes; null counts as empty
   StringRep(const char* text, unsigned from, unsigned count);  // the count bytes at text + from
   StringRep(const StringRep&) = delete;
   StringRep& operator=(const StringRep&) = delete;
   ~StringRep();
 
-  // A representation as a String makes it: on the heap, in the total, its count 1; null without
-  // memory. destroy ends it whatever its count.
+  // Creates a representation for a String: on the heap, in the total, with a reference count of 1.
+  // Returns null if there is no memory. destroy() does not test the count.
   static StringRep* create(const char* text = nullptr, unsigned count = 0);
   static void destroy(StringRep* rep);
   static char* donateAndDestroy(StringRep* rep);
 
   void init();
   void incRef() { ++refCount_; }
-  unsigned decRef() { return refCount_ ? --refCount_ : 0; }  // who gets 0 destroys
-  // This one where no one else holds it, else a copy that takes over one count of this one; null,
-  // and no count moved, without memory.
+  unsigned decRef() { return refCount_ ? --refCount_ : 0; }  // the caller destroys at 0
+  // Returns this representation if nobody shares it; else a copy, and lowers this one's count.
+  // Returns null, counts unchanged, if there is no memory.
   StringRep* unshare();
 
   unsigned size() const { return size_; }
-  void size(unsigned n) { size_ = n; }  // the terminator is left to the caller
+  void size(unsigned n) { size_ = n; }  // does not write the terminator
   char* text() { return text_; }
 
-  // Moves the buffer to the class of n, cutting the text to n; where that is its class already, n
-  // cuts nothing. For 0 frees the buffer.
+  // Reallocates to the capacity for n and truncates the text to n. Does nothing if the capacity is
+  // right already, even if the text is longer than n. 0 frees the buffer.
   bool resizeFor(unsigned n);
-  int expandTo(unsigned n);  // blanks at the end up to n; gives whether the size is n or more
+  int expandTo(unsigned n);  // appends blanks up to n; 1 if the size is then n or more
 
-  void operator=(const char* text);  // null for an empty text; as it was without memory
+  void operator=(const char* text);  // null counts as empty; unchanged if no memory
   void operator=(char c);
   bool append(const char* text);  // null appends nothing
   bool append(StringRep* other);
@@ -72,10 +71,12 @@ struct YUTILS_EXPORT StringRep {
   void toLower();
   void rotateLeft(unsigned n);
   void trim();
-  // The buffer, which is the caller's from then on, out of the total; where there is none the empty
-  // text, which is not the caller's. Null when there is no memory for a buffer that can leave.
+  // Hands the buffer to the caller, who owns it, and subtracts it from the total. Returns the
+  // static empty text, which nobody owns, if capacity_ is 0; a text of size 0 with a capacity has a
+  // buffer. Returns null if the text is inline and there is no memory for a buffer of its own.
   char* donate();
-  // Adopts a text from theAllocator() and counts it, unless it is null, empty or too long.
+  // Adopts a text allocated with theAllocator() and adds it to the total. The caller keeps
+  // ownership if the text is null, empty or too long.
   void consume(char* text);
 
   // Every search is written here, on a text that exists. String forwards to it, inline for index()
@@ -91,20 +92,21 @@ struct YUTILS_EXPORT StringRep {
 
  private:
   struct Block;
-  struct OldBuffer;
+  struct DeferredFree;
 
-  static unsigned sizeFor(unsigned n) { return 2u << (31 - __builtin_clz(n | 8)); }  // n < 2^31
-  bool liesBehindText() const;
+  // Returns the capacity for n. Requires: n < 2^31.
+  static unsigned sizeFor(unsigned n) { return 2u << (31 - __builtin_clz(n | 8)); }
+  bool isInline() const;                       // the text lies in the block of the representation
   unsigned position(const char* found) const;  // NOT_FOUND for null
   bool append(const char* text, unsigned count);
   bool appendInPlace(const char* text, unsigned count);
-  bool moveFor(unsigned n, OldBuffer& old);
+  bool moveFor(unsigned n, DeferredFree& old);
   bool openGap(const char* source, unsigned count, unsigned at);
-  void finish(unsigned size);  // requires a buffer
+  void finish(unsigned size);  // Requires: a buffer
   unsigned substituteFrom(char* read, const char* search, const char* with);
 
   unsigned size_;
-  unsigned capacity_;  // 0 where text_ is the static empty text
+  unsigned capacity_;  // 0 if text_ is the static empty text
   unsigned refCount_;
   char* text_;
 };
@@ -121,7 +123,7 @@ inline void StringRep::finish(unsigned size) {
   text_[size] = '\0';
 }
 
-// Where the buffer need not move and no one shares it.
+// Appends if nobody shares the text and the buffer need not move.
 inline bool StringRep::appendInPlace(const char* text, unsigned count) {
   if (refCount_ != 1 || count == 0 || count >= capacity_ - size_) return false;
   const unsigned size = size_ + count;

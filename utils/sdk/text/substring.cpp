@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Views of ranges of a text, compared where they lie.
+// Comparison and assignment of views of ranges. No text is copied.
 #include "utils/sdk/text/substring.h"
 
 #include <strings.h>
@@ -56,7 +56,8 @@ namespace {
 
 using Comparison = int(const char*, const char*, std::size_t);
 
-// A range that is shorter compares as a text that ends there, before any character but a NUL.
+// Compares at most sizeOfB characters. A shorter `a` counts as a text that ends there: it is less
+// than b unless b has a NUL by then.
 int compareRanges(Comparison* comparison, const char* a, unsigned sizeOfA, const char* b,
                   unsigned sizeOfB) {
   const unsigned n = std::min(sizeOfA, sizeOfB);

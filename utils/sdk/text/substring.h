@@ -11,7 +11,7 @@
 
 namespace Utils {
 
-// A range of a text, for the SubStrings that view it.
+// A range of a text, shared by the SubStrings that view it. Holds the text by a String.
 struct YUTILS_EXPORT SubStringRep {
  protected:
   friend struct String;
@@ -41,7 +41,7 @@ struct YUTILS_EXPORT SubStringRep {
   unsigned index() const { return index_; }
   unsigned size() const { return size_; }
   void incRef() { ++refCount_; }
-  unsigned decRef() { return refCount_ ? --refCount_ : 0; }  // who gets 0 destroys
+  unsigned decRef() { return refCount_ ? --refCount_ : 0; }  // the caller destroys at 0
 
   int operator==(const char* text) const;
   int operator==(const String& s) const;
@@ -67,8 +67,8 @@ struct YUTILS_EXPORT SubStringRep {
   unsigned refCount_;
 };
 
-// A snapshot of a range: it keeps the text alive, and no later change of the string shows in it. A
-// range is cut to the text; one that begins outside is empty, at 0.
+// A snapshot of a range: it keeps the text alive, and later changes of the string are not visible
+// in it. A range is clipped to the text; one that begins outside of it is empty, at position 0.
 struct YUTILS_EXPORT SubString {
   SubString(const String& s) : SubString(new SubStringRep(s)) {}
   SubString(const String& s, unsigned index) : SubString(new SubStringRep(s, index)) {}
@@ -80,7 +80,7 @@ struct YUTILS_EXPORT SubString {
   unsigned index() const { return rep_ ? rep_->index_ : 0; }
   unsigned size() const { return rep_ ? rep_->size_ : 0; }
 
-  // Views all of s, or what s views; no text moves. Keeps the old view when there is no memory.
+  // Views all of s, or the range that s views; copies no text. Unchanged if there is no memory.
   SubString& operator=(const String& s);
   SubString& operator=(const SubString& s);
 
@@ -93,8 +93,8 @@ struct YUTILS_EXPORT SubString {
   int operator!=(const String& s) const { return !(*this == s); }
   int operator!=(std::nullptr_t) const = delete;
 
-  // The sign tells where the argument stands against this range, the reverse of String::compare.
-  // Only as many characters as the range has are looked at.
+  // Returns a negative number, 0 or a positive number if the argument is less than, equal to or
+  // greater than this range: the reverse of String::compare. Compares at most size() characters.
   int compare(const char* text) const { return rep_ ? rep_->compare(text) : 0; }
   int compare(std::nullptr_t) const = delete;
   int compare(const String& s) const { return compare(static_cast<const char*>(s)); }
@@ -113,12 +113,12 @@ struct YUTILS_EXPORT SubString {
   void purge() {
     SubStringRep* rep = rep_;
     rep_ = nullptr;
-    if (rep && rep->decRef() == 0) end(rep);
+    if (rep && rep->decRef() == 0) destroy(rep);
   }
-  static void end(SubStringRep* rep) { delete rep; }
+  static void destroy(SubStringRep* rep) { delete rep; }
   const char* text() const { return rep_ ? rep_->text() : ""; }
 
-  SubStringRep* rep_;  // null when there was no memory for one: an empty range
+  SubStringRep* rep_;  // null if there was no memory for it: an empty range
 };
 
 inline int operator==(const String& a, const SubString& b) { return b == a; }

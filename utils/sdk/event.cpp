@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The life of events.
+// Events are created, copied and destroyed here; their waits are inline.
 #include "utils/sdk/event.h"
 
 #include "utils/sdk/logging/trace.h"

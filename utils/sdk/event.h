@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
-// An event that tasks wait for, as a counted object.
+// An event that tasks wait for, as a reference-counted object.
 //
-// A manual-reset event stays set until it is reset; any other clears itself as it lets one task
-// through (ysys.h). Not a lock: nobody owns it. Its birth and its end can be followed in the log,
-// category "utils", level 0.
+// A manual-reset event stays set until it is reset; an auto-reset event clears itself when it
+// releases a task (ysys.h). Not a lock: no task owns it. In the log, category "utils", level 0,
+// lines report that events are created and destroyed. A copy refers to the same system event; the
+// last one to be destroyed destroys it.
 //
-// Set, reset and the waits may be called from any task as long as the event lives; events are
-// created and destroyed in any task too, with their lines on while nobody changes the hub (log.h).
-// A copy refers to the same system event, and the last one ends it; the caller serialises the
-// copying and ending of copies, and of Refs.
+// Thread safety: set, reset and the waits may be called from any task while the event lives. Any
+// task may create and destroy events; with the lines on, no task may change the hub at the same
+// time (log.h). The caller serialises copying, destroying copies, and creating and destroying Refs.
 #pragma once
 
 #include "utils/sdk/export.h"
@@ -21,12 +21,12 @@ struct YUTILS_EXPORT WaitableEvent : Object {
   WaitableEvent(bool manualReset, bool initiallySet);
   WaitableEvent(const WaitableEvent& other);
   WaitableEvent& operator=(const WaitableEvent& other);
-  ~WaitableEvent() override;  // requires: nobody waits
+  ~WaitableEvent() override;  // Requires: no task waits.
 
   void set() { YIF_SetEvent(event_); }
   void reset() { YIF_ResetEvent(event_); }
   void wait() { YIF_WaitEvent(event_); }
-  // For that many seconds at most; true when the event let this task through.
+  // Waits for at most `limit` seconds. Returns true if the event released this task.
   bool wait(double limit) { return YIF_WaitEventTimed(event_, limit) != 0; }
 
  private:

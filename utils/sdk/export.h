@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: MIT
-// What leaves the shared library.
+// The mark of the classes and functions that the shared library exports.
 //
-// The libraries are compiled with hidden visibility. A class or function marked YUTILS_EXPORT is
-// part of the interface and keeps its symbol (its table of virtual operations and type information
-// too); everything else stays inside. `tests/*.exports` list what must be visible, and a test
-// compares.
+// The libraries are compiled with hidden visibility. A class or function with YUTILS_EXPORT is part
+// of the interface: its symbols are visible, also the virtual table and the type information of a
+// class. All others stay private. `tests/*.exports` list the exported symbols, and a test compares.
 #pragma once
 
 #define YUTILS_EXPORT __attribute__((visibility("default")))

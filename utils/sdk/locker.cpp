@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The locks and their lines in the log.
+// The locks and their lines in the log. Both kinds run the same steps.
 #include "utils/sdk/locker.h"
 
 #include "utils/sdk/logging/trace.h"
@@ -11,7 +11,7 @@ namespace {
 
 constexpr char SOURCE[] = "utils/sdk/locker";
 
-// --- Steps with their lines, the same for both kinds of lock ---
+// --- Steps, with their lines ---
 
 struct MutexKind {
   static constexpr auto CREATE = YIF_CreateMutex;

@@ -1,20 +1,22 @@
 // SPDX-License-Identifier: MIT
-// Locks whose every step can be followed in the log, and the scope that holds one.
+// Locks that can log each of their steps, and Locker, which holds one for a scope.
 //
-// A Mutex and a CriticalSection are one system object each, and as recursive as the system makes
-// them: here a task enters again what it holds, and leaves as often as it entered. With the
-// category "utils" enabled for debug messages, level 0 shows locks come and go, level 2 each use:
+// A Mutex and a CriticalSection are one system object each. Both are recursive: a task may enter a
+// lock that it holds, and leaves it as often as it entered. With the category "utils" enabled for
+// debug messages, level 0 logs that locks are created and destroyed, level 2 each use:
 //
 //   debug[2]|utils|2480 Waiting for mutex 268435456
 //   debug[2]|utils|2480 Got mutex 268435456
 //
-// What tells of waiting is written before the lock is held, what tells of leaving while it still
-// is. The hub is made, if there is none, by the first lock.
+// The "Waiting" line is written before the lock is taken, the "Exiting" line while it is still
+// held. The first lock creates the hub, if there is none.
 //
-// enter and exit may be called from any task; with their lines on, while nobody changes the hub
-// (log.h). In the child of a fork the task that forked holds what it held, and what other tasks
-// held is free (ysys.h). A copy refers to the same system object, and the last one ends it; copying
-// and ending copies is serialised by the caller.
+// In the child of a fork, the task that forked holds the locks that it held, and the locks that
+// other tasks held are free (ysys.h). A copy refers to the same system object; the last one to be
+// destroyed destroys it.
+//
+// Thread safety: enter and exit may be called from any task; with the lines on, no task may change
+// the hub at the same time (log.h). The caller serialises copying, and destroying copies.
 #pragma once
 
 #include <cstddef>
@@ -25,18 +27,18 @@
 
 namespace Utils {
 
-// One made with new lies in the process allocator's memory, on whichever side of the library's
-// boundary it is made.
+// A lock created with new lies in the process allocator's memory, in a program's code as in the
+// library's.
 struct YUTILS_EXPORT Lock {
   Lock() = default;
   Lock(const Lock&) = default;
   Lock& operator=(const Lock&) = default;
   virtual ~Lock();
 
-  virtual void enter() const = 0;  // returns when the calling task holds it
-  virtual void exit() const = 0;   // requires: the calling task holds it
+  virtual void enter() const = 0;  // waits until the calling task holds the lock
+  virtual void exit() const = 0;   // Requires: the calling task holds the lock.
 
-  // Null, and no constructor runs, when there is no memory.
+  // Returns null, and no constructor runs, if there is no memory.
   static void* operator new(std::size_t size) noexcept;
   static void* operator new(std::size_t, void* place) noexcept { return place; }
   static void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
@@ -49,7 +51,7 @@ struct YUTILS_EXPORT Mutex : Lock {
   Mutex();
   Mutex(const Mutex& other);
   Mutex& operator=(const Mutex& other);
-  ~Mutex() override;  // requires: nobody holds it or waits for it
+  ~Mutex() override;  // Requires: no task holds it or waits for it.
 
   void enter() const override;
   void exit() const override;
@@ -62,7 +64,7 @@ struct YUTILS_EXPORT CriticalSection : Lock {
   CriticalSection();
   CriticalSection(const CriticalSection& other);
   CriticalSection& operator=(const CriticalSection& other);
-  ~CriticalSection() override;  // requires: nobody holds it or waits for it
+  ~CriticalSection() override;  // Requires: no task holds it or waits for it.
 
   void enter() const override;
   void exit() const override;
@@ -71,11 +73,11 @@ struct YUTILS_EXPORT CriticalSection : Lock {
   YIF_Handle handle_;
 };
 
-// Holds a lock for a scope. Ends in the task that made it.
+// Holds a lock for a scope. Requires: the task that created it destroys it.
 struct YUTILS_EXPORT Locker {
-  // Borrows the lock and the name of the source file, which with the line is shown in the log.
+  // Borrows the lock and the name of the source file. Name and line are shown in the log.
   Locker(Lock* lock, const char* file, unsigned line);
-  // Leaves and enters nothing: of no use on a locker that lives.
+  // Copies the fields only: leaves no lock and enters none. Do not assign to a live locker.
   Locker& operator=(const Locker&) = default;
   Locker(const Locker&) = delete;
   ~Locker();

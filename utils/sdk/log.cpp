@@ -56,7 +56,8 @@ LogClass::LogClass(const char* name) : logger_(Log::theDefaultLogger()), name_(n
 
 Log* Log::theLog_ = nullptr;
 
-// Also there for who finds it by its symbol.
+// Forces an exported out-of-line copy of the inline function, for callers that look it up by its
+// symbol.
 [[gnu::used]] static Log* (*const _accessor)() = &Log::theLog;
 
 namespace {
@@ -96,7 +97,7 @@ Log::~Log() {
   for (LogCat* category : categories_) delete category;
 }
 
-// Whether there was memory for the classes and their sinks.
+// False if there was no memory for the classes or their sinks.
 bool Log::isWhole() const {
   for (const LogClass& each : classes_) {
     if (!each.logger_.valid()) return false;
@@ -195,8 +196,8 @@ bool Log::willPrint(MessageClass cls, const char* category, int level) {
   return willPrint(cls, findOrAdd(category ? category : ""), level);
 }
 
-// Holds a sink while it prints, since what it does may change the hub. Several tasks may do that at
-// once; so the count is changed in one step, which a Ref does not do.
+// Holds a reference to a sink while it prints, since a sink may replace itself in the hub. Several
+// tasks may print at once, so the count is changed atomically, unlike by a Ref.
 struct SinkHold {
   explicit SinkHold(Logger* sink) : sink_(sink) {
     __atomic_fetch_add(&sink_->refCount_, 1, __ATOMIC_RELAXED);
@@ -226,7 +227,7 @@ void Log::printAux(MessageClass cls, unsigned cat, int level, const char* file, 
 // --- Sinks, settings and counts ---
 
 void Log::setLogger(Logger* logger) {
-  // The former sinks go when all classes are set: the destructor of one may set them again.
+  // The former sinks are destroyed after all classes are set: a destructor may set them again.
   const Ref<Logger> sink(logger);
   Ref<Logger> former[CLASSES];
   for (unsigned cls = 0; cls < classes_.size(); cls++) {

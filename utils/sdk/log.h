@@ -1,26 +1,27 @@
 // SPDX-License-Identifier: MIT
-// The process's log: what may be told, in which words, and where it goes.
+// The process's log: the hub, which filters messages and adds a header, and the sinks that write
+// them.
 //
-// A message has a class (how bad), a category (who speaks, by name or number), a level (how much
-// detail) and the place in the source. The hub decides whether it goes out, puts a header before
-// it and hands it to the sink of its class. Debug messages alone are filtered, by the flag and the
-// level of their category; each class counts what it lets through. At verbosity 0, 1 and 2:
+// A message has a class (how bad), a category (which part of the program, by name or number), a
+// level (how much detail) and a place in the source. The hub filters the message, puts a header
+// before it and passes it to the sink of its class. Only debug messages are filtered, by the flag
+// and the level of their category; each class counts the messages that pass. At verbosity 0, 1, 2:
 //
 //   debug[2]|net|3 bytes came
 //   debug[2]|net|net.cpp:49|3 bytes came
 //   debug[2]|net|net.cpp:49|1795392000.250000|2480|3 bytes came
 //
-// The hub is made by the first theLog(), from the settings YUtils.Log.*, and lives to the end of
-// the process: destructors of static objects and handlers at exit may log. Nothing is reported to
-// the caller, and a call leaves `errno` as it was; what cannot be written is dropped, and so is
-// what there is no memory for.
+// The first theLog() creates the hub from the settings YUtils.Log.*. It lives until the process
+// ends: destructors of static objects and handlers at exit may log. Nothing is reported to the
+// caller, and a call leaves `errno` as it was; a line that cannot be written, or for which there is
+// no memory, is dropped.
 //
-// Thread safety: several tasks may print, ask willPrint and count at the same time while nobody
-// makes a category or changes a sink or a setting; these, and the first theLog(), are serialised by
-// the caller with everything else here. No line takes memory of the process allocator; one whose
-// format is longer than some 500 characters takes memory of the runtime library. Lines of other
-// tasks do not come into a line of a FileLogger or a StdLogger; they may come between a
-// SystemLogger's name and its line.
+// Thread safety: several tasks may print and call willPrint, resetLogStats and logStats at the same
+// time, while no task adds a category or changes a sink or a setting. The caller serialises those
+// changes, and the first theLog(), with everything else here. No line takes memory of the process
+// allocator; a line whose format is longer than some 500 characters takes memory of the runtime
+// library. A line of a FileLogger or a StdLogger is never interrupted by another task's; between a
+// SystemLogger's name and its line another task's line may appear.
 #pragma once
 
 #include <cstdarg>
@@ -99,8 +100,8 @@ struct YUTILS_EXPORT NullLogger : Logger {
   void print(MessageClass cls, const char* format, std::va_list args) override;
 };
 
-// A file. Lines are cut after 478 characters, end in "\r\n" and are each with the system before
-// print returns, in one write: several processes may append to one file.
+// Writes to a file. Lines are cut after 478 characters and end in "\r\n". Each is handed to the
+// system in one write, before print returns: several processes may append to one file.
 struct YUTILS_EXPORT FileLogger : Logger {
   enum OpenMode { Replace, Append };
 
@@ -109,14 +110,15 @@ struct YUTILS_EXPORT FileLogger : Logger {
   FileLogger& operator=(const FileLogger&) = delete;
   ~FileLogger() override;
 
-  bool valid() const { return handle_ != YIF_NO_FILE; }  // else every line is dropped
+  bool valid() const { return handle_ != YIF_NO_FILE; }  // if false, every line is dropped
   void print(MessageClass cls, const char* format, std::va_list args) override;
 
  private:
   YIF_Handle handle_;
 };
 
-// A stream of the runtime library, flushed after each line. Lines may have any length.
+// Writes to a stream of the runtime library and flushes it after each line. Lines may have any
+// length.
 struct YUTILS_EXPORT StdLogger : Logger {
   enum Channel { Stdout, Stderr };
 
@@ -128,10 +130,10 @@ struct YUTILS_EXPORT StdLogger : Logger {
   Channel channel_;
 };
 
-// The debugger channel (platform.h). Lines are cut after 478 characters. A name, of which a copy is
-// kept, stands before each line, and is announced when the sink is made and when it ends.
+// Writes to the debugger channel (platform.h). Lines are cut after 478 characters. The name is
+// written before each line, and in a line of its own when the sink is created and destroyed.
 struct YUTILS_EXPORT SystemLogger : Logger {
-  SystemLogger(const char* name);  // null for none
+  SystemLogger(const char* name);  // copies the name; null for none
   SystemLogger(const SystemLogger&) = delete;
   SystemLogger& operator=(const SystemLogger&) = delete;
   ~SystemLogger() override;
@@ -141,7 +143,7 @@ struct YUTILS_EXPORT SystemLogger : Logger {
   char* name_;
 };
 
-// A message on screen (platform.h), cut after 478 characters. The caller waits for the answer.
+// Shows a message on screen (platform.h), cut after 478 characters; print waits for the answer.
 struct YUTILS_EXPORT DialogLogger : Logger {
   ~DialogLogger() override;
   void print(MessageClass cls, const char* format, std::va_list args) override;
@@ -150,21 +152,21 @@ struct YUTILS_EXPORT DialogLogger : Logger {
 // --- The records of the hub ---
 
 struct YUTILS_EXPORT LogCat {
-  LogCat(const char* name);  // copies the name; name_ is null when there is no memory
+  LogCat(const char* name);  // copies the name; name_ is null if there is no memory
   LogCat(const LogCat&) = delete;
   LogCat& operator=(const LogCat&) = delete;
   ~LogCat();
 
-  int operator==(const LogCat& other) const;  // 1 when the names are equal, else 0
+  int operator==(const LogCat& other) const;  // returns 1 if the names are equal, else 0
 
-  // Null, and no constructor runs, when there is no memory.
+  // Returns null, and no constructor runs, if there is no memory.
   static void* operator new(std::size_t size) noexcept;
   static void operator delete(void* mem) noexcept;
 
   char* name_;
-  bool enabled_;        // debug messages may go out
-  int level_;           // the highest level that they may have
-  unsigned verbosity_;  // kept for the caller; the lines have the hub's
+  bool enabled_;        // debug messages may pass
+  int level_;           // up to this level
+  unsigned verbosity_;  // kept for the caller; lines use that of the hub
 };
 
 struct YUTILS_EXPORT LogClass {
@@ -175,17 +177,17 @@ struct YUTILS_EXPORT LogClass {
 
   int operator==(const LogClass&) const { return 0; }
 
-  Ref<Logger> logger_;  // empty: nothing of the class goes out
+  Ref<Logger> logger_;  // if empty, no message of the class passes
   const char* name_;
-  unsigned count_;  // messages let through
+  unsigned count_;  // messages that have passed
 };
 
 // --- The hub ---
 
 struct YUTILS_EXPORT Log : Object {
-  // The hub, never null; one that lets nothing through as long as there is no memory to make it.
+  // Never null. While there is no memory for the hub, returns one that lets no message pass.
   static Log* theLog() { return theLog_ ? theLog_ : makeTheLog(); }
-  // A StdLogger on standard error; empty when there is no memory for it.
+  // A StdLogger on standard error; empty if there is no memory for it.
   static Ref<Logger> theDefaultLogger();
 
   Log();
@@ -193,24 +195,24 @@ struct YUTILS_EXPORT Log : Object {
   Log& operator=(const Log&) = delete;
   ~Log() override;
 
-  // The number of a category, which is made with the hub's settings where the name is new. Numbers
-  // count from 0 and stay valid; (unsigned)-1 when there is no memory, which no operation takes for
-  // a category. Names are compared by case.
+  // Returns the number of a category. A new name adds one, with the hub's settings. Numbers count
+  // from 0 and stay valid. Returns (unsigned)-1, which is never the number of a category, if there
+  // is no memory. Names are case-sensitive.
   unsigned getCategory(const char* name);
-  // The same, and sets what is told, also where the category was there.
+  // The same, and sets the category's level, flag and verbosity, even if it existed before.
   unsigned getCategory(const char* name, int level, bool enabled, unsigned verbosity);
   unsigned getCategory(const char* name, int level, bool enabled);
-  const char* getCategory(unsigned cat);  // its name; null for a number not given out
+  const char* getCategory(unsigned cat);  // returns its name; null for an unknown number
 
-  // Prints one message as printf would. A level of 0 or more is shown. Ask willPrint before when
-  // the arguments cost something.
+  // Prints one message as printf would. A negative level is not shown. Call willPrint first if the
+  // arguments are expensive.
   void print(MessageClass cls, unsigned cat, int level, const char* file, unsigned line,
              const char* format, ...) __attribute__((format(printf, 7, 8)));
-  // By name: makes the category where it is new, whatever becomes of the message.
+  // By name: adds the category if the name is new, even if the message does not pass.
   void print(MessageClass cls, const char* category, int level, const char* file, unsigned line,
              const char* format, ...) __attribute__((format(printf, 7, 8)));
 
-  // Whether such a message would go out.
+  // Returns whether such a message would pass.
   bool willPrint(MessageClass cls, unsigned cat, int level) {
     if (__builtin_expect(cat >= categories_.size(), false)) return false;
     const LogCat& category = *categories_[cat];
@@ -224,8 +226,8 @@ struct YUTILS_EXPORT Log : Object {
   void setLogger(Logger* logger);
   void setLogger(MessageClass cls, Logger* logger);
 
-  // Without a category: the setting that new categories begin with, and of all that there are. With
-  // a number that was not given out the setters do nothing, and the hub's setting is told.
+  // Without a category number: sets the default for new categories and overwrites all existing
+  // ones. With an unknown number, setters do nothing and getters return the hub's value.
   void setLevel(int level);
   void setLevel(unsigned cat, int level);
   int level() const { return level_; }
@@ -234,12 +236,12 @@ struct YUTILS_EXPORT Log : Object {
   void setEnabled(unsigned cat, bool enabled);
   bool enabled() const { return enabled_; }
   bool enabled(unsigned cat) const;
-  void setVerbosity(unsigned verbosity);  // that of the lines too
+  void setVerbosity(unsigned verbosity);  // also that of the lines
   void setVerbosity(unsigned cat, unsigned verbosity);
   unsigned verbosity() const { return verbosity_; }
   unsigned verbosity(unsigned cat) const;
 
-  // The messages of each class that were let through since the start or the last reset.
+  // The number of messages of each class that have passed since the start or the last reset.
   void resetLogStats();
   void logStats(unsigned& errors, unsigned& warnings, unsigned& infos, unsigned& debugs) const;
 

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// The tables behind the result codes.
+// The tables of texts, last errors and listeners.
 //
-// What must serve before the library's static objects are there and after they are gone, in other
-// libraries' initialisers, destructors and handlers at exit, is kept where the language neither
-// builds nor destroys it. Unloading then gives memory back, and leaves tables that are empty.
+// They must work before this library's static objects are constructed and after they are destroyed:
+// in other libraries' initialisers, destructors and handlers at exit. So they are never destroyed.
+// At unload they are emptied.
 #include "utils/sdk/result.h"
 
 #include <cstdio>
@@ -62,9 +62,9 @@ const char* resultToString(unsigned code) {
 
 namespace {
 
-// The standard texts, made by the load or by whatever asks for a text before it: in a program that
-// is linked with the library as objects, constructors of its own may come first. Once they have
-// gone they do not come again.
+// Registers the standard texts at load, or earlier at the first call that needs a text: in a
+// program linked with the library's object files, its own constructors may run first. After their
+// removal at unload they are not registered again.
 void makeStdResults() {
   static bool _made = false;
   if (_made) return;
@@ -107,7 +107,7 @@ struct LastErrorsLife {
 
 [[gnu::init_priority(LOADED_LAST_ERRORS)]] LastErrorsLife _lastErrorsLife;
 
-// The entry of the calling task, made where there was none.
+// Returns the entry of the calling task; adds one if there is none.
 LastErrors::Iter ownError() { return _lastErrorValues.make()[YIF_CurrentTaskIdCoop()]; }
 
 }  // namespace
@@ -126,7 +126,7 @@ using Listeners = Vector<const ResultListener*>;
 
 Listeners* _resultListeners = nullptr;  // lives for ever, once made
 
-// The list may change while it is gone through.
+// The list may change while it is traversed.
 void notifyListeners(unsigned code) {
   if (!_resultListeners) return;
   for (unsigned i = 0; i < _resultListeners->size(); i++) (*_resultListeners)[i]->errorRaised(code);

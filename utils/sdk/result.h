@@ -1,22 +1,21 @@
 // SPDX-License-Identifier: MIT
 // Result codes, their texts, and the last error of each task.
 //
-// A result code is a number whose bit 31 tells failure; 0 is success. raiseError is called where
-// something fails: it logs the code, keeps it as the calling task's last error, tells the listeners
-// and gives the code back, to be handed on. These, named in result_codes.h, have texts from the
-// start:
+// A result code is a number whose bit 31 is set for a failure; 0 is success. Code that fails calls
+// raiseError, which logs the code, stores it as the calling task's last error, calls the listeners
+// and returns the code. These, named in result_codes.h, have texts from the start:
 //
 //   0x00000000 "Success"           0x80000003 "Invalid argument"   0x80040002 "File read error"
 //   0x80000000 "Generic failure"   0x80000004 "No interface"       0x80040003 "File write error"
 //   0x80000001 "Not implemented"   0x80040001 "File not found"     0x80040004 "File is corrupt"
 //   0x80000002 "Out of memory"
 //
-// A task's last error stays with its id when the task ends, and a new task that gets the id begins
-// with it; a task that forks has it in the child, too. Where there is no memory for what is to be
-// kept, it is not kept, and nothing is reported.
+// A last error belongs to the id of its task. It stays when the task ends, so a new task that gets
+// the same id starts with it; after a fork the child has it too. An entry for which there is no
+// memory is dropped silently.
 //
-// All tasks share one table of texts, one of last errors and one list of listeners, which reading
-// changes too: the caller serialises everything here but succeeded.
+// Thread safety: all tasks share one table of texts, one of last errors and one list of listeners,
+// and reading changes them too. The caller serialises everything here except succeeded.
 #pragma once
 
 #include "utils/sdk/export.h"
@@ -26,43 +25,43 @@ namespace Utils {
 
 constexpr bool succeeded(unsigned code) { return (code & 0x80000000u) == 0; }
 
-// The text of the code; "Success #0x00000007" or "Failure #0x80001234" where it has none. Never
-// null, unless a null text was given to the code. Valid as long as its ResultString; what was made
-// up, until the next text that is made up.
+// Returns the text of the code, or "Success #0x00000007" or "Failure #0x80001234" if it has none.
+// Null only if a null text was registered. Valid until the ResultString of the text is destroyed;
+// for a code without a text, until the next call for such a code.
 YUTILS_EXPORT const char* resultToString(unsigned code);
 
-// Gives the code. A code of success is treated as any other: 0 so clears the last error.
+// Returns the code. A code of success is treated like any other, so 0 clears the last error.
 YUTILS_EXPORT unsigned raiseError(unsigned code);
 
-YUTILS_EXPORT unsigned lastError();  // 0 when the task has raised none; stays until it is cleared
+YUTILS_EXPORT unsigned lastError();  // of the calling task; 0 if none
 YUTILS_EXPORT void clearError();
 
-// Gives a code its text as long as it lives. The first text of a code stays, and goes with the
-// first ResultString of that code that ends.
+// Registers a text for a code. The first registration wins; the text is removed when the first
+// ResultString with that code, whichever it is, is destroyed.
 struct YUTILS_EXPORT ResultString {
   ResultString(unsigned code, const char* text);  // borrows the text
   ResultString(const ResultString&) = default;
-  ResultString& operator=(const ResultString&) = default;  // the code; no text comes or goes
+  ResultString& operator=(const ResultString&) = default;  // the code only; the texts stay
   ~ResultString();
 
  private:
   unsigned code_;
 };
 
-// Is told of raised errors. Must be removed before it ends.
+// Is called for raised errors. Requires: it is removed before it is destroyed.
 struct YUTILS_EXPORT ResultListener {
   ResultListener() = default;
   ResultListener(const ResultListener&) = default;
   ResultListener& operator=(const ResultListener&) = default;
   virtual ~ResultListener();
 
-  // Runs in the task that raises, after lastError() gives the code. May add and remove listeners:
-  // one that is added is told in the same pass; when one removes itself the next is passed over.
+  // Runs in the task that raises; lastError() already returns the code. May add and remove
+  // listeners: an added one is called in the same pass; if one removes itself, the next is skipped.
   virtual void errorRaised(unsigned code) const = 0;
 };
 
-// Borrows the listener and tells it once for each time that it was added, in the order of adding.
+// Borrows the listener. It is called once for each time it was added, in the order of adding.
 YUTILS_EXPORT void addResultListener(const ResultListener* listener);
-YUTILS_EXPORT void removeResultListener(const ResultListener* listener);  // once, the first time
+YUTILS_EXPORT void removeResultListener(const ResultListener* listener);  // the first entry
 
 }  // namespace Utils

@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: MIT
-// Inside the library, numbers as digits, written where they are to stand.
+// Numbers as decimal digits. Private to the library.
 //
-// They are not made elsewhere and copied: a wide load from bytes that were just stored one by one
-// waits for them longer than the digits take.
+// The digits are written directly to their final place. Copying them from a buffer is slower than
+// computing them: the wide load of the copy has to wait for the single bytes stored just before.
 #pragma once
 
 #include <climits>
 
 namespace Utils {
 
-// How many digits the number has; 1 for 0.
+// Returns the number of digits; 1 for 0.
 inline unsigned decimalSize(unsigned long number) {
   unsigned digits = 1;
   for (unsigned long bound = 10; number >= bound; bound *= 10) {
@@ -19,7 +19,7 @@ inline unsigned decimalSize(unsigned long number) {
   return digits;
 }
 
-// The last `digits` digits of the number, zeros in front where it has less.
+// Writes the last `digits` digits of the number, with leading zeros if it has fewer.
 inline void putDecimal(char* at, unsigned long number, unsigned digits) {
   for (; digits != 0; number /= 10) at[--digits] = static_cast<char>('0' + number % 10);
 }

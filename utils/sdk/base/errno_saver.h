@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// How a call that reports nothing to its caller treats `errno`. For the library and the system
-// layer, not installed.
+// Keeps `errno` unchanged across a call that reports nothing to its caller. Private to the library
+// and the system layer.
 #pragma once
 
 #include <cerrno>
@@ -15,7 +15,7 @@ class ErrnoSaver {
   ErrnoSaver(const ErrnoSaver&) = delete;
   ErrnoSaver& operator=(const ErrnoSaver&) = delete;
 
-  void restore() const { errno = value_; }  // before a format is expanded, since %m reads it
+  void restore() const { errno = value_; }  // also before a format is expanded: %m reads errno
 
  private:
   const int value_;

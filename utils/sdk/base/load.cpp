@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// What is done when the library is attached to a process, before any of its objects
-// comes.
+// The step that runs when the library is loaded, before any of its other static objects is
+// constructed.
 #include "utils/sdk/base/load_order.h"
 #include "utils/sdk/platform.h"
 
@@ -8,7 +8,7 @@ namespace Utils {
 
 namespace {
 
-// The library keeps nothing for each task that it would have to be told of.
+// The library keeps no data per task, so it needs no call when a task starts or ends.
 struct Attached {
   Attached() { DisableThreadLibraryCalls(this); }
 };

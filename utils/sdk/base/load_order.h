@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// Inside the library, the order in which its static objects come and go.
+// The order in which the library's static objects are constructed. Private to the library.
 //
-// Whatever needs code at load or at unload is marked [[gnu::init_priority(...)]] with one of these,
-// so that neither the order of the sources nor the linker decides. Objects come in this order,
-// ahead of all that have no mark, and go in the reverse one.
+// Each static object that runs code at load or at unload has [[gnu::init_priority(...)]] with one
+// of these values, so that neither the order of the sources nor the linker decides. Objects are
+// constructed in this order, before all without a priority, and destroyed in the reverse order.
 #pragma once
 
 namespace Utils {

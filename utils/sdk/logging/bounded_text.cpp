@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 // Plain directives are expanded here, all others by the runtime library.
 //
-// The runtime library works out the length of the whole text, at some nanoseconds a byte, and fails
-// if it is above INT_MAX, although the room has long been full. So it is given a copy of the format
-// whose directives are limited: for a room of 479 bytes "%s" becomes "%.479s", "%700s" becomes
+// The runtime library computes the length of the whole text, at some nanoseconds a byte, and fails
+// if it is above INT_MAX, although the room has long been full. So it gets a copy of the format
+// with limited directives: for a room of 479 bytes "%s" becomes "%.479s", "%700s" becomes
 // "%700.700s" and "%3000000000d" becomes "%1000000d".
 #include "utils/sdk/logging/bounded_text.h"
 
@@ -51,7 +51,7 @@ struct QuickText {
   char* const end_;
 };
 
-// False where it meets anything else; the runtime library then begins anew.
+// Returns false at the first other directive; the runtime library then starts from the beginning.
 bool QuickText::expand(const char* format, std::va_list& args) {
   while (const char* percent = std::strchr(format, '%')) {
     put(format, static_cast<std::size_t>(percent - format));
@@ -101,8 +101,8 @@ bool QuickText::directive(const char*& format, std::va_list& args) {
 
 // --- All others ---
 
-// A copy of a format in which widths and texts are limited, to what a room does not show and to
-// what all directives together may give. A `*` takes its number from the argument, which is not
+// A copy of a format with limited widths and precisions: a limited text still fills the room, and
+// the length of the whole stays below INT_MAX. The number of a `*` is an argument and is not
 // limited.
 struct LimitedFormat {
   LimitedFormat(const char* format, unsigned roomSize);
@@ -112,15 +112,15 @@ struct LimitedFormat {
   LimitedFormat(const LimitedFormat&) = delete;
   LimitedFormat& operator=(const LimitedFormat&) = delete;
 
-  // With the first `directives` of the format. Without memory for it the format itself.
+  // The copy up to the first `directives` directives; the format itself if there is no memory.
   const char* copy(unsigned directives);
 
-  unsigned directives_ = 0;  // or more
+  unsigned directives_ = 0;  // at least the number in the format
 
  private:
   static constexpr unsigned LARGEST = 1000000;
-  static constexpr unsigned SMALLEST = 64;  // more than "(null)" has
-  static constexpr unsigned LONGEST = 11;   // a point and its digits
+  static constexpr unsigned SMALLEST = 64;  // longer than "(null)"
+  static constexpr unsigned LONGEST = 11;   // a point and the digits of a number
 
   static bool isDigit(char c) { return c >= '0' && c <= '9'; }
   static bool isFlag(char c) {
@@ -198,7 +198,7 @@ const char* LimitedFormat::copyDirective(const char* from) {
   return *from != '\0' ? copyOne(from) : from;
 }
 
-// A width or a precision, which may be missing. Takes a `*` for the largest.
+// Copies a width or a precision, if there is one. A `*` counts as the limit.
 const char* LimitedFormat::copyNumber(const char* from, unsigned& number) {
   if (*from == '*') {
     number = limit_;
@@ -214,7 +214,7 @@ const char* LimitedFormat::copyNumber(const char* from, unsigned& number) {
   return from;
 }
 
-// Where an argument makes a directive too long, the text ends before it.
+// If an argument makes a directive too long, the text ends before that directive.
 int expandLimited(char* room, unsigned size, const char* format, std::va_list args) {
   const ErrnoSaver saver;
   LimitedFormat limited(format, size);

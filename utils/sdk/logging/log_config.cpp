@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// The settings with which the hub begins, read once from the system interface.
+// The initial settings of the hub, read once from the system layer.
 //
-// A setting that makes no sense is passed over without a word, as one that is not there.
+// An invalid setting is ignored silently, like a missing one.
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -12,7 +12,7 @@ namespace Utils {
 
 namespace {
 
-// Of YUtils.Log.Enabled.
+// The values of YUtils.Log.Enabled.
 enum Enabled : unsigned { NONE, LISTED, ALL };
 
 Enabled readEnabled() {
@@ -38,7 +38,7 @@ Logger* fileSink() {
   return new FileLogger(name.text_, mode.is("replace") ? FileLogger::Replace : FileLogger::Append);
 }
 
-// Null where the default sink stays.
+// Null if the default sink stays.
 Logger* configuredSink() {
   const Setting<1024> kind("YUtils.Log.Logger");
   if (kind.is("file")) return fileSink();
@@ -47,8 +47,7 @@ Logger* configuredSink() {
   return nullptr;
 }
 
-// The number that a text begins with; 0 where it begins with none, the nearest one where that is no
-// int.
+// Returns the number at the start of a text; 0 if there is none; the nearest int if out of range.
 int parseInt(const char* text) {
   const long number = std::strtol(text, nullptr, 10);
   if (number > INT_MAX) return INT_MAX;
@@ -57,7 +56,7 @@ int parseInt(const char* text) {
 
 }  // namespace
 
-// In an order that lets later steps see what earlier ones have set.
+// The order matters: the categories take the level and the verbosity that were set before.
 void Log::initialiseFromConfig() {
   int number;
   if (YIF_GetConfigNumber("YUtils.Log.Level", &number) == 0) setLevel(number);
@@ -70,7 +69,7 @@ void Log::initialiseFromConfig() {
   if (Logger* sink = configuredSink()) setLogger(sink);
 }
 
-// The entries are cut off in a copy of the list, and their levels off them.
+// The list is "name[#level]:name[#level]...". A copy of it is cut at the separators.
 void Log::enableCategories(const char* list, bool enable) {
   char* copy = strdup(list);
   if (!copy) return;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The sinks. None of them tells its caller how it went.
+// The sinks of the library. None of them reports a failure.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -14,7 +14,7 @@ namespace Utils {
 
 template struct Ref<Logger>;
 
-// --- What the sinks share ---
+// --- Shared by all sinks ---
 
 Logger::~Logger() {}
 

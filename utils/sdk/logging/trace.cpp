@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The record of the library's own category.
+// The cached record of the library's own category.
 #include "utils/sdk/logging/trace.h"
 
 namespace Utils {

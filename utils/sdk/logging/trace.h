@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Inside the library, its own lines in the log: class Debug, category "utils".
+// The library's own debug lines in the log. Private to the library.
 #pragma once
 
 #include <atomic>
@@ -12,11 +12,12 @@ namespace Utils {
 // The category of all lines of the library.
 inline constexpr char LIBRARY_CATEGORY[] = "utils";
 
-// Level 0 tells of the lifetime of system objects and of violations, level 2 of each use.
+// Level 0 reports that system objects are created and destroyed, and violations; level 2 each use.
 enum TraceLevel { TRACE_LIFETIME = 0, TRACE_USE = 2 };
 
-// The hub that was asked for the category, and the record that it has for it, null when there was
-// no memory. The hub is stored last and read first, so whoever reads it has its record.
+// Caches the hub's record of LIBRARY_CATEGORY. The hub is stored after its record and read before
+// it, so a task that reads the hub reads the record that belongs to it. If there is no memory for
+// the record, no hub is stored and the next line looks it up again.
 struct TraceCategory {
   bool isFor(const Log* hub) const { return hub_.load(std::memory_order_acquire) == hub; }
   bool allows(TraceLevel level) const {
@@ -32,8 +33,8 @@ struct TraceCategory {
 
 extern constinit TraceCategory _traceCategory;
 
-// Whether lines of that level go out. To be asked before their arguments are worked out. What is
-// off costs one look at the record, which every lock takes three times.
+// Returns whether a line of that level would be printed. Call it before the arguments are computed.
+// While the level is off it reads one record; each use of a lock calls it three times.
 inline bool traces(TraceLevel level) {
   Log* hub = Log::theLog();
   if (!_traceCategory.isFor(hub)) _traceCategory.lookUp(hub);

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
-// The entries of shared system objects.
+// The search for an entry, and the change of its count.
 #include "utils/sdk/sync/shared_handles.h"
 
 #include <new>
 
 namespace Utils {
 
-// Null when none is such.
+// Returns the first entry that meets the condition, or null.
 template <class Condition>
 SharedHandles::Entry* SharedHandles::find(Condition condition) {
   for (Entry& entry : few_) {
@@ -17,7 +17,7 @@ SharedHandles::Entry* SharedHandles::find(Condition condition) {
   return entry;
 }
 
-// Reads the count first, which is written last: then the handle is the one that is counted.
+// The count is written last and read first, so the handle that is read belongs to it.
 SharedHandles::Entry* SharedHandles::entryOf(YIF_Handle handle) {
   return find([=](const Entry& entry) {
     return entry.others_.load(std::memory_order_acquire) != 0 &&

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
-// Inside the library, system objects that several objects refer to.
+// Reference counts of the handles that several objects share. Private to the library.
 //
-// Copies of a lock or an event refer to one system object, which the last of them ends. Most are
-// never copied, so only what is shared is counted, here and not in the objects: a handle that is in
-// no entry has one object. Each module keeps one of these for each kind of system object, as a
-// static object that the language neither builds nor destroys.
+// Copies of a lock or an event refer to one system object; the last one destroys it. Most are never
+// copied, so only shared handles are counted, here and not in the objects: a handle without an
+// entry belongs to one object. Each module has one table for each kind of system object, constant-
+// initialised and trivially destroyed.
 //
-// The caller serialises the copying of objects with the copying and ending of copies of their kind.
-// Objects that have no copies end whenever they like: they meet entries that are never freed, and
-// whose count is set behind their handle.
+// Thread safety: the caller serialises copying objects of a kind with copying and destroying copies
+// of that kind. Objects without copies may be destroyed from any task at any time: entries are
+// never freed, and an entry's handle is stored before its count.
 #pragma once
 
 #include <atomic>
@@ -18,13 +18,13 @@
 namespace Utils {
 
 struct SharedHandles {
-  void add(YIF_Handle handle);     // one object more refers to it
-  bool remove(YIF_Handle handle);  // one less; true when that was the last, who ends it
+  void add(YIF_Handle handle);     // counts one more object
+  bool remove(YIF_Handle handle);  // one less; true if the caller, the last, must destroy it
 
  private:
   struct Entry {
     std::atomic<YIF_Handle> handle_{0};
-    std::atomic<unsigned> others_{0};  // objects beside the first; 0: the entry is not used
+    std::atomic<unsigned> others_{0};  // objects besides the first; 0 in an unused entry
     Entry* next_ = nullptr;
   };
 
@@ -35,12 +35,12 @@ struct SharedHandles {
 
   static constexpr unsigned FEW = 16;
 
-  Entry few_[FEW];                     // which need no memory
-  std::atomic<Entry*> more_{nullptr};  // the latest of the others
-  std::atomic<bool> lost_{false};      // one could not be counted; from then on nothing is ended
+  Entry few_[FEW];                     // these need no memory
+  std::atomic<Entry*> more_{nullptr};  // list of the others, the latest first
+  std::atomic<bool> lost_{false};      // an add had no memory: from then on nothing is destroyed
 };
 
-// The handle that an object has after it was assigned that of another one of its kind.
+// Assigns the handle of another object of the kind. Returns the handle that the object then has.
 template <class Destroy>
 YIF_Handle reassign(SharedHandles& shared, YIF_Handle own, YIF_Handle other, Destroy destroy) {
   if (own == other) return own;

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
-// The time that locks and events take, alone and between two tasks.
+// The time that locks and events take, in one task and between two.
 //
-// The locks stand beside those of the language: std::recursive_mutex where they are recursive, and
-// std::mutex where two tasks want one all the time. A step in the critical section adds to a number
-// that both tasks share. An event that is set and waited for across two tasks, back and forth,
-// stands beside a mutex and a condition variable; the time is that of one way there and back.
-// With two tasks the time is that of the clock, else that of the processor.
+// The peers of the locks are those of the language: std::recursive_mutex for recursive locks, and
+// std::mutex for a lock that two tasks want all the time. The critical section adds to a number
+// that both tasks share. The peer of an event that two tasks set and wait for in turn is a mutex
+// with a condition variable; the time is that of one round trip. With two tasks the time is
+// wall-clock time, else processor time.
 #include <condition_variable>
 #include <mutex>
 #include <thread>

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
-// The time that a message takes which is written, and one which is not.
+// The time of a message that is written, and of one that is filtered.
 //
-// The library stands beside the single-threaded loggers of spdlog, both with the same line:
+// The peers are the single-threaded loggers of spdlog, with the same line:
 //
 //   info[0]|net|net.cpp:49|1795392000.250000|2480|7 bytes came from the other side
 //
-// The file of each lies in the same directory, is begun anew and flushed after each line. What is
-// formatted and dropped goes to a sink that expands the whole line here, and to spdlog's null sink,
-// for which spdlog expands the message and no header. By name, the category is the last of ten.
+// Both files lie in the same directory, start empty and are flushed after each line. A line that is
+// formatted and dropped goes to a sink that expands the whole line, and to spdlog's null sink, for
+// which spdlog expands the message without a header. By name, the category is the last of ten.
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/sinks/null_sink.h>
 #include <spdlog/spdlog.h>

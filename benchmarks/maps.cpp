@@ -2,15 +2,15 @@
 // The time that a map takes to insert, find and remove an entry and to step to the next
 // one, and the bytes of the heap that an entry holds.
 //
-// The library's AVLTree<unsigned long, unsigned> stands beside std::map and beside an owning map
-// made of Boost's intrusive AVL set, whose nodes are made and deleted one by one. One program for
-// each, told by BENCH_MAP and BENCH_WHO: how far apart a heap that has seen other maps puts the
-// nodes of a new one decides more than the map does.
+// The peers of the library's AVLTree<unsigned long, unsigned> are std::map and an owning map built
+// on Boost's intrusive AVL set, whose nodes are allocated and deleted one by one. BENCH_MAP and
+// BENCH_WHO select one map for each program: in a heap that other maps have used, the distance
+// between the nodes of a new one matters more than the map.
 //
-// Keys are random and drawn beforehand, and the small trees get others each time, so that no
-// processor learns its way by heart. Filling before and clearing after what is measured is not
-// timed. Bytes are those of the blocks: what the library's allocator counts as held, and what the
-// runtime library's malloc says that a block offers, with the word in front of it.
+// Keys are random and drawn beforehand. The small trees get other keys each time, so that branch
+// prediction cannot learn their paths. Filling and clearing are not timed. Bytes are those of the
+// blocks: the total that the library's allocator counts, and the size that the runtime library's
+// malloc reports for a block, with the word before it.
 #include <malloc.h>
 
 #include <algorithm>
@@ -37,7 +37,7 @@ using Value = unsigned;
 constexpr unsigned MOST = 1000000;
 
 std::vector<Key> _keys;           // in the order of insertion
-std::vector<unsigned> _shuffled;  // a number below MOST each, none twice
+std::vector<unsigned> _shuffled;  // the numbers below MOST, each once
 
 // --- The maps ---
 
@@ -58,7 +58,7 @@ struct Ours {
   Utils::AVLTree<Key, Value> map_;
 };
 
-// What malloc holds for the nodes of a map.
+// The bytes that malloc holds for the nodes of a map.
 std::size_t _mallocBytes = 0;
 
 template <class T>
@@ -144,7 +144,7 @@ void fill(Map& map, const Key* keys, unsigned count) {
   for (unsigned i = 0; i < count; i++) map.insert(keys[i], i);
 }
 
-// The keys of one tree after the other.
+// The keys of the trees, one tree after the other.
 struct Keys {
   explicit Keys(unsigned count) : count_(count) {}
 
@@ -171,7 +171,7 @@ void insert(benchmark::State& state, unsigned count) {
   state.SetItemsProcessed(state.iterations() * count);
 }
 
-// A map that stays.
+// A map that is not cleared.
 template <class Map>
 Map& filled(unsigned count) {
   static std::map<unsigned, Map> maps;
@@ -229,7 +229,7 @@ void heapOfAnEntry(benchmark::State& state) {
     fill(map, _keys.data(), COUNT);
     bytes = static_cast<double>(Map::held() - before) / COUNT;
   }
-  state.counters["items_per_second"] = 1e9 / bytes;  // what is printed is the inverse
+  state.counters["items_per_second"] = 1e9 / bytes;  // the inverse is printed
 }
 
 template <class Map>
@@ -244,7 +244,7 @@ void addLines(const char* what, void (*function)(benchmark::State&, unsigned)) {
   for (const unsigned count : {1000u, 100000u, MOST}) {
     const std::string line = what + std::string(", ") + std::to_string(count);
     auto* added = benchmark::RegisterBenchmark(lineOf(line, BENCH_WHO).c_str(), function, count);
-    if (count == MOST) added->Repetitions(3);  // enough, and each takes seconds
+    if (count == MOST) added->Repetitions(3);  // enough, since each takes seconds
   }
 }
 

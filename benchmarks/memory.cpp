@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
-// The time that a pair of one allocation and one release takes.
+// The time of a pair of one allocation and one release.
 //
-// Three patterns: one block at a time; a thousand blocks, then all of them back; and the churns
+// Three patterns: one block at a time; a thousand blocks, then their release; and the churns
 // of memory_churn.h, where the first byte of each new block is written. One program for each
 // allocator (memory_competitor.h).
 //
-// Nothing but the pair and the loop around it is timed: the steps of a churn are drawn beforehand
-// and gone through again and again, and before the clock runs all slots have been filled and each
-// of the steps has been done once. Tables lie outside of the heap.
+// Only the pair and the loop around it are timed: the steps of a churn are drawn beforehand and
+// repeated, and before the clock starts all slots are filled and each step has run once. Tables lie
+// outside of the heap.
 #include <string>
 
 #include "benchmarks/memory_churn.h"

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// The churns: a fixed number of live blocks, of which one picked at random is freed
-// and replaced by one of a random size, again and again.
+// The churns: a fixed number of live blocks; each step frees one at random and allocates
+// one of a random size in its place.
 //
-// All competitors go through the same steps: a step depends on the churn and on its number alone.
+// All competitors do the same steps: a step depends only on the churn and on the step's number.
 #pragma once
 
 #include <cmath>
@@ -40,7 +40,7 @@ struct Step {
   unsigned size_;
 };
 
-// The steps of a churn: first one for each slot, in order, then random ones without end.
+// The steps of a churn: first one for each slot, in order, then random ones, without an end.
 struct Steps {
   explicit Steps(const Churn& churn) : churn_(churn) {}
 

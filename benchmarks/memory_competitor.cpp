@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Makes sure that a program measures what its name says.
+// Checks that a program measures the allocator that it is named after.
 #include "benchmarks/memory_competitor.h"
 
 #include <dlfcn.h>

@@ -2,10 +2,10 @@
 // The allocator that a memory program measures.
 //
 // The memory programs are compiled once for each competitor, from the same sources with the same
-// flags. BENCH_WHO is its name. With BENCH_YUTILS it is the library's process allocator, asked for
-// anew at each call as a program does; with BENCH_ARENA the arena allocator of that class, set up
-// and asked for in the same way. Without either it is malloc, which a peer replaces in its process
-// by being linked before the C library. The compiler is told to know nothing of malloc and free.
+// flags. BENCH_WHO is its name. With BENCH_YUTILS it is the library's process allocator, fetched at
+// each call as a program does; with BENCH_ARENA it is an arena allocator of that class, set up and
+// fetched in the same way. Without either it is malloc; a peer replaces it in its process because
+// it is linked before the C library. A flag keeps the compiler from optimising malloc and free.
 #pragma once
 
 #if defined(BENCH_YUTILS)
@@ -42,8 +42,8 @@ inline void* take(unsigned size) { return std::malloc(size); }
 inline void give(void* mem) { std::free(mem); }
 #endif
 
-// Stops the program when malloc is not that of the competitor it is named after. For the library,
-// malloc has to be that of the C library.
+// Stops the program if malloc is not that of the competitor that the program is named after. For
+// the library it must be that of the C library.
 void requireCompetitor();
 
 }  // namespace Bench

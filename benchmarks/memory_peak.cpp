@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// The most memory that a process has resident while it churns.
+// The peak resident memory of a process that churns.
 //
-// Each churn of memory_churn.h runs in a process of its own, for 20 steps a slot, in which each new
-// block is written in full, so that what was given is really there. The figure is the kernel's own
-// high-water mark of the process, in KiB; it contains program and libraries. One program for each
+// Each churn of memory_churn.h runs in a process of its own, for 20 steps a slot. Each new block is
+// written in full, so that all of its pages are resident. The figure is the kernel's high-water
+// mark of the process, in KiB; it includes the program and its libraries. One program for each
 // allocator (memory_competitor.h); prints LINE <tab> WHO <tab> KiB.
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -30,7 +30,7 @@ void replace(Step step) {
   std::memset(_slots[step.slot_], 1, step.size_);
 }
 
-// 0 when the kernel does not tell.
+// Returns 0 if the kernel does not report it.
 long peakInKiB() {
   char text[4096];
   const int file = open("/proc/self/status", O_RDONLY);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// The time of what a program does with result codes.
+// The time of the operations on result codes.
 //
-// The text of a code stands beside the message of a std::error_code. The last error is asked for in
-// a process with 32 tasks that have one each.
+// The peer of a code's text is the message of a std::error_code. The last error is read in a
+// process in which 32 tasks have one each.
 #include <memory>
 #include <system_error>
 #include <thread>

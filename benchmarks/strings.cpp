@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: MIT
-// The time that the usual work on texts takes: copying, making, appending, searching,
+// The time of the usual work on texts: copying, constructing, appending, searching,
 // comparing, taking ranges and tokenising.
 //
-// The library's String stands beside std::string and, where sharing or the heap decides, beside the
-// shared QByteArray and QString. Texts are sources of this project, one behind the other, with what
-// is searched for at the very end; two texts that are ordered differ in their last byte. Where two
-// texts are compared they lie in buffers of their own, and each competitor has the same ones. Each
+// The peers of the library's String are std::string and, if sharing or the heap decides, the shared
+// QByteArray and QString. The texts are the sources of this project, one after the other; the text
+// that is searched for is at the very end, and two texts that are ordered differ in their last
+// byte. Texts that are compared lie in separate buffers, the same ones for each competitor. Each
 // side is used as its users would.
 //
-// Appending is timed per call and includes making the text and giving it back; tokenising is timed
-// per text, std::string with a copy of each token, which is what its users keep, and the library
-// with the two positions, which is what its tokeniser gives.
+// Appending is timed per call, with constructing and destroying the text. Tokenising is timed per
+// text: std::string with a copy of each token, since its users keep copies, and the library with
+// two positions, which its tokeniser returns.
 #include <QByteArray>
 #include <QString>
 #include <algorithm>
@@ -37,10 +37,10 @@ constexpr char DELIMITERS[] = " \t\n(){};,.";
 
 std::string _sources;  // MEGABYTE bytes of them
 
-// A phrase that this file does not hold.
+// A phrase that does not occur in this file.
 std::string lastWords() { return std::string("the last words") + " of the text"; }
 
-// --- What all have, under one name ---
+// --- The operations of all competitors, under one name ---
 
 template <class Text>
 Text make(const std::string& s) {
@@ -68,7 +68,7 @@ unsigned find(const String& s, char c) { return s.index(c); }
 std::size_t find(const std::string& s, const char* text) { return s.find(text); }
 unsigned find(const String& s, const char* text) { return s.index(text, 0); }
 
-// --- Copying and making ---
+// --- Copying and constructing ---
 
 template <class Text>
 void copyAndAssign(benchmark::State& state, unsigned size) {
@@ -225,7 +225,7 @@ void tokeniseWithCopies(benchmark::State& state) {
 
 // --- Registration ---
 
-// The benchmarks run where the project's root is the working directory.
+// Requires: the working directory is the project's root.
 std::string readSources() {
   std::vector<std::filesystem::path> files;
   for (const char* directory : {"utils", "ysys", "tests", "benchmarks"}) {

@@ -4,8 +4,8 @@
 #   awk -v subject=NAME -f table.awk NAME.goals RESULTS
 #
 # RESULTS has lines LINE <tab> WHO <tab> VALUE, one for each round in which it was measured; the
-# median over the rounds counts, and less is better. NAME.goals tells lines, units and goals (its
-# format stands in memory.goals). Gives status 1 when something that a goal needs was not measured.
+# median over the rounds counts, and less is better. NAME.goals has lines, units and goals (its
+# format is described in memory.goals). Exits with 1 if a value that a goal needs is missing.
 
 BEGIN {
   FS = "\t"
@@ -42,7 +42,7 @@ function complain(text) {
   failed = 1
 }
 
-# The values of the rounds are put in order where they lie.
+# The values of the rounds are sorted in place.
 function medianOf(line, name,    n, i, j, v) {
   n = rounds[line, name]
   for (i = 2; i <= n; i++) {
@@ -68,7 +68,7 @@ function findBest(line,    i, name, median) {
   }
 }
 
-# Our median divided by that of a peer; "" when the peer was not measured.
+# Returns our median divided by that of a peer, or "" if the peer was not measured.
 function ratioTo(line, name) {
   if (name == "best") name = best
   if (!((line, name) in rounds)) return ""

@@ -1,22 +1,22 @@
 // SPDX-License-Identifier: MIT
-// The time that a step of a best-fit churn takes: out of a tree of free blocks, remove
-// the smallest that a request fits into (the smallest of all if it fits into none), give it
-// another size and insert it again. Requests and sizes are random.
+// The time of a step of a best-fit churn: from a tree of free blocks, remove the smallest
+// that a request fits into (the smallest of all if it fits into none), change its size and insert
+// it again. Requests and sizes are random.
 //
-// The library's WTreeBase stands beside the intrusive sets of Boost. The key is the size, 32 bits,
-// and among equals the address. Nodes lie in one array, 32 bytes each where the tree needs no more
-// than three links; the probe is its first element, so that it stands before all nodes of its size.
-// Each side is used as its users would: the library's with a comparison function, Boost's with an
-// inlined one, with links that are not cleared and without a size that is kept, where it can do
-// without; and its sets are sought in by size alone, which spares them the address.
+// The peers of the library's WTreeBase are the intrusive sets of Boost. The key is the size, 32
+// bits, then the address. Nodes lie in one array, 32 bytes each if the tree needs no more than
+// three links; the probe is its first element, so it is ordered before all nodes of its size. Each
+// side is used as its users would: the library's with a comparison function; Boost's with an
+// inlined one, with links that are not cleared, without a stored size if the set can do without,
+// and searched by size alone, without a comparison of addresses.
 //
-// Nothing but steps is timed: requests and sizes are drawn beforehand and gone through again and
-// again, and before the clock runs the tree has been filled and each of the steps done once.
+// Only steps are timed: requests and sizes are drawn beforehand and repeated, and before the clock
+// starts the tree is filled and each step has run once.
 #include <boost/intrusive/avl_set.hpp>
 #include <boost/intrusive/set.hpp>
 #include <boost/intrusive/sg_set.hpp>
 #include <boost/intrusive/splay_set.hpp>
-// The compiler does not see that a failed check keeps the number of rotations from being read.
+// The compiler does not see that the number of rotations is not read after a failed check.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #include <boost/intrusive/treap_set.hpp>
@@ -128,7 +128,7 @@ using PlainNode = NodeWith<bi::bs_set_base_hook<Unchecked>>;
 static_assert(sizeof(RedBlackCompactNode) == 32 && sizeof(AvlCompactNode) == 32);
 static_assert(sizeof(PlainNode) == 32);
 
-// A priority that is as good as random and takes no room in the node: a hash of its address.
+// A pseudo-random priority that takes no room in the node: a hash of its address.
 struct AddressHash {
   static std::uint64_t of(const PlainNode& node) {
     return reinterpret_cast<std::uintptr_t>(&node) * 0x9e3779b97f4a7c15u;

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
-// The time that an operation on one of the plain values takes.
+// The time of an operation on one of the plain values.
 //
-// A Time stands beside 64-bit integers that hold the same words, with the operation written out by
-// hand: a + b, (a * b) >> 16, (a << 16) / b and a < b. Each goes through the same arrays of random
-// words within the range that Time is made for; divisors are as long as dividends or shorter, and
+// The peers of a Time are 64-bit integers that hold the same words, with the operation written out
+// by hand: a + b, (a * b) >> 16, (a << 16) / b and a < b. Each side works through the same arrays
+// of random words within the range of a Time; divisors have at most as many bits as dividends, and
 // none is 0, since the integers would trap.
 //
-// A new UID stands beside the question for the time, which is part of it. Its text and back, words
-// of any size, stand beside the same of the 128-bit identifiers of libuuid.
+// The peer of a new UID is a call for the current time, which is part of it. The peers of its
+// conversion to text and back, with words of any size, are those of libuuid's 128-bit identifiers.
 #include <uuid/uuid.h>
 
 #include <array>
@@ -46,7 +46,7 @@ Utils::Time multiplied(Utils::Time a, Utils::Time b) { return a * b; }
 std::int64_t divided(std::int64_t a, std::int64_t b) { return a * 65536 / b; }
 Utils::Time divided(Utils::Time a, Utils::Time b) { return a / b; }
 
-// The operations, each for both kinds of value.
+// The operations, each for both types.
 struct Add {
   static constexpr char LINE[] = "Time: add";
   static constexpr unsigned LEFT_BITS = 47, RIGHT_BITS = 47;
@@ -83,7 +83,7 @@ struct Compare {
   }
 };
 
-// A word of up to so many bits and a sign, never 0 or -1.
+// Returns a signed word of up to that many bits, never 0 or -1.
 std::int64_t wordOf(std::mt19937_64& random, unsigned bits) {
   const std::uint64_t word = random() >> (64 - bits) | 2;
   return random() % 2 ? static_cast<std::int64_t>(word) : -static_cast<std::int64_t>(word);

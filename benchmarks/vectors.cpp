@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: MIT
-// The time that it takes to add an element to an array of pointers that starts empty
-// and is gone afterwards, all growth included, and to insert one at the front of ten thousand and
-// remove it again.
+// The time to add an element to an array of pointers that starts empty, with all growth
+// and the destruction of the array, and to insert one before ten thousand and remove it again.
 //
-// The library's Vector<void*> stands beside std::vector<void*>, each with the allocator that it
-// comes with.
+// The peer of the library's Vector<void*> is std::vector<void*>, each with its own allocator.
 #include <vector>
 
 #include "benchmarks/support/lines.h"

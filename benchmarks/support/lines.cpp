@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // The main function of the programs that measure times; see lines.h.
 //
-// Prints LINE <tab> WHO <tab> median in nanoseconds, and nothing else, on standard output. Flags of
-// the benchmark library are taken and go before the defaults.
+// Prints only LINE <tab> WHO <tab> median in nanoseconds on standard output. Flags of the benchmark
+// library are accepted and override the defaults.
 #include "benchmarks/support/lines.h"
 
 #include <cstdio>

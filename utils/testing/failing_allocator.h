@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The process allocator, made to fail for tests: from the nth request on, or at the nth alone.
+// A process allocator whose requests fail, for tests: from the nth request on, or the nth alone.
 //
 //   Utils::Testing::FailingAllocator memory;
 //   memory.failFrom(2);
@@ -51,8 +51,8 @@ struct FailingAllocator {
   };
   static_assert(sizeof(Counting) == sizeof(MemoryAllocator), "it lies in the same storage");
 
-  // Builds the process allocator anew as an A. A copy goes on with the same chunks and lists, and
-  // the destructor, which has no effect, is not run.
+  // Builds an A with the state of the process allocator in its storage. A copy of an arena serves
+  // from the same chunks and lists; the destructor, which has no effect, is not run.
   template <class A>
   static void replace() {
     auto* process = static_cast<MemoryAllocator*>(Allocator::theAllocator());

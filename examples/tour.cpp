@@ -3,16 +3,16 @@
 //
 //   tour FILE...
 //
-// Several tasks read the files, each whole into a String and one memory colour a file. The main
-// task takes them over in their order and indexes the words that tokSpan finds in a weight-balanced
-// tree whose nodes and words lie in memory of that colour too, and counts them once more in a map.
-// Prints the most frequent words, who holds how many bytes, how long each step took, and the
-// allocator's own report; then frees everything and shows that heap and strings are as they were. A
-// file that cannot be read is named on standard error and raised as an error, which a listener
-// counts; the status is then 1.
+// Several tasks read the files, each into one String with a memory colour of its own. The main task
+// receives them in their order, finds the words with tokSpan, indexes them in a weight-balanced
+// tree, whose nodes and words lie in memory of the same colour, and counts them again in a map.
+// Prints the most frequent words, the bytes that each file holds, the time of each step and the
+// allocator's own report; then frees everything and checks that heap and strings are as at the
+// start. A file that cannot be read is reported on standard error and raised as an error, which a
+// listener counts; the status is then 1.
 //
-// What it does can be followed in the log: env YUtils.Log.Categories=tour#2 tour FILE... And so can
-// the mutex that guards what is handed over: env YUtils.Log.Categories=utils#2 tour FILE...
+// The log shows the steps: env YUtils.Log.Categories=tour#2 tour FILE... It also shows the use of
+// the mutex of the queue: env YUtils.Log.Categories=utils#2 tour FILE...
 #include <algorithm>
 #include <atomic>
 #include <cctype>
@@ -49,15 +49,15 @@ using Utils::Time;
 constexpr char CATEGORY[] = "tour";
 constexpr char SOURCE[] = "examples/tour.cpp";
 
-// The process allocator, known to be the arena that can also be walked.
+// The process allocator, which is an arena that can be walked.
 MemoryAllocator& heap() { return *static_cast<MemoryAllocator*>(Utils::Allocator::theAllocator()); }
 
 // --- The index and the map ---
 
-// How often each word comes. Its strings are those of the index, shared.
+// The number of uses of each word. Its strings are those of the index, shared.
 using Counts = Utils::AVLTree<String, unsigned>;
 
-// The key stands directly behind the node, where the tree looks for it.
+// The key lies directly after the node, where the tree expects it.
 struct Word : Utils::WTreeNodeBase {
   explicit Word(const SubString& text) : text_(text) {}
 
@@ -73,7 +73,7 @@ struct Index : Utils::WTreeBase {
   Word* find(const SubString& text) const {
     for (auto* node = top(); node;) {
       auto* word = static_cast<Word*>(node);
-      // Looks at no more of the word than the range has.
+      // Compares at most as many characters as the range has.
       const int order = text.compare(word->text_);
       if (order == 0 && word->text_.size() == text.size()) return word;
       node = order < 0 ? node->right() : node->left();
@@ -81,7 +81,7 @@ struct Index : Utils::WTreeBase {
     return nullptr;
   }
 
-  // Counts one word more, in memory of the default colour; false when there is none.
+  // Counts one more use, in memory of the default colour. Returns false if there is none.
   bool add(const SubString& text) {
     Word* word = find(text);
     if (word) {
@@ -130,8 +130,8 @@ constexpr unsigned OUT_OF_MEMORY = 0x80000002;
 constexpr unsigned FILE_NOT_FOUND = 0x80040001;
 constexpr unsigned FILE_READ_ERROR = 0x80040002;
 
-// Reads a file whole, without the library: several tasks do so at once. Gives 0 or the error
-// number.
+// Reads a whole file, without the library: several tasks read at the same time. Returns 0 or the
+// error number.
 int readBytes(const char* name, std::string& bytes) {
   std::FILE* file = std::fopen(name, "rb");
   if (!file) return errno;
@@ -142,7 +142,7 @@ int readBytes(const char* name, std::string& bytes) {
   return error;
 }
 
-// What stands between words: all that is no letter.
+// The characters between words: all that are no letters.
 String delimiters() {
   String set;
   for (int c = 1; c < 128; c++) {
@@ -151,7 +151,7 @@ String delimiters() {
   return set;
 }
 
-// Puts the words of a text into the index; false when there is no memory.
+// Adds the words of a text to the index. Returns false if there is no memory.
 bool indexWords(String& text, Index& index) {
   const String between = delimiters();
   unsigned start = 0;
@@ -161,11 +161,11 @@ bool indexWords(String& text, Index& index) {
   return true;
 }
 
-// The files that were asked for, by their place, and the tasks that read them.
+// The files of the command line, by their index, and the tasks that read them.
 //
-// The library asks its callers to serialise: whoever uses it while the readers run holds library_.
-// Within that, queue_ guards what is handed over. It would not be needed; its steps can be followed
-// in the log, which is one of the things that must be serialised.
+// The library asks its callers to serialise: while the readers run, every task that uses it holds
+// library_. Within it, queue_ guards the texts that are handed over. library_ alone would suffice;
+// queue_ is there because its steps appear in the log. The log needs serialised calls, too.
 struct Files {
   Files(unsigned count, char** names) : count_(count), names_(names), errors_(count) {
     texts_.sizeTo(count);
@@ -177,13 +177,13 @@ struct Files {
     for (std::thread& reader : readers_) reader.join();
   }
 
-  // There are 63 colours beside 0; more files share them.
+  // There are 63 colours besides 0; more files share them.
   static unsigned colorOf(unsigned i) { return 1 + i % 63; }
 
   unsigned count() const { return count_; }
   const char* name(unsigned i) const { return names_[i]; }
 
-  // Waits for a file and puts its words into the index. What goes wrong is raised and told.
+  // Waits for a file and adds its words to the index. Raises and reports an error.
   bool load(unsigned i, Index& index) {
     while (!isRead(i)) arrived_.wait();
     const Utils::YtLightBLocker guard(library_);
@@ -208,7 +208,7 @@ struct Files {
     return error == ENOENT ? FILE_NOT_FOUND : FILE_READ_ERROR;
   }
 
-  // What each reader does.
+  // The body of each reader.
   void readAll() {
     for (unsigned i = next_++; i < count_; i = next_++) {
       std::string bytes;
@@ -246,9 +246,9 @@ struct Files {
   std::vector<std::thread> readers_;
 };
 
-// --- What is shown ---
+// --- The output ---
 
-// The time since the last call, and what it was spent on.
+// Shows the time since the last call, with the name of the step.
 struct Clock {
   void show(const char* step) {
     const double now = YIF_CurrentTime();
@@ -299,14 +299,14 @@ void showColors(const Files& files) {
   std::printf("Strings hold %u bytes of it.\n\n", Utils::YfTotalStringMemory());
 }
 
-// How many errors were raised.
+// Counts the errors that are raised.
 struct ErrorCount : Utils::ResultListener {
   void errorRaised(unsigned) const override { count_++; }
 
   mutable unsigned count_ = 0;
 };
 
-// What was held when the program began.
+// The memory that was held when the program began.
 struct Held {
   bool isAgain() const {
     heap().checkArena();
@@ -344,7 +344,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: tour FILE...\n");
     return 2;
   }
-  // The log and its categories, the last error and the list of listeners stay to the end.
+  // Created before the first count, since they stay: log, categories, last error, listeners.
   ErrorCount errors;
   Utils::addResultListener(&errors);
   Utils::clearError();
@@ -361,7 +361,7 @@ int main(int argc, char** argv) {
   std::printf(
       "\nFreed: %u bytes are held, as at the start: %u; %u by strings, as at the start: %u. %s\n",
       heap().allocatedMemory(), atFirst.memory_, Utils::YfTotalStringMemory(), atFirst.strings_,
-      whole ? "The heap is whole." : "Some are still counted!");
+      whole ? "The heap is whole." : "Some bytes are still held!");
   Utils::removeResultListener(&errors);
   return allRead && whole ? 0 : 1;
 }

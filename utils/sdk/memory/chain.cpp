@@ -46,12 +46,13 @@ unsigned Chain::setColor(void* mem, unsigned color, unsigned* totals) const {
   return 0;
 }
 
-// For a block of any kind: the block of a gap has as few as 8 bytes.
+// For a block of any kind: the block of a gap has as few as 8 bytes, and in a chain that was cut the
+// end may lie within it.
 bool Chain::canBeHead(const void* head) const {
   const unsigned word = wordAt(head);
   const unsigned size = sizeOf(word);
   if (!isBusy(word) && colorOf(word) != 0) return false;
-  return fits(head, size, ALIGN);
+  return cut_ ? size >= ALIGN && size % ALIGN == 0 : fits(head, size, ALIGN);
 }
 
 // Returns null at the end and, if the chain was cut, at the end marker of a chunk.

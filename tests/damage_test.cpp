@@ -2,8 +2,6 @@
 // Damage: every word of an arena's bookkeeping is written over, one at a time, with everything that
 // programs leave there. Nothing outside of the arena may be read or written, no two blocks may
 // overlap, and the walk must name the damaged block.
-#include <sys/mman.h>
-
 #include <cstdio>
 #include <cstring>
 #include <set>
@@ -13,33 +11,12 @@
 #include "gmock/gmock.h"
 #include "support/arena_check.h"
 #include "support/assertion_recorder.h"
+#include "support/scripted_parent.h"
 #include "support/seed.h"
 
 namespace {
 
 constexpr unsigned CHUNK = 131072;
-
-// One chunk between pages that cannot be read; no other.
-struct GuardedChunk : Utils::Allocator {
-  GuardedChunk() {
-    map_ = static_cast<char*>(
-        mmap(nullptr, CHUNK + 2 * GUARD, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    if (mprotect(chunk(), CHUNK, PROT_READ | PROT_WRITE) != 0) std::abort();
-  }
-  ~GuardedChunk() { munmap(map_, CHUNK + 2 * GUARD); }
-
-  char* chunk() const { return map_ + GUARD; }
-  using Allocator::alloc;
-  void* alloc(unsigned) override { return isTaken_ ? nullptr : (isTaken_ = true, chunk()); }
-  void free(void*) override {}
-  unsigned size(const void*) const override { return 0; }
-  unsigned allocatedMemory() const override { return 0; }
-  unsigned internalFree() const override { return 0; }
-
-  static constexpr unsigned GUARD = 65536;
-  char* map_;
-  bool isTaken_ = false;
-};
 
 enum class Kind { HEAD, TAIL, LINK, LABEL, HINT };
 
@@ -110,7 +87,7 @@ struct Damage : testing::Test {
     if (size == 0) size = sizes[random_.below(9)];
     char* mem = static_cast<char*>(arena_.alloc(size, random_.below(64)));
     if (!mem) return;
-    ASSERT_TRUE(mem >= parent_.chunk() && mem + size <= parent_.chunk() + CHUNK);
+    ASSERT_TRUE(mem >= parent_.base_ && mem + size <= parent_.base_ + CHUNK);
     for (const Held& other : held_)
       ASSERT_TRUE(mem + size <= other.mem_ || other.mem_ + other.bytes_ <= mem);
     held_.push_back({mem, size, static_cast<char>(random_.below(2) * (0x61 + random_.below(20)))});
@@ -133,8 +110,8 @@ struct Damage : testing::Test {
       all.push_back({head, head, Kind::HEAD, true, block.size()});
       all.push_back({head + block.size() - 4, head, Kind::TAIL, true, block.size()});
     }
-    all.push_back({parent_.chunk() + CHUNK - 4, *heads.rbegin(), Kind::HEAD, true});
-    all.push_back({parent_.chunk(), nullptr, Kind::HINT, true});
+    all.push_back({parent_.base_ + CHUNK - 4, *heads.rbegin(), Kind::HEAD, true});
+    all.push_back({parent_.base_, nullptr, Kind::HINT, true});
     for (const Held& held : held_) {
       char* head = held.mem_ - 4;
       if (heads.count(head) == 0) all.push_back({head, head, Kind::HEAD, false});
@@ -153,7 +130,7 @@ struct Damage : testing::Test {
     for (int i = 0; i < 3; i++) all.push_back(was ^ (1u << random_.below(32)));
     for (int i = 0; i < 3; i++) {
       const auto other = addressOf(held_[random_.below(unsigned(held_.size()))].mem_);
-      const auto chunk = addressOf(parent_.chunk()), own = addressOf(word.head_);
+      const auto chunk = addressOf(parent_.base_), own = addressOf(word.head_);
       for (auto p : {other, other - 4, chunk + 4, chunk + CHUNK - 12, chunk + CHUNK, chunk - 60,
                      own, own + 4})
         all.push_back(p);
@@ -176,11 +153,11 @@ struct Damage : testing::Test {
     std::memcpy(&was, word.at_, sizeof was);
     std::memcpy(word.at_, &value, bytes);
     std::memcpy(&now, word.at_, sizeof now);
-    SCOPED_TRACE("word at " + std::to_string(word.at_ - parent_.chunk()) + " of kind " +
+    SCOPED_TRACE("word at " + std::to_string(word.at_ - parent_.base_) + " of kind " +
                  std::to_string(int(word.kind_)) + ", " + std::to_string(was) + " to " +
                  std::to_string(value));
     const bool isSeen =
-        std::memcmp(word.at_, &before_[std::size_t(word.at_ - parent_.chunk())], bytes) != 0 &&
+        std::memcmp(word.at_, &before_[std::size_t(word.at_ - parent_.base_)], bytes) != 0 &&
         !isPlausible(word, was, now);
     recorder_.take();
     recorder_.reports_.clear();
@@ -233,7 +210,7 @@ struct Damage : testing::Test {
   }
 
   void sweep() {
-    before_.assign(parent_.chunk(), parent_.chunk() + CHUNK);
+    before_.assign(parent_.base_, parent_.base_ + CHUNK);
     const auto held = held_;
     std::vector<char> object(sizeof(Arena));
     std::memcpy(object.data(), static_cast<void*>(&arena_), sizeof(Arena));
@@ -242,7 +219,7 @@ struct Damage : testing::Test {
       std::memcpy(&was, word.at_, sizeof was);
       for (const std::uintptr_t value : values(word, was)) {
         damage(word, value, random_.below(2) == 0 ? 4 : word.bytes_);
-        std::memcpy(parent_.chunk(), before_.data(), CHUNK);
+        std::memcpy(parent_.base_, before_.data(), CHUNK);
         std::memcpy(static_cast<void*>(&arena_), object.data(), sizeof(Arena));
         held_ = held;
         if (HasFailure()) return;
@@ -251,7 +228,7 @@ struct Damage : testing::Test {
   }
 
   AssertionRecorder recorder_;
-  GuardedChunk parent_;
+  ScriptedParent parent_{CHUNK};  // one chunk between pages that cannot be read
   Random random_{1};
   std::vector<Held> held_;
   std::vector<char> before_;

@@ -34,8 +34,21 @@ struct ChainModel {
       : chunk_(std::move(chunk)), leastRest_(leastRest), around_(around) {}
   virtual ~ChainModel() = default;
 
+  // Whether a block can be asked for its size and colour.
+  bool isKnown(Address h) const { return h >= first_ && h < end_; }
+
+  bool recolor(Address h, Block& b, unsigned color) {
+    if ((color & 63) == 0 || b.color_ != 0 || !isKnown(h)) return false;
+    b.color_ = color & 63;
+    allocatedColor_[b.color_] += b.size_;
+    return true;
+  }
+
   std::map<Address, Block> chain_;
+  Address first_ = 0;
   Address end_ = 0;
+  bool isCut_ = false;
+  bool triesHard_ = true;
   unsigned allocated_ = 0;
   unsigned internalFree_ = 0;
   unsigned allocatedColor_[64] = {};
@@ -94,45 +107,51 @@ struct ChainModel {
     const Address c = chunk_(need);
     if (!c) return 0;
     Address h = c + 4;
-    unsigned size = need - 8;
-    if (end_ != 0 && c == end_ + 4 && need < LIMIT) {
+    unsigned size = std::min(need, LIMIT) - 8;
+    const Address gap = c - end_ + 4;
+    if (end_ == 0) {
+      first_ = h;
+    } else if (gap == 8 && need < LIMIT) {
       h = end_;
       size = need;
-    } else if (end_ != 0) {
-      chain_[end_] = {static_cast<unsigned>(c - end_ + 4), true, 0};
+    } else if (c > end_ && gap < LIMIT) {
+      chain_[end_] = {static_cast<unsigned>(gap), true, 0};
+    } else {
+      isCut_ = true;
     }
     chain_[h] = {size, true, 0};
-    end_ = c + need - 4;
+    end_ = h + size;
     split(h, amt);
     return h;
   }
 
   void giveBack(Address h) {
-    auto it = chain_.find(h);
-    const unsigned color = it->second.color_;
-    const auto next = std::next(it);
-    if (next != chain_.end() && joins(*it, *next)) {
-      makeBusy(next->first);
-      it->second.size_ += next->second.size_;
-      chain_.erase(next);
+    auto block = chain_.find(h);
+    const unsigned color = block->second.color_;
+    const auto next = std::next(block);
+    if (next != chain_.end()) join(block, next, next);
+    if (block != chain_.begin()) {
+      const auto previous = std::prev(block);
+      if (join(previous, block, previous)) block = previous;
     }
-    if (it != chain_.begin() && joins(*it, *std::prev(it))) {
-      const auto previous = std::prev(it);
-      makeBusy(previous->first);
-      previous->second.size_ += it->second.size_;
-      chain_.erase(it);
-      it = previous;
-    }
-    it->second.color_ = color;
-    makeFree(it->first);
-  }
-
-  static bool joins(const std::pair<const Address, Block>& b,
-                    const std::pair<const Address, Block>& n) {
-    return !n.second.busy_ && b.second.size_ + n.second.size_ < LIMIT;
+    block->second.color_ = color;
+    makeFree(block->first);
   }
 
  private:
+  using Place = std::map<Address, Block>::iterator;
+
+  // Joins the two to one busy block if they touch and the neighbour is free.
+  bool join(Place low, Place high, Place neighbour) {
+    const unsigned sum = low->second.size_ + high->second.size_;
+    if (neighbour->second.busy_ || low->first + low->second.size_ != high->first || sum >= LIMIT)
+      return false;
+    makeBusy(neighbour->first);
+    low->second.size_ = sum;
+    chain_.erase(high);
+    return true;
+  }
+
   Chunks chunk_;
   const unsigned leastRest_;
   const unsigned around_;
@@ -232,7 +251,7 @@ struct BankModel : ChainModel {
     if (size > LARGEST_REQUEST) return 0;
     const unsigned amt = amountFor(size);
     Address h = fitAbove(amt);
-    if (!h && tryHard_) h = fitInOwnBin(amt);
+    if (!h && triesHard_) h = fitInOwnBin(amt);
     if (h) {
       makeBusy(h);
       split(h, amt);
@@ -248,9 +267,6 @@ struct BankModel : ChainModel {
   }
 
   Block& at(Address h) { return chain_.at(h); }
-
-  bool tryHard_ = true;
-  unsigned foundBehindOthers_ = 0;  // searches of a bin that went past its first block
 
  private:
   using Bin = std::vector<Address>;  // the last one goes first
@@ -273,9 +289,7 @@ struct BankModel : ChainModel {
     const Bin& bin = binOf(amt);
     const auto fits = [&](Address h) { return at(h).size_ >= amt; };
     const auto fit = std::find_if(bin.rbegin(), bin.rend(), fits);
-    if (fit == bin.rend()) return 0;
-    foundBehindOthers_ += fit != bin.rbegin();
-    return *fit;
+    return fit == bin.rend() ? 0 : *fit;
   }
 
   Bin bins_[27];

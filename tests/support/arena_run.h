@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 // A seeded random run of an arena allocator beside a model of it.
 //
-// Every block that lives keeps a pattern of its own, read again before it is freed. After every
-// step the addresses, sizes, colours and totals are those of the model, and the arena's own checker
-// is content.
+// Every live block keeps a pattern of its own, which is read again before the block is freed. After
+// every step the addresses, sizes, colours and totals are those of the model, and both checkers
+// find the arena whole.
 #pragma once
 
 #include <cstring>
@@ -13,6 +13,14 @@
 #include "gtest/gtest.h"
 #include "support/scripted_parent.h"
 #include "support/seed.h"
+
+struct RunOf {
+  unsigned steps_;
+  std::size_t mostLive_;
+  unsigned sizeBits_ = 18;   // of the requests that are not near one of the limits
+  unsigned areaStride_ = 0;  // now and then, chunks move on by that many areas of 10 MiB
+  bool triesHard_ = true;
+};
 
 template <class Arena, class Model>
 struct ArenaRun {
@@ -25,16 +33,19 @@ struct ArenaRun {
   explicit ArenaRun(unsigned seed)
       : random_(seed), arena_(&parent_), model_([this](unsigned need) { return chunkFor(need); }) {}
 
-  void run(unsigned steps, std::size_t mostLive) {
-    for (unsigned step = 0; step < steps && !testing::Test::HasFailure(); step++) {
+  void run(const RunOf& how) {
+    arena_.tryHard(how.triesHard_);
+    model_.triesHard_ = how.triesHard_;
+    for (unsigned step = 0; step < how.steps_ && !testing::Test::HasFailure(); step++) {
       SCOPED_TRACE("step " + std::to_string(step));
-      const std::size_t aim = (step / 500 % 3 + 1) * mostLive / 3;
-      if (random_.below(20) == 0) parent_.skip(16 * random_.below(1000));
-      parent_.failFrom(random_.below(30) == 0 ? 1 : 0);
+      const std::size_t aim = (step / 500 % 3 + 1) * how.mostLive_ / 3;
+      placeChunks(how.areaStride_);
       if (live_.size() < aim * (1 + random_.below(8)) / 8) {
-        alloc();
+        alloc(someSize(how.sizeBits_));
       } else if (!live_.empty()) {
-        free(random_.below(static_cast<unsigned>(live_.size())));
+        const std::size_t index = random_.below(static_cast<unsigned>(live_.size()));
+        recolor(live_[index].mem_);
+        free(index);
       }
       compare();
     }
@@ -43,51 +54,58 @@ struct ArenaRun {
     EXPECT_EQ(parent_.freed_, 0u);
   }
 
-  unsigned someSize() {
-    switch (random_.below(8)) {
-      case 0:
-        return random_.below(32);
-      case 1:
-      case 2:
-        return random_.below(505);
-      case 3:
-        return 480 + random_.below(600);
-      case 4:
-      case 5:
-        return random_.below(5000);
-      case 6:
-        return random_.below(40000);
-      default:
-        return random_.below(200000);
-    }
+  void placeChunks(unsigned areaStride) {
+    constexpr unsigned AREAS = 31;
+    if (areaStride != 0 && usedAreas_ < AREAS && random_.below(50) == 0)
+      parent_.placeAt(std::size_t{usedAreas_++ * areaStride % AREAS} * (10 << 20));
+    if (random_.below(20) == 0) parent_.skip(16 * random_.below(1000));
+    parent_.failFrom(random_.below(30) == 0 ? 1 : 0);
   }
 
-  void alloc() {
-    const unsigned size = someSize();
+  unsigned someSize(unsigned bits) {
+    const unsigned limits[] = {504, 1016, 10240, Model::LARGEST_REQUEST};
+    const unsigned limit = limits[random_.below(bits < 32 ? 3 : 4)];
+    if (random_.below(4) == 0) return limit - 8 + random_.below(17);
+    return static_cast<unsigned>(random_.engine_()) >> (32 - bits) >> random_.below(bits);
+  }
+
+  void alloc(unsigned size) {
     const unsigned color = random_.below(80);
-    unsigned char* mem;
+    void* mem;
     if (random_.below(2) == 0) {
-      mem = static_cast<unsigned char*>(arena_.alloc(size, color));
+      mem = arena_.alloc(size, color);
     } else {
       arena_.setDefaultColor(color, nullptr);
-      mem = static_cast<unsigned char*>(arena_.alloc(size));
+      mem = arena_.alloc(size);
     }
     const auto head = model_.alloc(size, color);
-    if (head == 0) {
-      ASSERT_EQ(mem, nullptr);
-      return;
-    }
-    ASSERT_EQ(reinterpret_cast<std::uintptr_t>(mem), head + 4) << "size " << size;
-    EXPECT_EQ(arena_.size(mem), model_.at(head).size_);
-    EXPECT_GE(arena_.size(mem), size + 8);
-    EXPECT_EQ(arena_.color(mem), color & 63);
-    EXPECT_TRUE(arena_.valid(mem));
-    EXPECT_TRUE(Arena::busy(mem));
-    live_.push_back({mem, size, static_cast<unsigned char>(1 + random_.below(255))});
+    ASSERT_EQ(addressOf(mem), head == 0 ? 0 : head + 4) << "size " << size;
+    if (!mem) return;
+    EXPECT_GE(model_.at(head).size_, size + 8);
+    checkAnswers(mem);
+    live_.push_back({static_cast<unsigned char*>(mem), size,
+                     static_cast<unsigned char>(1 + random_.below(255))});
     fill(live_.back());
   }
 
-  // Marks the ends of what the caller may use; a whole large block would cost more than it shows.
+  void recolor(void* mem) {
+    const unsigned color = random_.below(80);
+    const bool isDone = model_.recolor(addressOf(mem) - 4, model_.at(addressOf(mem) - 4), color);
+    EXPECT_EQ(arena_.color(mem, color), isDone ? 0 : Utils::RESULT_INVALID_ARGUMENT);
+    checkAnswers(mem);
+  }
+
+  void checkAnswers(void* mem) {
+    const auto& block = model_.at(addressOf(mem) - 4);
+    const bool isKnown = model_.isKnown(addressOf(mem) - 4);
+    EXPECT_EQ(arena_.size(mem), isKnown ? block.size_ : 0);
+    EXPECT_EQ(arena_.color(mem), isKnown ? block.color_ : 0);
+    EXPECT_EQ(arena_.valid(mem), isKnown);
+    EXPECT_TRUE(Arena::busy(mem));
+  }
+
+  // Marks the ends of the bytes that the caller may use; a whole large block would cost more than
+  // it shows.
   static constexpr unsigned MARKED = 256;
 
   static void fill(const Live& l) {
@@ -109,7 +127,7 @@ struct ArenaRun {
     live_[index] = live_.back();
     live_.pop_back();
     ASSERT_TRUE(intact(l));
-    model_.free(reinterpret_cast<std::uintptr_t>(l.mem_) - 4);
+    model_.free(addressOf(l.mem_) - 4);
     arena_.free(l.mem_);
   }
 
@@ -121,16 +139,20 @@ struct ArenaRun {
       ASSERT_EQ(arena_.allocatedColorMemory(c), model_.allocatedColor_[c]) << "colour " << c;
       ASSERT_EQ(arena_.freeColorMemory(c + 64), model_.freeColor_[c]) << "colour " << c;
     }
-    ASSERT_EQ(arena_.chain().size(), model_.chain_.size());
+    const std::size_t blocks = arena_.chain().size();
+    ASSERT_TRUE(model_.isCut_ || blocks == model_.chain_.size());
     arena_.check();
+    arena_.checkArena();
   }
 
   std::uintptr_t chunkFor(unsigned need) {
     EXPECT_LT(chunk_, parent_.sizes_.size()) << "the model asks for a chunk that was not asked for";
     if (chunk_ >= parent_.sizes_.size()) return 0;
     EXPECT_EQ(parent_.sizes_[chunk_], need);
-    return reinterpret_cast<std::uintptr_t>(parent_.chunks_[chunk_++]);
+    return addressOf(parent_.chunks_[chunk_++]);
   }
+
+  static std::uintptr_t addressOf(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
 
   Random random_;
   ScriptedParent parent_;
@@ -138,4 +160,5 @@ struct ArenaRun {
   std::size_t chunk_ = 0;  // chunks that the model was given
   Model model_;
   std::vector<Live> live_;
+  unsigned usedAreas_ = 1;
 };

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 // A parent allocator that does what the test says.
 //
-// Hands out chunks from a reserved range of its own, by default each right behind the one before,
-// and counts what it is asked. `skip` and `placeAt` decide where the next chunk lies, `failFrom`
-// which requests give null.
+// Returns chunks from a reserved range of its own, by default each directly after the one before,
+// and counts the requests. `skip` and `placeAt` decide where the next chunk lies, `failFrom` which
+// requests return null; so does one for which the range has no room.
 #pragma once
 
 #include <cstddef>
@@ -13,9 +13,9 @@
 
 struct ScriptedParent : Utils::Allocator {
   static constexpr std::size_t RANGE = std::size_t{320} << 20;
-  static constexpr std::size_t GUARD = std::size_t{64} << 20;  // behind it, never readable
+  static constexpr std::size_t GUARD = std::size_t{64} << 20;  // on both sides, never readable
 
-  ScriptedParent();
+  explicit ScriptedParent(std::size_t range = RANGE);
   ~ScriptedParent();
   ScriptedParent(const ScriptedParent&) = delete;
   ScriptedParent& operator=(const ScriptedParent&) = delete;
@@ -35,6 +35,7 @@ struct ScriptedParent : Utils::Allocator {
     asked_ = 0;
   }
 
+  const std::size_t range_;
   char* base_;
   char* next_;
   unsigned failFrom_ = 0;

@@ -12,7 +12,9 @@
 //   3. The blocks in the lists of small blocks are free, and have the size of their list.
 //   4. The totals of free memory are the sums of the free blocks.
 //   5. A free block of the chain has at least 1024 bytes (MemoryBank: 32).
-//   6. No two neighbours of the chain are free, unless a head word could not hold their sum.
+//   6. In the first 64 MiB of a chain no two neighbours are free. Later in the chain their sum may
+//   be
+//      or may have been too large for a head word.
 //   7. The tree (the bins) holds no block twice, and only free blocks of the chain.
 //   8. The tree is balanced (wtree.h).
 //   9. The lists of small blocks hold no block twice, and each lies in a page: a busy block of the
@@ -69,7 +71,8 @@ struct ChainBlocks {
   // Collects the blocks and checks the tails, 5 and 6.
   template <class Arena>
   std::string collect(const Arena& arena, unsigned leastFree) {
-    unsigned before = 1;  // the head word of the block before
+    bool isFreeBefore = false;
+    const char* first = static_cast<const char*>(arena.firstBlock());
     for (void* mem = arena.firstBlock(); mem; mem = arena.nextBlock(mem)) {
       const char* head = static_cast<const char*>(mem) - 4;
       const unsigned word = wordAt(head);
@@ -78,10 +81,10 @@ struct ChainBlocks {
       if (!isBusy(word)) {
         free_.insert(head);
         if (sizeOf(word) < leastFree) return broken("5. too small to be free", head);
-        if (!isBusy(before) && sizeOf(before) + sizeOf(word) < LIMIT)
+        if (isFreeBefore && static_cast<char*>(mem) + sizeOf(word) < first + LIMIT)
           return broken("6. free neighbours", head);
       }
-      before = word;
+      isFreeBefore = !isBusy(word);
     }
     return {};
   }

@@ -1,53 +1,59 @@
 // SPDX-License-Identifier: MIT
-// The small allocators, the birth of the process allocator and its life to the last instruction.
-// Each birth is one of a process of its own: the tests that need it run in a child.
+// The small allocators, and how the process allocator is created.
 #include "utils/sdk/allocator.h"
 
 #include <cstdio>
 #include <cstdlib>
+#include <vector>
 
 #include "gmock/gmock.h"
 #include "support/assertion_recorder.h"
-#include "support/nth_failure.h"
-#include "support/system_memory.h"
-#include "utils/sdk/alloc.h"
+#include "support/system_calls.h"
 #include "utils/sdk/object.h"
 #include "utils/sdk/platform.h"
 #include "utils/sdk/result.h"
 
-namespace {
+// The calls of the system layer. With SYSTEM_MEMORY_FAILS_AT_LOAD in the environment all requests
+// fail until the first reset.
+struct SystemMemory {
+  static void reset() {
+    wasReset_ = true;
+    fails_ = false;
+    inits_ = 0;
+    sizes_.clear();
+  }
 
-int _attached = 0;
+  static inline bool wasReset_ = false;
+  static inline bool fails_ = false;
+  static inline unsigned inits_ = 0;
+  static inline std::vector<unsigned> sizes_;  // every request
+  static inline int attached_ = 0;
+};
 
-}  // namespace
+extern "C" {
 
-int DisableThreadLibraryCalls(void*) noexcept { return ++_attached; }
+[[gnu::visibility("default")]] void YIF_MemInit(unsigned int flags) noexcept {
+  SystemMemory::inits_++;
+  SystemCalls::real(YIF_MemInit, "YIF_MemInit")(flags);
+}
+
+[[gnu::visibility("default")]] void* YIF_MemAlloc(unsigned int size) noexcept {
+  SystemMemory::sizes_.push_back(size);
+  const bool failsAtLoad = !SystemMemory::wasReset_ && std::getenv("SYSTEM_MEMORY_FAILS_AT_LOAD");
+  if (SystemMemory::fails_ || failsAtLoad) return nullptr;
+  return SystemCalls::real(YIF_MemAlloc, "YIF_MemAlloc")(size);
+}
+}
+
+int DisableThreadLibraryCalls(void*) noexcept { return ++SystemMemory::attached_; }
 
 namespace {
 
 using testing::ElementsAre;
-using testing::ExitedWithCode;
 using testing::IsEmpty;
 using Utils::Allocator;
 
 constexpr unsigned RESERVED = 20971528;
-
-Utils::MemoryAllocator* theArena() {
-  return static_cast<Utils::MemoryAllocator*>(Allocator::theAllocator());
-}
-
-// Runs the body in a child and requires that all of its own checks held.
-template <class Body>
-void inAChild(Body body) {
-  EXPECT_EXIT(
-      {
-        SystemMemory::reset();
-        body();
-        std::fflush(stdout);
-        std::exit(testing::Test::HasFailure() ? 1 : 0);
-      },
-      ExitedWithCode(0), "");
-}
 
 TEST(HostAllocator, PassesOnAndKnowsNothing) {
   AssertionRecorder recorder;
@@ -71,7 +77,7 @@ TEST(HostAllocator, PassesOnAndKnowsNothing) {
                 allocator->allocatedColorMemory(5) + allocator->freeColorMemory(5),
             0u);
   EXPECT_THAT(recorder.take(), IsEmpty());
-  SystemMemory::failFrom_ = 1;
+  SystemMemory::fails_ = true;
   EXPECT_EQ(host.alloc(100), nullptr);
   EXPECT_THAT(recorder.take(), ElementsAre("m"));
   EXPECT_THAT(recorder.files_, ElementsAre("utils/sdk/allocator"));
@@ -97,12 +103,12 @@ TEST(AllocationLimiter, CutsItsPoolToTheLastByte) {
 TEST(AllocationLimiter, AsksForItsPoolAgain) {
   AssertionRecorder recorder;
   SystemMemory::reset();
-  SystemMemory::failFrom_ = 1;
+  SystemMemory::fails_ = true;
   Utils::AllocationLimiter limiter(100);
   EXPECT_EQ(limiter.alloc(100), nullptr);
   EXPECT_EQ(limiter.alloc(101), nullptr);
   EXPECT_THAT(SystemMemory::sizes_, ElementsAre(100u, 100u, 101u));
-  SystemMemory::failFrom_ = 0;
+  SystemMemory::fails_ = false;
   EXPECT_NE(limiter.alloc(100), nullptr);
   EXPECT_EQ(SystemMemory::sizes_.size(), 4u);
   EXPECT_THAT(recorder.take(), IsEmpty());
@@ -113,86 +119,39 @@ const unsigned _initsAtLoad = SystemMemory::inits_;
 const std::vector<unsigned> _sizesAtLoad = SystemMemory::sizes_;
 
 TEST(TheAllocator, IsBuiltOnceWithItsReservation) {
-  EXPECT_EQ(_attached, 1);
+  EXPECT_EQ(SystemMemory::attached_, 1);
   EXPECT_EQ(_initsAtLoad, 1u);
   EXPECT_THAT(_sizesAtLoad, ElementsAre(0x1400010u));
-  inAChild([] {
-    Allocator* first = Allocator::theAllocator();
-    EXPECT_EQ(first, Allocator::theAllocator());
-    EXPECT_LT(first->internalFree(), RESERVED);
-    EXPECT_GT(first->internalFree(), RESERVED - 20000);
-    void* empty = Utils::Object::operator new(0);
-    EXPECT_EQ(first->size(empty), 32u);
-    Utils::Object::operator delete(empty);
-    Utils::Object::operator delete(nullptr);
-    EXPECT_EQ(SystemMemory::inits_, 0u);
-    EXPECT_THAT(SystemMemory::sizes_, IsEmpty());
-  });
+  SystemMemory::reset();
+  Allocator* first = Allocator::theAllocator();
+  EXPECT_EQ(first, Allocator::theAllocator());
+  EXPECT_LT(first->internalFree(), RESERVED);
+  EXPECT_GT(first->internalFree(), RESERVED - 20000);
+  void* empty = Utils::Object::operator new(0);
+  EXPECT_EQ(first->size(empty), 32u);
+  Utils::Object::operator delete(empty);
+  Utils::Object::operator delete(nullptr);
+  EXPECT_EQ(SystemMemory::inits_, 0u);
+  EXPECT_THAT(SystemMemory::sizes_, IsEmpty());
 }
 
 // The child begins anew, and its library is loaded without memory.
 TEST(TheAllocator, DoesWithoutItsReservation) {
   setenv("SYSTEM_MEMORY_FAILS_AT_LOAD", "1", 1);
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  inAChild([] {
+  const auto useIt = [] {
+    SystemMemory::reset();
     Allocator* allocator = Allocator::theAllocator();
     EXPECT_EQ(allocator->internalFree(), 0u);
     EXPECT_STREQ(Utils::resultToString(0), "Success #0x00000000");
     EXPECT_NE(allocator->alloc(2000), nullptr);
     EXPECT_THAT(SystemMemory::sizes_, ElementsAre(131072u));
-  });
+    std::fflush(stdout);
+    std::exit(testing::Test::HasFailure() ? 1 : 0);
+  };
+  EXPECT_EXIT(useIt(), testing::ExitedWithCode(0), "");
   GTEST_FLAG_SET(death_test_style, "fast");
   unsetenv("SYSTEM_MEMORY_FAILS_AT_LOAD");
-}
-
-// With every request failing in turn, what was given stays whole and what could not be had is null.
-TEST(TheAllocator, SurvivesAnExhaustedSystem) {
-  failEveryNth(12, [](unsigned n) {
-    bool through = false;
-    EXPECT_EXIT(
-        {
-          AssertionRecorder recorder;
-          SystemMemory::reset();
-          SystemMemory::failFrom_ = n;
-          Allocator* allocator = Allocator::theAllocator();
-          bool failed = allocator->internalFree() == 0;
-          std::vector<void*> live;
-          for (unsigned i = 0; i < 9; i++) {
-            void* mem = allocator->alloc(i % 3 == 2 ? 40 : 12000000);
-            failed = failed || !mem;
-            if (mem) live.push_back(mem);
-          }
-          for (void* mem : live) {
-            if (!allocator->valid(mem)) std::exit(3);
-            allocator->free(mem);
-          }
-          theArena()->checkArena();
-          std::exit(failed ? 1 : 0);
-        },
-        [&](int status) {
-          through = ExitedWithCode(0)(status);
-          return through || ExitedWithCode(1)(status);
-        },
-        "");
-    return through;
-  });
-}
-
-TEST(TheAllocator, ServesStaticDestructorsAndExitHandlers) {
-  inAChild([] {
-    static struct Last {
-      ~Last() {
-        void* more = Utils::Object::operator new(3000);
-        if (!theArena()->valid(more) || !theArena()->valid(held_)) std::_Exit(7);
-        Utils::Object::operator delete(more);
-        Utils::Object::operator delete(held_);
-        theArena()->checkArena();
-      }
-      void* held_ = nullptr;
-    } last;
-    last.held_ = Utils::Object::operator new(100);
-    std::atexit([] { last.held_ = Allocator::theAllocator()->alloc(10000); });
-  });
 }
 
 TEST(MemoryColor, NestsAndPutsBack) {

@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include "gmock/gmock.h"
@@ -93,6 +94,20 @@ struct Library {
 
   void* handle_;
 };
+
+TEST(Life, KeepsTheAllocatorAndItsMemoryWhenItIsClosed) {
+  const ChildResult result = runInChild([] {
+    const Library first;
+    const unsigned before = first.find<unsigned()>("lifeHeld")();
+    char* mem = static_cast<char*>(first.find<void*(unsigned)>("lifeAlloc")(3000));
+    std::strcpy(mem, "still here\n");
+    dlclose(first.handle_);
+    std::fputs(mem, stderr);
+    return Library().find<unsigned()>("lifeHeld")() == before + 3008 ? 0 : 1;
+  });
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.errorOutput, "still here\n");
+}
 
 Library* _library = nullptr;
 unsigned _heldBefore = 0, _entrySize = 0;

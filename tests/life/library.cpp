@@ -10,6 +10,9 @@ Life::Witness _witness("a library's initialiser", "a library's destructor");
 
 extern "C" {
 [[gnu::visibility("default")]] void lifeUse(const char* moment) { Life::use(moment); }
+[[gnu::visibility("default")]] void* lifeAlloc(unsigned size) {
+  return Utils::Allocator::theAllocator()->alloc(size);
+}
 [[gnu::visibility("default")]] unsigned lifeHeld() {
   return Utils::Allocator::theAllocator()->allocatedMemory();
 }

@@ -46,6 +46,7 @@ void useWithoutMemory(const char* moment) {
   if (memory->alloc(1000000) || arena.alloc(10) || arena.alloc(4000)) Life::say("memory is left\n");
   memory->free(last);
   Life::use(moment);
+  static_cast<Utils::MemoryAllocator*>(memory)->checkArena();
 }
 
 }  // namespace

@@ -5,8 +5,8 @@
 #include <string>
 
 #include "gtest/gtest.h"
-#include "support/failing_allocator.h"
 #include "support/huge_text.h"
+#include "utils/testing/failing_allocator.h"
 
 namespace {
 
@@ -14,6 +14,7 @@ using Utils::Allocator;
 using Utils::Object;
 using Utils::Problem;
 using Utils::Ref;
+using Utils::Testing::FailingAllocator;
 
 struct Probe : Object {
   Probe() { made_++; }

@@ -1,15 +1,12 @@
 // SPDX-License-Identifier: MIT
 // The order of the values, compiled as C++17, 20 and 23: whichever operators a language makes of
 // ours, and whatever is compared with what, the results are the same.
-#include <algorithm>
 #include <functional>
-#include <map>
 #include <string>
 #include <string_view>
 #include <tuple>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 #include "gtest/gtest.h"
 #include "utils/sdk/atree.h"
@@ -123,18 +120,6 @@ TEST(Comparison, OfIdentifiersAndNumbers) {
     expectSign(times[i], 0, (i > 3) - (i < 3));
     expectSign(times[i], 0.5f, (i > 4) - (i < 4));
   }
-}
-
-TEST(Comparison, SortsAndFinds) {
-  std::map<std::pair<String, int>, int> map;
-  for (const char* word : {"pear", "apple", "fig", "kiwi", "fig"}) map[{word, 1}]++;
-  std::vector<String> words;
-  for (const auto& entry : map) words.push_back(entry.first.first);
-  EXPECT_EQ(words, (std::vector<String>{"apple", "fig", "kiwi", "pear"}));
-#ifdef __cpp_lib_ranges
-  std::ranges::sort(words, std::ranges::greater());
-  EXPECT_EQ(words[0], "pear");
-#endif
 }
 
 // --- What must not compile ---

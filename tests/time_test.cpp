@@ -108,17 +108,9 @@ void checkOrder(const Time& t, Right right, std::int64_t a, std::int64_t b) {
 }
 
 void checkIntegers(std::int64_t a, int i) {
-  Time t = timeOf(a);
-  const std::int64_t b = std::int64_t{i} * 65536;
-  EXPECT_EQ(rawOf(Time(i)), b);
-  EXPECT_EQ(rawOf(t + i), sumOf(a, b));
-  EXPECT_EQ(rawOf(t - i), differenceOf(a, b));
-  EXPECT_EQ(rawOf(t * i), floorOf(productOf(a, b), 65536));
-  EXPECT_EQ(rawOf(t / i), quotientOf(a, b));
-  checkOrder(t, i, a, b);
-  checkOrder(Time(i), i, b, b);
-  EXPECT_EQ(static_cast<int>(t), static_cast<int>(floorOf(a, 65536)));
-  EXPECT_EQ(static_cast<unsigned>(t), static_cast<unsigned>(floorOf(a, 65536)));
+  EXPECT_EQ(rawOf(Time(i)), std::int64_t{i} * 65536);
+  EXPECT_EQ(static_cast<int>(timeOf(a)), static_cast<int>(floorOf(a, 65536)));
+  EXPECT_EQ(static_cast<unsigned>(timeOf(a)), static_cast<unsigned>(floorOf(a, 65536)));
   EXPECT_EQ(static_cast<unsigned>(Time(static_cast<unsigned>(i))), static_cast<unsigned>(i));
 }
 
@@ -184,6 +176,7 @@ TEST(Time, Expressions) {
   EXPECT_TRUE(Time(0.5) * 2 == 1);
   EXPECT_TRUE(Time(1) / 2 == 0.5f);
   EXPECT_TRUE(Time(1) + 1 == Time(2u));
+  EXPECT_TRUE(Time(1) - 3 == -2);
   EXPECT_TRUE(Time(2.5) > 2);
   EXPECT_TRUE(Time(0.1f) == 0.1f);
   EXPECT_EQ(static_cast<int>(Time(-1.5f)), -2);

@@ -93,7 +93,7 @@ TYPED_TEST(Arenas, AnswerForWhatIsNoBlock) {
     EXPECT_FALSE(arena.valid(p));
     EXPECT_EQ(arena.color(p, 5), Utils::RESULT_INVALID_ARGUMENT);
   }
-  EXPECT_FALSE(Arena::busy(static_cast<void*>(nullptr)));
+  EXPECT_FALSE(Arena::busy(nullptr) || Arena::busy(static_cast<void*>(nullptr)));
   // Words inside a block that look like heads, of any size.
   for (const unsigned word : {1u, 33u, 41u, 1027u, 200001u, 0xffffffffu, 0x3ffffffu, 1025u}) {
     std::memcpy(mem + 44, &word, sizeof word);
@@ -114,8 +114,8 @@ TYPED_TEST(Arenas, AnswerForWhatIsNoBlock) {
 
 TYPED_TEST(Arenas, ReportDamageAndLeaveItAlone) {
   auto& arena = this->arena_;
-  typename TypeParam::Arena onTheSystemLayer;
-  char* foreign = bytes(onTheSystemLayer.alloc(2000));
+  typename TypeParam::Arena other;  // on the system layer
+  char* foreign = bytes(other.alloc(2000));
   char* mem = bytes(arena.alloc(2000));
   const unsigned held = arena.allocatedMemory();
   mem[2000] ^= 8;
@@ -133,13 +133,23 @@ TYPED_TEST(Arenas, ReportDamageAndLeaveItAlone) {
   EXPECT_THAT(this->recorder_.reports_, testing::HasSubstr("no block can be at"));
   EXPECT_EQ(arena.allocatedMemory(), held - 2008);
   arena.check();
+  // A free block whose tail was written over, found by the block after it and by the one before.
+  void* before = other.alloc(2000);
+  void* damaged = other.alloc(2000);
+  char* after = bytes(other.alloc(2000));
+  other.free(damaged);
+  after[-8] ^= 16;
+  for (void* neighbour : {static_cast<void*>(after), before}) {
+    other.free(neighbour);
+    EXPECT_THAT(this->recorder_.take(), ElementsAre("size == (t->size & ~1)"));
+  }
   constexpr char CHUNK_FITS[] = "((unsigned long)candidate & (CHUNK_ALIGN - 1)) == 0";
   this->parent_.placeAt(400008);
   arena.alloc(300000);
   EXPECT_THAT(this->recorder_.take(), ElementsAre(CHUNK_FITS));
   this->parent_.placeAt(800004);
-  onTheSystemLayer = typename TypeParam::Arena(&this->parent_);
-  onTheSystemLayer.alloc(300000);
+  other = typename TypeParam::Arena(&this->parent_);
+  other.alloc(300000);
   EXPECT_THAT(this->recorder_.take(),
               ElementsAre(CHUNK_FITS, "((unsigned int)mem & (ALIGN - 1)) == 0"));
   EXPECT_THAT(this->recorder_.files_, Each(TypeParam::SOURCE));
@@ -156,6 +166,7 @@ TYPED_TEST(Arenas, ProtectedSteps) {
   auto* fit = arena.allocCandidate(TypeParam::HAS_PAGES ? 2000 : 5);
   ASSERT_NE(fit, nullptr);
   EXPECT_EQ(fit->sizeandcolor_, 130040u + 1);
+  EXPECT_TRUE(arena.busy(fit));
   EXPECT_EQ(arena.internalFree(), 0u);
   EXPECT_EQ(arena.allocCandidate(TypeParam::HAS_PAGES ? 1024 : 5), nullptr);
   arena.splitBlock(fit, 4096);

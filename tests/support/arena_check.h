@@ -45,6 +45,7 @@ struct OpenArena : OpenChain<Utils::MemoryAllocator> {
   using MemoryAllocator::_free;
   using MemoryAllocator::allocCandidate;
   using MemoryAllocator::allocSmall;
+  using MemoryAllocator::busy;
   using MemoryAllocator::coalesce;
   using MemoryAllocator::freeLoser;
   using MemoryAllocator::freeSmall;
@@ -68,6 +69,7 @@ struct OpenBank : OpenChain<Utils::MemoryBank> {
   using MemoryBank::_alloc;
   using MemoryBank::_free;
   using MemoryBank::allocCandidate;
+  using MemoryBank::busy;
   using MemoryBank::coalesce;
   using MemoryBank::freeLoser;
   using MemoryBank::MemHead;

@@ -156,7 +156,8 @@ TEST(Exhaustion, GivesNullAndKeepsWhatWasThere) {
   kept = longer;
   EXPECT_STREQ(kept.msg(), longer.msg());
   if constexpr (sizeof(std::size_t) > 4) {
-    EXPECT_EQ(Object::operator new(std::size_t{1} << 32), nullptr);
+    EXPECT_EQ(Object::operator new(static_cast<std::size_t>(1) << (sizeof(std::size_t) * 4)),
+              nullptr);
   }
 }
 

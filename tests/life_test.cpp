@@ -127,6 +127,7 @@ TEST(Life, GoesOnAfterTheUnload) {
     _library->find<void(const char*)>("lifeUse")("before");
     _entrySize = _library->find<unsigned()>("lifeEntrySize")();
     _heldBefore = _library->find<unsigned()>("lifeHeld")();
+    _library->find<void()>("lifeLeaveText")();
     std::exit(0);
     return 99;
   });

@@ -23,6 +23,9 @@ extern "C" {
   tree.insert(1, "text");
   return lifeHeld() - before;
 }
+[[gnu::visibility("default")]] void lifeLeaveText() {
+  const_cast<Utils::String&>(Utils::String::null()) = "left behind";
+}
 [[gnu::visibility("default")]] const char* lifeText(unsigned code) {
   return Utils::resultToString(code);
 }

@@ -20,7 +20,8 @@ inline const char* useStrings() {
   Utils::String large('x', 300000);
   small += " and more";
   large[299999] = 'y';
-  return small == "small and more" && large.index('y') == 299999 ? nullptr : "strings";
+  const bool isNull = Utils::String::null().textAt(0) == nullptr;
+  return isNull && small == "small and more" && large.index('y') == 299999 ? nullptr : "strings";
 }
 
 inline const char* useTrees() {

@@ -3,32 +3,18 @@
 // contention.
 #include "utils/sdk/block.h"
 
-#include <atomic>
-#include <memory>
 #include <type_traits>
 
 #include "gmock/gmock.h"
-#include "support/assertion_recorder.h"
 #include "support/contention.h"
+#include "support/sharing.h"
 #include "support/system_calls.h"
 
-YIF_Handle YIF_CreateEventCoop(int manualReset, int initiallySet) noexcept {
-  SystemCalls::note("create " + std::to_string(manualReset) + std::to_string(initiallySet));
-  static const auto real = SystemCalls::real(YIF_CreateEventCoop, "YIF_CreateEventCoop");
-  return real(manualReset, initiallySet);
-}
-
-#define NOTED(NAME, NOTE)                                    \
-  void NAME(YIF_Handle handle) noexcept {                    \
-    SystemCalls::note(NOTE);                                 \
-    static const auto real = SystemCalls::real(NAME, #NAME); \
-    real(handle);                                            \
-  }
-
+NOTED_MAKER(YIF_CreateEventCoop, (int manualReset, int initiallySet), (manualReset, initiallySet))
 NOTED(YIF_DestroyEventCoop, "destroy")
 NOTED(YIF_SetEventCoop, "set")
 NOTED(YIF_WaitEventCoop, "wait")
-NOTED(YIF_DestroyCriticalSection, "destroy section")
+NOTED(YIF_DestroyCriticalSection, "destroy")
 
 namespace {
 
@@ -38,26 +24,25 @@ using testing::IsEmpty;
 
 // --- The empty ones ---
 
-static_assert(std::is_empty_v<Utils::YtBLock> && std::is_empty_v<Utils::YtBLocker>);
-static_assert(std::is_empty_v<Utils::YtReadWriteBLock> &&
-              std::is_empty_v<Utils::YtReadWriteBLocker>);
+static_assert(std::is_empty_v<YtBLock> && std::is_empty_v<YtBLocker>);
+static_assert(std::is_empty_v<YtReadWriteBLock> && std::is_empty_v<YtReadWriteBLocker>);
 
 // Would not return if anything here waited.
 TEST(EmptyLocks, HoldNobody) {
-  Utils::YtBLock lock(nullptr);
+  YtBLock lock(nullptr);
   lock.unlock();
   lock.lock();
   lock.lock();
-  Utils::YtBLocker first(lock);
-  Utils::YtBLocker second(lock);
+  YtBLocker first(lock);
+  YtBLocker second(lock);
   second.unlock();
-  Utils::YtReadWriteBLock both("both");
+  YtReadWriteBLock both("both");
   both.writeLock();
   both.writeLock();
   both.readLock();
   both.readUnlock();
   both.writeUnlock();
-  Utils::YtReadWriteBLocker locker(both);
+  YtReadWriteBLocker locker(both);
   locker.writeLock();
   locker.readLock();
   locker.readUnlock();
@@ -73,7 +58,7 @@ TEST(LightLock, TouchesTheEventOnlyWhenItIsTakenAndFreed) {
   {
     YtLightBLock lock(name);
     EXPECT_EQ(lock.name(), name);
-    EXPECT_THAT(calls.take(), ElementsAre("create 01"));
+    EXPECT_THAT(calls.take(), ElementsAre("create"));
     for (int i = 0; i < 3; i++) lock.lock();
     EXPECT_THAT(calls.take(), ElementsAre("wait"));
     lock.unlock();
@@ -93,7 +78,6 @@ TEST(LightLock, TouchesTheEventOnlyWhenItIsTakenAndFreed) {
 }
 
 TEST(LightLock, TellsOfViolationsAndGoesOn) {
-  Log::theLog()->setVerbosity(0);
   const TracedUpTo traced(0);
   const char* const violation = "debug[0]|utils|BLock violation: light";
   YtLightBLock lock("light");
@@ -117,79 +101,36 @@ TEST(LightLock, TellsOfViolationsAndGoesOn) {
   });
 }
 
-TEST(LightLock, AssertsWhenItEndsHeld) {
-  const SystemCalls calls;
-  AssertionRecorder assertions;
-  {
-    YtLightBLock lock("held");
-    lock.lock();
-    calls.take();
-  }
-  EXPECT_THAT(assertions.take(), ElementsAre("owner_ == (unsigned long)-1"));
-  EXPECT_THAT(assertions.files_, testing::Each("utils/sdk/block"));
-  EXPECT_THAT(calls.take(), ElementsAre("destroy"));
-}
-
-TEST(LightLock, LetsTheNextTaskInAfterTheLastUnlock) {
-  YtLightBLock lock("light");
-  std::atomic<bool> isIn{false};
-  for (int i = 0; i < 3; i++) lock.lock();
-  std::thread other([&] {
-    const YtLightBLocker locker(lock);
-    isIn = true;
-  });
-  for (int i = 0; i < 2; i++) lock.unlock();
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  EXPECT_FALSE(isIn);
-  lock.unlock();
-  other.join();
-  EXPECT_TRUE(isIn);
-}
-
 // --- Both ---
 
-TEST(Blocks, Exclude) {
-  YtLightBLock light("light");
-  EXPECT_EQ(countUnder([&](auto step) {
-              const YtLightBLocker locker(light);
-              const YtLightBLocker again(light);
-              step();
-            }),
-            20000u);
-  YtHeavyBLock heavy("heavy");
-  EXPECT_EQ(countUnder([&](auto step) {
-              heavy.lock();
-              heavy.lock();
-              step();
-              heavy.unlock();
-              heavy.unlock();
-            }),
-            20000u);
-}
-
 template <class Kind>
-void expectSharing(const char* end) {
-  const SystemCalls calls;
-  {
-    Kind first("first");
-    auto second = std::make_unique<Kind>(first);
-    Kind third("third");
-    calls.take();
-    third = *second;
-    EXPECT_THAT(calls.take(), ElementsAre(end));
-    second.reset();
-    third.lock();
-    third.unlock();
-    first.lock();
-    first.unlock();
-    EXPECT_THAT(calls.take(), testing::Not(testing::Contains(end)));
-  }
-  EXPECT_THAT(calls.take(), ElementsAre(end));
+struct Blocks : testing::Test {};
+
+using Kinds = testing::Types<YtLightBLock, YtHeavyBLock>;
+TYPED_TEST_SUITE(Blocks, Kinds);
+
+TYPED_TEST(Blocks, Exclude) {
+  TypeParam lock("lock");
+  unsigned count = 0;
+  inTasks(4, [&] {
+    for (int i = 0; i < 5000; i++) {
+      lock.lock();
+      lock.lock();
+      count++;
+      lock.unlock();
+      lock.unlock();
+    }
+  });
+  EXPECT_EQ(count, 20000u);
 }
 
-TEST(Blocks, ThatAreCopiesShareOneAndEndItOnce) {
-  expectSharing<YtLightBLock>("destroy");
-  expectSharing<YtHeavyBLock>("destroy section");
+TYPED_TEST(Blocks, ThatAreCopiesShareOneAndEndItOnce) {
+  expectSharing<TypeParam>(
+      "destroy", [](auto& lock) { lock.emplace("lock"); },
+      [](TypeParam& lock) {
+        lock.lock();
+        lock.unlock();
+      });
 }
 
 }  // namespace

@@ -105,6 +105,9 @@ TEST(Fork, KeepsWhatTheForkingTaskHoldsAndFreesTheRest) {
         const auto child = runInChild([&] { return checkChild(locks, mine, choice); });
         const bool endsMine = choice == 3 && mine.back() != 0;
         EXPECT_EQ(child.status, endsMine ? -SIGABRT : 0) << choice << child.errorOutput;
+        const std::string failed =
+            "assertion failed: owner_ == (unsigned long)-1, utils/sdk/block:";
+        EXPECT_EQ(child.errorOutput.starts_with(failed), endsMine);
         done = true;
       }
       while (!done) std::this_thread::yield();

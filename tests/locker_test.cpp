@@ -8,13 +8,14 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <deque>
 #include <initializer_list>
-#include <memory>
 #include <sstream>
 
 #include "gmock/gmock.h"
 #include "support/child_process.h"
 #include "support/contention.h"
+#include "support/sharing.h"
 #include "support/system_calls.h"
 #include "support/temporary_directory.h"
 #include "utils/sdk/platform.h"
@@ -22,34 +23,16 @@
 
 // --- The system's operations, noted ---
 
-YIF_Handle _made = 0, _used = 0;  // the latest
-
 unsigned long YIF_CurrentTaskId() noexcept {
   SystemCalls::note("id");
   return 2480;
 }
 
-#define NOTED(NAME, NOTE)                                    \
-  void NAME(YIF_Handle handle) noexcept {                    \
-    SystemCalls::note(NOTE);                                 \
-    if (SystemCalls::isNoting()) _used = handle;             \
-    static const auto real = SystemCalls::real(NAME, #NAME); \
-    real(handle);                                            \
-  }
-#define NOTED_MAKER(NAME)                                    \
-  YIF_Handle NAME() noexcept {                               \
-    SystemCalls::note("create");                             \
-    static const auto real = SystemCalls::real(NAME, #NAME); \
-    const YIF_Handle made = real();                          \
-    if (SystemCalls::isNoting()) _made = made;               \
-    return made;                                             \
-  }
-
-NOTED_MAKER(YIF_CreateMutex)
+NOTED_MAKER(YIF_CreateMutex, (), ())
 NOTED(YIF_DestroyMutex, "destroy")
 NOTED(YIF_EnterMutex, "enter")
 NOTED(YIF_ExitMutex, "exit")
-NOTED_MAKER(YIF_CreateCriticalSection)
+NOTED_MAKER(YIF_CreateCriticalSection, (), ())
 NOTED(YIF_DestroyCriticalSection, "destroy")
 NOTED(YIF_EnterCriticalSection, "enter")
 NOTED(YIF_ExitCriticalSection, "exit")
@@ -57,95 +40,55 @@ NOTED(YIF_ExitCriticalSection, "exit")
 namespace {
 
 using namespace Utils;
-using testing::ElementsAre;
 using testing::IsEmpty;
 using Utils::Testing::FailingAllocator;
 
 template <class Kind>
-const char* nameOf();
-template <>
-const char* nameOf<Mutex>() {
-  return "mutex ";
-}
-template <>
-const char* nameOf<CriticalSection>() {
-  return "critical section ";
-}
-
-template <class Kind>
-struct Locks : testing::Test {
-  Locks() { Log::theLog()->setVerbosity(0); }
-
-  // A line of the lock that was made last.
-  static std::string line(int level, const char* step) {
-    return "debug[" + std::to_string(level) + "]|utils|2480 " + step + " " + nameOf<Kind>() +
-           std::to_string(_made);
-  }
-};
+struct Locks : testing::Test {};
 
 using Kinds = testing::Types<Mutex, CriticalSection>;
 TYPED_TEST_SUITE(Locks, Kinds);
 
+// Steps of the level CALL are calls, the others lines, for which alone the task is asked.
 TYPED_TEST(Locks, AreTracedStepByStep) {
-  const TracedUpTo traced(2);
-  const SystemCalls calls;
-  {
-    TypeParam lock;
-    EXPECT_THAT(calls.take(), ElementsAre("create", "id", this->line(0, "Created")));
-    {
-      const Locker locker(&lock, "a%s.cpp", 77);
-      EXPECT_THAT(
-          calls.take(),
-          ElementsAre("id", "debug[2]|utils|2480 Taking lock at file:'a%s.cpp', line:77", "id",
-                      this->line(2, "Waiting for"), "enter", "id", this->line(2, "Got")));
-    }
-    EXPECT_THAT(
-        calls.take(),
-        ElementsAre("id", "debug[2]|utils|2480 Freeing lock taken at file:'a%s.cpp', line:77", "id",
-                    this->line(2, "Exiting"), "exit"));
-  }
-  EXPECT_THAT(calls.take(), ElementsAre("id", this->line(0, "Destroying"), "destroy"));
-}
-
-TYPED_TEST(Locks, AskForNoTaskWhereALineIsOff) {
-  for (int level : {-1, 0, 1}) {
-    const TracedUpTo traced(level);
+  constexpr int CALL = -1;
+  for (const int traced : {-1, 0, 1, 2}) {
+    const TracedUpTo upTo(traced);
     const SystemCalls calls;
     {
       TypeParam lock;
-      calls.take();
-      const Locker locker(&lock, "a.cpp", 77);
+      const Locker locker(&lock, "a%s.cpp", 77);
     }
-    if (level < 0) {
-      EXPECT_THAT(calls.take(), ElementsAre("enter", "exit", "destroy"));
-    } else {
-      EXPECT_THAT(calls.take(),
-                  ElementsAre("enter", "exit", "id", this->line(0, "Destroying"), "destroy"));
+    const std::string kind = std::is_same_v<TypeParam, Mutex> ? " mutex " : " critical section ";
+    const std::string lock = kind + std::to_string(calls.made_);
+    std::vector<std::string> expected;
+    for (const auto& [level, text] : std::vector<std::pair<int, std::string>>{
+             {CALL, "create"},
+             {0, "Created" + lock},
+             {2, "Taking lock at file:'a%s.cpp', line:77"},
+             {2, "Waiting for" + lock},
+             {CALL, "enter"},
+             {2, "Got" + lock},
+             {2, "Freeing lock taken at file:'a%s.cpp', line:77"},
+             {2, "Exiting" + lock},
+             {CALL, "exit"},
+             {0, "Destroying" + lock},
+             {CALL, "destroy"}}) {
+      if (level == CALL) {
+        expected.push_back(text);
+      } else if (level <= traced) {
+        const std::string start = "debug[" + std::to_string(level) + "]|utils|2480 ";
+        expected.insert(expected.end(), {"id", start + text});
+      }
     }
+    EXPECT_EQ(calls.take(), expected);
   }
 }
 
 TYPED_TEST(Locks, ThatAreCopiesShareOneAndEndItOnce) {
-  const SystemCalls calls;
-  {
-    TypeParam first;
-    const YIF_Handle shared = _made;
-    auto second = std::make_unique<TypeParam>(first);
-    TypeParam third;
-    calls.take();
-    third = *second;
-    EXPECT_THAT(calls.take(), ElementsAre("destroy")) << "nobody had the third's own any more";
-    EXPECT_EQ(_used, _made);
-    third = *&third;
-    first = third;
-    second.reset();
-    EXPECT_THAT(calls.take(), IsEmpty());
-    third.enter();
-    EXPECT_EQ(_used, shared);
-    first.exit();
-    calls.take();
-  }
-  EXPECT_THAT(calls.take(), ElementsAre("destroy"));
+  expectSharing<TypeParam>(
+      "destroy", [](auto& lock) { lock.emplace(); },
+      [](TypeParam& lock) { const Locker locker(&lock, "a.cpp", 1); });
 }
 
 // Sixteen are counted without memory. Beyond that nothing is ended: a second end of one object
@@ -153,36 +96,18 @@ TYPED_TEST(Locks, ThatAreCopiesShareOneAndEndItOnce) {
 TYPED_TEST(Locks, ThatCannotBeCountedAreNotEnded) {
   for (const int shared : {16, 17}) {
     const auto child = runInChild([&] {
-      std::vector<std::unique_ptr<TypeParam>> locks;
-      for (int i = 0; i < shared; i++) locks.emplace_back(new TypeParam);
-      {
-        const std::vector<std::unique_ptr<TypeParam>> ends = std::move(locks);
-        std::vector<TypeParam*> copies(ends.size());
-        {
-          FailingAllocator allocator;
-          alignas(TypeParam) static char room[17][sizeof(TypeParam)];
-          allocator.failFrom(1);
-          for (std::size_t i = 0; i < ends.size(); i++)
-            copies[i] = new (room[i]) TypeParam(*ends[i]);
-        }
-        for (TypeParam* copy : copies) copy->~TypeParam();
-      }
       const SystemCalls calls;
-      TypeParam().enter();
-      return static_cast<int>(calls.take().size());
+      {
+        const std::deque<TypeParam> locks(static_cast<unsigned>(shared));
+        FailingAllocator memory;
+        memory.failFrom(1);
+        const std::deque<TypeParam> copies(locks);
+      }
+      const auto notes = calls.take();
+      return static_cast<int>(std::count(notes.begin(), notes.end(), "destroy"));
     });
-    EXPECT_EQ(child.status, shared == 16 ? 3 : 2) << child.errorOutput;
+    EXPECT_EQ(child.status, shared == 16 ? 16 : 0) << child.errorOutput;
   }
-}
-
-TYPED_TEST(Locks, Exclude) {
-  TypeParam lock;
-  EXPECT_EQ(countUnder([&](auto step) {
-              const Locker outer(&lock, __FILE__, __LINE__);
-              const Locker again(&lock, __FILE__, __LINE__);
-              step();
-            }),
-            20000u);
 }
 
 TYPED_TEST(Locks, ComeAndGoWhileOthersAreCopied) {

@@ -2,13 +2,8 @@
 // For tests that replace operations of the system interface and note their calls.
 //
 // A test program that defines such an operation has it called in place of the system layer's, in
-// the library too. It notes the call and goes on to the real one:
-//
-//   void YIF_ExitMutex(YIF_Handle mutex) noexcept {
-//     SystemCalls::note("exit");
-//     static const auto real = SystemCalls::real(YIF_ExitMutex, "YIF_ExitMutex");
-//     real(mutex);
-//   }
+// the library too. NOTED and NOTED_MAKER define operations that note the call and go on to the real
+// one.
 #pragma once
 
 #include <dlfcn.h>
@@ -34,9 +29,13 @@ struct SystemCalls {
   // The notes since the last call, in order.
   static std::vector<std::string> take() { return std::exchange(notes_, {}); }
 
-  static bool isNoting() { return noting_; }
   static void note(const std::string& text) {
     if (noting_) notes_.push_back(text);
+  }
+
+  static YIF_Handle noteMade(YIF_Handle made) {
+    if (noting_) made_ = made;
+    return made;
   }
 
   template <class Function>
@@ -44,10 +43,25 @@ struct SystemCalls {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
   }
 
+  static inline YIF_Handle made_ = 0;  // the latest
+
  private:
   static inline bool noting_ = false;
   static inline std::vector<std::string> notes_;
 };
+
+#define NOTED(NAME, NOTE)                                    \
+  void NAME(YIF_Handle handle) noexcept {                    \
+    SystemCalls::note(NOTE);                                 \
+    static const auto real = SystemCalls::real(NAME, #NAME); \
+    real(handle);                                            \
+  }
+#define NOTED_MAKER(NAME, PARAMETERS, ARGUMENTS)             \
+  YIF_Handle NAME PARAMETERS noexcept {                      \
+    SystemCalls::note("create");                             \
+    static const auto real = SystemCalls::real(NAME, #NAME); \
+    return SystemCalls::noteMade(real ARGUMENTS);            \
+  }
 
 // Notes each line in full, so that lines and calls stand in their order.
 struct NotingSink : Utils::Logger {
@@ -59,6 +73,7 @@ struct NotingSink : Utils::Logger {
 // For the length of a test: the hub with a NotingSink, and the lines of the library up to a level.
 struct TracedUpTo {
   explicit TracedUpTo(int level) {
+    Utils::Log::theLog()->setVerbosity(0);
     Utils::Log::theLog()->setLogger(new NotingSink);
     Utils::Log::theLog()->getCategory("utils", level, true);
   }

@@ -80,7 +80,8 @@ TEST(LightLock, TouchesTheEventOnlyWhenItIsTakenAndFreed) {
 TEST(LightLock, TellsOfViolationsAndGoesOn) {
   const TracedUpTo traced(0);
   const char* const violation = "debug[0]|utils|BLock violation: light";
-  YtLightBLock lock("light");
+  YtLightBLock lock("other");
+  lock = YtLightBLock("light");
   {
     const SystemCalls calls;
     lock.unlock();

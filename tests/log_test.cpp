@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The hub and the sinks: random settings and messages against a model, times against printf,
-// hostile texts, memory that runs out, and what arrives in files, streams and dialogs.
+// The hub and the sinks: a random run of settings and messages against a model, with memory that
+// runs out; times and formats against printf; hostile texts; lines in files, streams and dialogs.
 #include "utils/sdk/log.h"
 
 #include <fcntl.h>
@@ -17,7 +17,6 @@
 #include "gmock/gmock.h"
 #include "support/child_process.h"
 #include "support/huge_text.h"
-#include "support/nth_failure.h"
 #include "support/recording_sink.h"
 #include "support/seed.h"
 #include "support/temporary_directory.h"
@@ -58,13 +57,17 @@ struct Category {
 
 class HubRun {
  public:
-  explicit HubRun(Random& random) : random_(random) { hub_.setLogger(sinks_[0]); }
+  HubRun(Random& random, FailingAllocator& memory) : random_(random), memory_(memory) {
+    hub_.setLogger(sinks_[0]);
+  }
 
   void step() {
+    memory_.failFrom(random_.below(4) == 0 ? 1 + random_.below(3) : 0);
     static constexpr void (HubRun::*STEPS[])() = {
         &HubRun::print,    &HubRun::print,      &HubRun::print,        &HubRun::ask,
         &HubRun::setLevel, &HubRun::setEnabled, &HubRun::setVerbosity, &HubRun::setSink};
     (this->*STEPS[random_.below(8)])();
+    memory_.failFrom(0);
     if (random_.below(40) == 0) {
       hub_.resetLogStats();
       counts_ = {};
@@ -91,10 +94,13 @@ class HubRun {
     return std::strcpy(rooms[random_.below(3)], name.c_str());
   }
 
+  // The number of the category after the hub has met the name. A new one has none if there was no
+  // memory.
   unsigned numberOf(const std::string& name) {
     const auto has = [&](const Category& category) { return category.name_ == name; };
     const auto at =
         static_cast<unsigned>(std::ranges::find_if(categories_, has) - categories_.begin());
+    if (at == size() && memory_.failed()) return UINT_MAX;
     if (at == size()) categories_.push_back({name, own_.level_, own_.enabled_, own_.verbosity_});
     return at;
   }
@@ -117,10 +123,11 @@ class HubRun {
     const int level = someLevel();
     const auto line = static_cast<unsigned>(random_.engine_());
     const char* name = someFlag() ? someName() : nullptr;
-    const unsigned cat = name ? numberOf(name) : someNumber();
+    unsigned cat = someNumber();
     const std::string text = randomText(random_, random_.below(40));
     if (name) hub_.print(cls, name, level, "a/%s.cpp", line, "%s;%d", text.c_str(), level);
     if (!name) hub_.print(cls, cat, level, "a/%s.cpp", line, "%s;%d", text.c_str(), level);
+    if (name) cat = numberOf(name);
     if (!letsThrough(cls, cat, level)) return;
     counts_[cls]++;
     const std::string start = header(cls, cat, level, "a/%s.cpp:" + std::to_string(line));
@@ -136,7 +143,7 @@ class HubRun {
     cat = numberOf(all.name_);
     EXPECT_EQ(will, letsThrough(cls, cat, all.level_));
     EXPECT_EQ(hub_.getCategory(name), cat);
-    if (someFlag()) return;
+    if (someFlag() || cat == UINT_MAX) return;
     categories_[cat] = all;
     if (someFlag()) {
       EXPECT_EQ(hub_.getCategory(name, all.level_, all.enabled_, all.verbosity_), cat);
@@ -186,6 +193,7 @@ class HubRun {
   static constexpr unsigned NONE = 2;
 
   Random& random_;
+  FailingAllocator& memory_;
   RecordingSink* const sinks_[3] = {new RecordingSink, new RecordingSink, nullptr};
   const Ref<Logger> owners_[2] = {sinks_[0], sinks_[1]};
   Log hub_;
@@ -202,7 +210,8 @@ TEST(Hub, DoesAsTheModelDoes) {
   const unsigned before = held();
   RecordingSink::ended_ = 0;
   for (int round = 0; round < 4; round++) {
-    HubRun run(random), other(random);
+    FailingAllocator memory;
+    HubRun run(random, memory), other(random, memory);
     for (int i = 0; i < 2000 && !HasFailure(); i++) (random.below(2) ? run : other).step();
   }
   EXPECT_EQ(RecordingSink::ended_, 4 * 2 * 2);
@@ -346,34 +355,26 @@ void expectExpanded(unsigned size, const std::string& format, Args... args) {
   ASSERT_EQ(length, static_cast<int>(std::strlen(expected.data()))) << format;
 }
 
-// Adds directives, each with an argument of its type, until there are three.
-template <class... Args>
-void expandRandomly(Random& random, std::string format, Args... args) {
-  format += random.below(2) ? "%%" : std::string(random.below(30), 'x');
-  if constexpr (sizeof...(args) >= 3) {
-    return expectExpanded(1 + random.below(random.below(2) ? 600 : 80), format, args...);
-  } else {
-    const auto add = [&]<class Arg>(const std::array<const char*, 4>& directives, Arg arg) {
-      expandRandomly(random, format + directives[random.below(4)], args..., arg);
-    };
+// A format of random length: its directives take the arguments in their order.
+TEST(Expand, GivesWhatPrintfGives) {
+  static constexpr const char* DIRECTIVES[][4] = {
+      {"%s", "%s", "%-8s", "%.3s"},      {"%d", "%u", "%5d", "%x"},  {"%ld", "%lu", "%-9ld", "%lx"},
+      {"%lld", "%llu", "%+lld", "%llx"}, {"%s", "%s", "%10s", "%s"}, {"%f", "%g", "%.2f", "%12e"}};
+  Random random(17);
+  for (int i = 0; i < 20000 && !HasFatalFailure(); i++) {
+    std::string format;
+    for (unsigned k = 0, count = random.below(7); k <= count; k++) {
+      format += random.below(2) ? "%%" : std::string(random.below(30), 'x');
+      if (k < count) format += DIRECTIVES[k][random.below(4)];
+    }
     const std::string text(random.below(random.below(2) ? 10 : 500), 'y');
     const auto wide = static_cast<long long>(random.engine_()) << random.below(31);
     const bool isLeast = random.below(8) == 0;
-    const auto word = isLeast ? INT_MIN : static_cast<int>(wide);
-    const auto number = isLeast ? LONG_MIN : static_cast<long>(wide);
-    const unsigned kind = random.below(6);
-    if (kind == 0) add({"%s", "%s", "%-8s", "%.3s"}, text.c_str());
-    if (kind == 1) add({"%s", "%s", "%10s", "%s"}, static_cast<const char*>(nullptr));
-    if (kind == 2) add({"%d", "%u", "%5d", "%x"}, word);
-    if (kind == 3) add({"%ld", "%lu", "%-9ld", "%lx"}, number);
-    if (kind == 4) add({"%lld", "%llu", "%+lld", "%llx"}, wide);
-    if (kind == 5) add({"%f", "%g", "%.2f", "%12e"}, word / 8.0);
+    expectExpanded(1 + random.below(random.below(2) ? 600 : 80), format, text.c_str(),
+                   isLeast ? INT_MIN : static_cast<int>(wide),
+                   isLeast ? LONG_MIN : static_cast<long>(wide), wide,
+                   random.below(2) ? nullptr : "z", static_cast<double>(wide) / 8);
   }
-}
-
-TEST(Expand, GivesWhatPrintfGives) {
-  Random random(17);
-  for (int i = 0; i < 20000 && !HasFatalFailure(); i++) expandRandomly(random, "");
   expectExpanded(20, "%*d|%c|%%", 7, -5, 'c');
   expectExpanded(20, "a%cb", 0);
 }
@@ -452,18 +453,6 @@ TEST(FileLogger, ReplacesOrAppendsAndCutsLinesAfter478Characters) {
   }
 }
 
-TEST(FileLogger, DropsItsLinesWhenItCannotOpen) {
-  const TemporaryDirectory directory;
-  mkfifo(directory.pathOf("fifo").c_str(), 0600);
-  for (const char* name : {"", "none/such", "fifo"}) {
-    errno = 4321;
-    FileLogger sink(directory.pathOf(name).c_str(), FileLogger::Append);
-    EXPECT_FALSE(sink.valid());
-    write(sink, Error, "%d", 1);
-    EXPECT_EQ(errno, 4321);
-  }
-}
-
 TEST(FileLogger, LosesAndTearsNoLineOfTwoProcesses) {
   const TemporaryDirectory directory;
   const auto lineOf = [](char process, unsigned i) { return std::string(1 + i % 478, process); };
@@ -513,68 +502,34 @@ TEST(SystemLogger, PutsItsNameBeforeEachLine) {
             "x1\n%s: Initialised\n%s: " + std::string(478, 'y') + "\n%s: Finish\n");
 }
 
-TEST(DialogLogger, IsTitledErrorForEveryClass) {
-  DialogLogger sink;
-  const std::string text(478, 'z');
-  EXPECT_EQ(inAChild([&] { write(sink, Info, "%sz", text.c_str()); }), "Error: " + text + "\n\n");
-}
-
-TEST(NullLogger, LooksAtNothing) {
-  NullLogger sink;
-  const char* none = nullptr;
-  EXPECT_EQ(inAChild([&] { write(sink, Error, none, 0); }), "");
-}
-
 // Each sink expands the caller's errno, and none changes it, nor does a hub that makes a category.
 TEST(Sinks, LeaveErrnoAlone) {
   const TemporaryDirectory directory;
   const std::string path = directory.pathOf("log");
   const std::string errors = inAChild([&] {
     Log hub;
-    const Ref<Logger> sinks[] = {new StdLogger,
-                                 new SystemLogger("s"),
-                                 new DialogLogger,
-                                 new FileLogger(path.c_str(), FileLogger::Append),
-                                 new FileLogger("/", FileLogger::Append),
-                                 new NullLogger};
+    errno = ENOENT;
+    auto* const closed = new FileLogger("/", FileLogger::Append);
+    const Ref<Logger> sinks[] = {new StdLogger,    new SystemLogger("s"),
+                                 new DialogLogger, new FileLogger(path.c_str(), FileLogger::Append),
+                                 closed,           new NullLogger};
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_FALSE(closed->valid());
     for (unsigned n = 0; n < std::size(sinks); n++) {
       hub.setLogger(sinks[n].operator->());
       for (const std::string& name : {std::to_string(n), std::string(600 + n, 'x')}) {
         errno = ENOENT;
-        EXPECT_TRUE(hub.willPrint(Error, (name + "!").c_str(), 0));
-        hub.print(Error, name.c_str(), -1, "f", 1, _errnoFormat.c_str(), "end");
+        EXPECT_TRUE(hub.willPrint(Info, (name + "!").c_str(), 0));
+        hub.print(Info, name.c_str(), -1, "f", 1, _errnoFormat.c_str(), "end");
         EXPECT_EQ(errno, ENOENT);
       }
     }
   });
   const std::string line = "|" + _noEntry;
-  EXPECT_THAT(errors, HasSubstr("\nerror|0" + line + "\n"));
-  EXPECT_THAT(errors, HasSubstr("\ns: error|1" + line + "\n"));
-  EXPECT_THAT(errors, HasSubstr("\nError: error|2" + line + "\n\n"));
-  EXPECT_THAT(directory.read("log"), testing::StartsWith("error|3" + line + "\r\n"));
-}
-
-TEST(Sinks, OutliveTheirReaders) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.pathOf("fifo"), longText(100000, 'x');
-  mkfifo(path.c_str(), 0600);
-  inAChild([&] {
-    signal(SIGPIPE, SIG_DFL);
-    char text[10] = {};
-    int ends[2] = {open(path.c_str(), O_RDONLY | O_NONBLOCK), -1};
-    const Ref<Logger> file(new FileLogger(path.c_str(), FileLogger::Replace));
-    write(*file.operator->(), Info, "seen");
-    EXPECT_EQ(read(ends[0], text, sizeof text), 6);
-    close(ends[0]);
-    EXPECT_EQ(pipe(ends), 0);
-    close(ends[0]);
-    for (int stream : {STDOUT_FILENO, STDERR_FILENO}) dup2(ends[1], stream);
-    const Ref<Logger> sinks[] = {file, new StdLogger(StdLogger::Stdout), new StdLogger,
-                                 new SystemLogger("s")};
-    for (const Ref<Logger>& sink : sinks)
-      for (const char* each : {"short", longText.c_str()})
-        write(*sink.operator->(), Info, "%s", each);
-  });
+  EXPECT_THAT(errors, HasSubstr("\ninfo|0" + line + "\n"));
+  EXPECT_THAT(errors, HasSubstr("\ns: info|1" + line + "\n"));
+  EXPECT_THAT(errors, HasSubstr("\nError: info|2" + line + "\n\n"));
+  EXPECT_THAT(directory.read("log"), testing::StartsWith("info|3" + line + "\r\n"));
 }
 
 template <class Sink>
@@ -619,58 +574,6 @@ TEST(Sinks, FinishTheLineOfATaskThatIsCancelled) {
   cancelWhilePrinting(new CountedSink<StdLogger>, fifo);
   dup2(usual, STDERR_FILENO);
   for (int each : {fifo, usual}) close(each);
-}
-
-// --- Exhaustion ---
-
-struct ExhaustedRun {
-  // Whether it went through without a failure. What is printed then is whole or not there at all.
-  bool attempt(unsigned n) {
-    memory_.failFrom(n);
-    Log* hub = new Log;
-    if (hub) {
-      hub->setLogger(file_.operator->());
-      makeCategories(*hub);
-      for (const std::string& text : {std::string("short"), std::string(600, 't')}) {
-        const bool will = hub->willPrint(Info, "a", -1);
-        EXPECT_TRUE(will || memory_.failed());
-        hub->print(Info, "a", -1, "f", 1, (text + "%s").c_str(), "");
-        const std::string before = std::exchange(written_, directory_.read("log"));
-        const std::string after = before + ("info|a|" + text).substr(0, 478) + "\r\n";
-        EXPECT_EQ(written_, will ? after : before);
-      }
-    }
-    const bool failed = memory_.failed();
-    memory_.failFrom(0);
-    delete hub;
-    return !failed;
-  }
-  void makeCategories(Log& hub) {
-    unsigned given = 0;
-    const std::string longName(600, 'n');
-    for (const char* name : {"a", longName.c_str(), "b", "c", "d", "e"}) {
-      const unsigned cat = hub.getCategory(name, 1, true);
-      EXPECT_TRUE(cat == given || (cat == UINT_MAX && memory_.failed()));
-      if (cat == given) given++;
-    }
-    EXPECT_EQ(hub.getCategory(given), nullptr);
-  }
-
-  const TemporaryDirectory directory_;
-  FailingAllocator memory_;
-  const Ref<Logger> file_{new FileLogger(directory_.pathOf("log").c_str(), FileLogger::Append)};
-  std::string written_;
-};
-
-TEST(Exhaustion, LosesNothingAndTearsNoLine) {
-  const Ref<Logger> usual = Log::theDefaultLogger();
-  ExhaustedRun run;
-  failEveryNth(100, [&](unsigned n) {
-    const unsigned before = held();
-    const bool went = run.attempt(n);
-    EXPECT_EQ(held(), before);
-    return went;
-  });
 }
 
 }  // namespace

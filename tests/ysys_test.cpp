@@ -673,15 +673,6 @@ void expectNoSignal(YIF_Handle file, int signal) {
   pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
-TEST(Files, AReaderThatHasGoneRaisesNoSignal) {
-  Fifo fifo;
-  fifo.openReader();
-  const YIF_Handle file = YIF_Open(fifo.path().c_str(), YIF_OPEN_APPEND, 1);
-  fifo.closeReader();
-  expectNoSignal(file, SIGPIPE);
-  YIF_Close(file);
-}
-
 void printLine(std::FILE* stream, const char* format, ...) {
   std::va_list args;
   va_start(args, format);
@@ -689,7 +680,17 @@ void printLine(std::FILE* stream, const char* format, ...) {
   va_end(args);
 }
 
-TEST(Files, TheLimitOnTheirSizesRaisesNoSignal) {
+// Every way to write beside the files; both streams and the channel are what is refused.
+void writeEverywhere() {
+  for (int i = 0; i < 2; ++i) {
+    YfAssert__("more than 4 bytes", "file", 1);
+    OutputDebugStringA("12345");
+    for (std::FILE* stream : {stdout, stderr}) printLine(stream, "%d", 12345);
+  }
+}
+
+// Past the limit on file sizes, and in a FIFO whose reader has gone.
+TEST(Files, WritesThatAreRefusedRaiseNoSignal) {
   const TemporaryDirectory directory;
   const auto child = runInChild([&] {
     const rlimit limit = {4, 4};
@@ -700,11 +701,16 @@ TEST(Files, TheLimitOnTheirSizesRaisesNoSignal) {
     const Variable goOn("YSYS_ASSERT", "continue"),
         channel("YSYS_DEBUG_CHANNEL", directory.pathOf("debug"));
     dup2(open(directory.pathOf("out").c_str(), O_WRONLY | O_CREAT, 0600), STDOUT_FILENO);
-    for (int i = 0; i < 2; ++i) {
-      YfAssert__("more than 4 bytes", "file", 1);
-      OutputDebugStringA("12345");
-      for (std::FILE* stream : {stdout, stderr}) printLine(stream, "%d", 12345);
-    }
+    writeEverywhere();
+    Fifo fifo;
+    fifo.openReader();
+    const YIF_Handle pipe = YIF_Open(fifo.path().c_str(), YIF_OPEN_APPEND, 1);
+    for (int stream : {STDOUT_FILENO, STDERR_FILENO})
+      dup2(open(fifo.path().c_str(), O_WRONLY), stream);
+    fifo.closeReader();
+    expectNoSignal(pipe, SIGPIPE);
+    unsetenv("YSYS_DEBUG_CHANNEL");
+    writeEverywhere();
     return HasFailure() ? 1 : 0;
   });
   EXPECT_EQ(child.status, 0);

@@ -13,6 +13,7 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <functional>
 
 #include "gmock/gmock.h"
 #include "support/child_process.h"
@@ -25,7 +26,6 @@
 namespace {
 
 using namespace Utils;
-using testing::HasSubstr;
 using Utils::Testing::FailingAllocator;
 
 constexpr MessageClass CLASSES[] = {Error, Warning, Info, Debug};
@@ -66,7 +66,9 @@ class HubRun {
     static constexpr void (HubRun::*STEPS[])() = {
         &HubRun::print,    &HubRun::print,      &HubRun::print,        &HubRun::ask,
         &HubRun::setLevel, &HubRun::setEnabled, &HubRun::setVerbosity, &HubRun::setSink};
+    errno = 4321;
     (this->*STEPS[random_.below(8)])();
+    EXPECT_EQ(errno, 4321);
     memory_.failFrom(0);
     if (random_.below(40) == 0) {
       hub_.resetLogStats();
@@ -402,11 +404,14 @@ TEST(Expand, CutsTextsOfAnyLength) {
     expectCut(format);
   expectCut("%*d%-*s%s%s", 9, 8, 2);
   char text[479];
-  EXPECT_EQ(Expander::call(text, sizeof text, "%03000000000d|", 5), 478);
-  EXPECT_EQ(text, std::string(478, '0'));
+  EXPECT_EQ(Expander::call(text, sizeof text, "%0+ #'I3000000000d|", 0), 478);
+  EXPECT_EQ(text, "+" + std::string(477, '0'));
   const char* impossible = "a%d%3000000000$d|";  // which no limit helps
   EXPECT_EQ(Expander::call(text, sizeof text, impossible, 5), 2) << text;
   EXPECT_EQ(Expander::call(text, sizeof text, "%ls", L"\xd800"), -1);
+  const std::wstring brokenLate = std::wstring(600, L'x') + L"\xd800";
+  EXPECT_EQ(Expander::call(text, sizeof text, "%ls", brokenLate.c_str()), 478);
+  EXPECT_EQ(Expander::call(text, 0, "x"), -1);
 }
 
 // --- The sinks ---
@@ -418,38 +423,77 @@ TEST(Expand, CutsTextsOfAnyLength) {
   va_end(args);
 }
 
-// Runs the body in a child that has no terminal and no display, and that ends without a flush;
-// gives what it wrote to standard error.
-template <class Body>
-std::string inAChild(Body body) {
-  const ChildResult child = runInChild([&] {
-    setsid();
-    for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "YSYS_DEBUG_CHANNEL"}) unsetenv(name);
-    body();
-    return testing::Test::HasFailure() ? 1 : 0;
-  });
-  EXPECT_EQ(child.status, 0);
-  return child.errorOutput;
+struct SinkRow {
+  std::function<Logger*()> make_;
+  std::string file_, first_, start_, end_, last_;  // where lines go, and what stands around them
+  std::size_t most_;                               // characters of a line
+};
+
+// In a child that has no terminal and no display, and that ends without a flush. The sink expands
+// the caller's errno and keeps it.
+int writeLines(const SinkRow& row, const TemporaryDirectory& directory) {
+  setsid();
+  for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY"}) unsetenv(name);
+  setenv("YSYS_DEBUG_CHANNEL", directory.write("debug", "").c_str(), 1);
+  for (int stream : {STDOUT_FILENO, STDERR_FILENO}) {
+    const std::string path = directory.write(stream == STDOUT_FILENO ? "out" : "err", "");
+    dup2(open(path.c_str(), O_WRONLY | O_APPEND), stream);
+  }
+  errno = ENOENT;
+  Logger* const sink = row.make_();
+  std::string expected = row.first_;
+  for (unsigned length : {1u, 477u, 478u, 479u, 480u, 481u, 10000u}) {
+    for (const std::string& format : {std::string("%s"), std::string("%-1s"), _errnoFormat}) {
+      EXPECT_EQ(directory.read(row.file_), expected);
+      const std::string text = "%n" + std::string(length, 'x');
+      write(*sink, CLASSES[length % 4], format.c_str(), text.c_str());
+      EXPECT_EQ(errno, ENOENT);
+      const std::string start =
+          format == _errnoFormat ? std::strerror(ENOENT) + std::string(", ") : "";
+      if (row.most_ > 0) expected += row.start_ + (start + text).substr(0, row.most_) + row.end_;
+    }
+  }
+  EXPECT_EQ(directory.read(row.file_), expected);
+  delete sink;
+  EXPECT_EQ(directory.read(row.file_), expected + row.last_);
+  EXPECT_EQ(errno, ENOENT);
+  return testing::Test::HasFailure() ? 1 : 0;
 }
 
-TEST(FileLogger, ReplacesOrAppendsAndCutsLinesAfter478Characters) {
+TEST(Sinks, WriteEachLineWholeAndKeepErrno) {
   const TemporaryDirectory directory;
-  const std::string path = directory.write("log", "old");
-  {
-    FileLogger appended(path.c_str(), FileLogger::Append);
-    EXPECT_TRUE(appended.valid());
-    write(appended, Debug, "%d", 1);
-    EXPECT_EQ(directory.read("log"), "old1\r\n");
-  }
-  FileLogger replaced(path.c_str(), FileLogger::Replace);
-  std::string expected;
-  EXPECT_EQ(directory.read("log"), expected);
-  for (unsigned length : {1u, 477u, 478u, 479u, 480u, 481u, 5000u}) {
-    for (const char* format : {"%s", "%-1s"}) {  // two ways of expanding
-      write(replaced, Info, format, std::string(length, 'x').c_str());
-      expected += std::string(std::min(length, 478u), 'x') + "\r\n";
-      EXPECT_EQ(directory.read("log"), expected);
-    }
+  const std::string path = directory.pathOf("log"), fifo = directory.pathOf("fifo");
+  mkfifo(fifo.c_str(), 0600);
+  const auto inFile = [](const std::string& name, FileLogger::OpenMode mode, bool isValid = true) {
+    return [=] {
+      auto* const sink = new FileLogger(name.c_str(), mode);
+      EXPECT_EQ(sink->valid(), isValid);
+      return sink;
+    };
+  };
+  const auto named = [] {
+    char name[] = "%s";
+    auto* const sink = new SystemLogger(name);
+    name[1] = 'd';
+    return sink;
+  };
+  const SinkRow rows[] = {
+      {inFile(path, FileLogger::Append), "log", "old", "", "\r\n", "", 478},
+      {inFile(path, FileLogger::Replace), "log", "", "", "\r\n", "", 478},
+      {inFile(fifo, FileLogger::Append, false), "err", "", "", "", "", 0},
+      {inFile("/none/such", FileLogger::Replace, false), "err", "", "", "", "", 0},
+      {[] { return new StdLogger; }, "err", "", "", "\n", "", UINT_MAX},
+      {[] { return new StdLogger(StdLogger::Stderr); }, "err", "", "", "\n", "", UINT_MAX},
+      {[] { return new StdLogger(StdLogger::Stdout); }, "out", "", "", "\n", "", UINT_MAX},
+      {[] { return new SystemLogger(nullptr); }, "debug", "", "", "\n", "", 478},
+      {named, "debug", "%s: Initialised\n", "%s: ", "\n", "%s: Finish\n", 478},
+      {[] { return new DialogLogger; }, "err", "", "Error: ", "\n\n", "", 478},
+      {[] { return new NullLogger; }, "err", "", "", "", "", 0}};
+  for (const SinkRow& row : rows) {
+    SCOPED_TRACE(&row - rows);
+    directory.write("log", "old");
+    const ChildResult child = runInChild([&] { return writeLines(row, directory); });
+    EXPECT_EQ(child.status, 0) << directory.read("err");
   }
 }
 
@@ -469,67 +513,6 @@ TEST(FileLogger, LosesAndTearsNoLineOfTwoProcesses) {
   for (std::string line; std::getline(file, line);)
     ASSERT_EQ(line, lineOf(line[0], found[line[0] == 'B']++) + "\r");
   EXPECT_THAT(found, testing::Each(4000u));
-}
-
-TEST(StdLogger, WritesWholeLinesAtOnceToTheStreamThatItNames) {
-  const TemporaryDirectory directory;
-  const std::string text = "%n" + std::string(10000, 'x');
-  const std::string errors = inAChild([&] {
-    dup2(open(directory.write("out", "").c_str(), O_WRONLY | O_APPEND), STDOUT_FILENO);
-    StdLogger usual, out(StdLogger::Stdout), errorStream(StdLogger::Stderr);
-    write(usual, Info, "%s", text.c_str());
-    write(out, Info, "%s %d", text.c_str(), 5);
-    write(errorStream, Error, "last");
-  });
-  EXPECT_EQ(errors, text + "\nlast\n");
-  EXPECT_EQ(directory.read("out"), text + " 5\n");
-}
-
-TEST(SystemLogger, PutsItsNameBeforeEachLine) {
-  const TemporaryDirectory directory;
-  EXPECT_EQ(inAChild([&] {
-              setenv("YSYS_DEBUG_CHANNEL", directory.pathOf("debug").c_str(), 1);
-              char name[] = "%s";
-              SystemLogger unnamed(nullptr);
-              EXPECT_EQ(directory.read("debug"), "");
-              write(unnamed, Info, "x%d", 1);
-              SystemLogger named(name);
-              name[1] = 'd';
-              write(named, Debug, "%s", std::string(479, 'y').c_str());
-            }),
-            "");
-  EXPECT_EQ(directory.read("debug"),
-            "x1\n%s: Initialised\n%s: " + std::string(478, 'y') + "\n%s: Finish\n");
-}
-
-// Each sink expands the caller's errno, and none changes it, nor does a hub that makes a category.
-TEST(Sinks, LeaveErrnoAlone) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.pathOf("log");
-  const std::string errors = inAChild([&] {
-    Log hub;
-    errno = ENOENT;
-    auto* const closed = new FileLogger("/", FileLogger::Append);
-    const Ref<Logger> sinks[] = {new StdLogger,    new SystemLogger("s"),
-                                 new DialogLogger, new FileLogger(path.c_str(), FileLogger::Append),
-                                 closed,           new NullLogger};
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_FALSE(closed->valid());
-    for (unsigned n = 0; n < std::size(sinks); n++) {
-      hub.setLogger(sinks[n].operator->());
-      for (const std::string& name : {std::to_string(n), std::string(600 + n, 'x')}) {
-        errno = ENOENT;
-        EXPECT_TRUE(hub.willPrint(Info, (name + "!").c_str(), 0));
-        hub.print(Info, name.c_str(), -1, "f", 1, _errnoFormat.c_str(), "end");
-        EXPECT_EQ(errno, ENOENT);
-      }
-    }
-  });
-  const std::string line = "|" + _noEntry;
-  EXPECT_THAT(errors, HasSubstr("\ninfo|0" + line + "\n"));
-  EXPECT_THAT(errors, HasSubstr("\ns: info|1" + line + "\n"));
-  EXPECT_THAT(errors, HasSubstr("\nError: info|2" + line + "\n\n"));
-  EXPECT_THAT(directory.read("log"), testing::StartsWith("info|3" + line + "\r\n"));
 }
 
 template <class Sink>

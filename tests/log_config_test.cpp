@@ -4,8 +4,8 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
+#include <sstream>
 
 #include "gmock/gmock.h"
 #include "support/child_process.h"
@@ -24,7 +24,7 @@ using Utils::Testing::FailingAllocator;
 enum Place { STDERR, APPENDED, REPLACED, DEBUGGER, NOWHERE };
 
 struct Row {
-  std::vector<std::pair<const char*, std::string>> settings_;  // without what all begin with
+  std::string settings_;  // KEY=VALUE with ';' between them, without what all keys begin with
   std::string hub_;  // level, verbosity and flag; then each category, one that is first met last
   Place place_ = STDERR;   // where lines go
   std::string told_ = {};  // settings that are told on standard error
@@ -45,8 +45,10 @@ std::string described(Log& log) {
 int makeAndPrint(const Row& row, const TemporaryDirectory& directory) {
   EXPECT_EQ(chdir(directory.pathOf("").c_str()), 0);
   clearenv();
-  for (const auto& [key, value] : row.settings_) {
-    setenv((std::string("YUtils.Log.") + key).c_str(), value.c_str(), 1);
+  std::istringstream settings(row.settings_);
+  for (std::string each; std::getline(settings, each, ';');) {
+    const std::size_t keySize = each.find('=');
+    setenv(("YUtils.Log." + each.substr(0, keySize)).c_str(), each.c_str() + keySize + 1, 1);
   }
   setenv("YSYS_DEBUG_CHANNEL", "debug", 1);
   Log* log = Log::theLog();
@@ -74,64 +76,52 @@ void expectRow(const Row& row) {
                 lines("\r\n", row.place_ == REPLACED || row.place_ == APPENDED));
 }
 
-std::string told(const char* key, const char* complaint) {
+std::string told(const char* key, const std::string& complaint) {
   return std::string("ysys: setting YUtils.Log.") + key + " is " + complaint + "; it is not used\n";
 }
 
 TEST(Settings, MakeTheHub) {
-  const std::string none = "0 0 off; later 0 0 off";
+  const std::string none = "0 0 off; later 0 0 off", tooLong = "too long a text";
+  const std::string longName(1021, 'x');
   const Row rows[] = {
-      {{}, none},
-      {{{"Level", "-3"}, {"Verbosity", "2"}}, "-3 2 off; later -3 2 off"},
-      {{{"Level", "loud"}}, none, STDERR, told("Level", "not a 32-bit decimal number")},
+      {"", none},
+      {"Level=-3;Verbosity=2", "-3 2 off; later -3 2 off"},
+      {"Level=loud", none, STDERR, told("Level", "not a 32-bit decimal number")},
       // Which categories are on.
-      {{{"Categories", "a:b#2"}, {"Level", "1"}}, "1 0 off; a 1 0 on; b 2 0 on; later 1 0 off"},
-      {{{"Categories", "a"}, {"Enabled", "1"}}, "0 0 off; a 0 0 on; later 0 0 off"},
-      {{{"Categories", "a"}, {"Enabled", "2"}, {"Verbosity", "1"}},
-       "0 1 on; a 0 1 on; later 0 1 on"},
-      {{{"Enabled", "2"}}, "0 0 on; later 0 0 on"},
-      {{{"Categories", "a:b#2"}, {"Enabled", "0"}}, "0 0 off; a 0 0 off; b 2 0 off; later 0 0 off"},
-      {{{"Categories", "a"}, {"Enabled", "-1"}}, "0 0 off; a 0 0 off; later 0 0 off"},
+      {"Categories=a:b#2;Level=1", "1 0 off; a 1 0 on; b 2 0 on; later 1 0 off"},
+      {"Categories=a;Enabled=1", "0 0 off; a 0 0 on; later 0 0 off"},
+      {"Categories=a;Enabled=2;Verbosity=1", "0 1 on; a 0 1 on; later 0 1 on"},
+      {"Enabled=2", "0 0 on; later 0 0 on"},
+      {"Categories=a:b#2;Enabled=0", "0 0 off; a 0 0 off; b 2 0 off; later 0 0 off"},
+      {"Categories=a;Enabled=-1", "0 0 off; a 0 0 off; later 0 0 off"},
       // How the list is read.
-      {{{"Categories", ""}}, none},
-      {{{"Categories", ":::"}}, none},
-      {{{"Categories", "a#:#2"}, {"Level", "7"}}, "7 0 off; a# 7 0 on;  2 0 on; later 7 0 off"},
-      {{{"Categories", "::a#-1::b#x:c#3y:d#4#5: e #+6:#"}, {"Level", "7"}},
+      {"Categories=", none},
+      {"Categories=:::", none},
+      {"Categories=a#:#2;Level=7", "7 0 off; a# 7 0 on;  2 0 on; later 7 0 off"},
+      {"Categories=::a#-1::b#x:c#3y:d#4#5: e #+6:#;Level=7",
        "7 0 off; a -1 0 on; b 0 0 on; c 3 0 on; d 4 0 on;  e  6 0 on; # 7 0 on; later 7 0 off"},
-      {{{"Categories", "a#1:b:a:later#3"}, {"Level", "7"}},
-       "7 0 off; a 7 0 on; b 7 0 on; later 3 0 on"},
-      {{{"Categories", "a#99999999999:b#-99999999999"}},
+      {"Categories=a#1:b:a:later#3;Level=7", "7 0 off; a 7 0 on; b 7 0 on; later 3 0 on"},
+      {"Categories=a#99999999999:b#-99999999999",
        "0 0 off; a 2147483647 0 on; b -2147483648 0 on; later 0 0 off"},
-      {{{"Categories", "a:" + std::string(1021, 'x')}},
-       "0 0 off; a 0 0 on; " + std::string(1021, 'x') + " 0 0 on; later 0 0 off"},
-      {{{"Categories", "a:" + std::string(1498, 'x')}},
-       none,
-       STDERR,
-       told("Categories", "too long a text")},
+      {"Categories=a:" + longName, "0 0 off; a 0 0 on; " + longName + " 0 0 on; later 0 0 off"},
+      {"Categories=aa:" + longName, none, STDERR, told("Categories", tooLong)},
       // Where the lines go.
-      {{{"Logger", "stdout"}}, none},
-      {{{"Logger", "File"}, {"Filename", "log"}}, none},
-      {{{"Filename", "log"}, {"FileOpenMode", "replace"}}, none},
-      {{{"Logger", "file"}, {"FileOpenMode", "replace"}}, none},
-      {{{"Logger", "file"}, {"Filename", "log"}}, none, APPENDED},
-      {{{"Logger", "file"}, {"Filename", "log"}, {"FileOpenMode", "replace"}}, none, REPLACED},
-      {{{"Logger", "file"}, {"Filename", "log"}, {"FileOpenMode", "Replace"}}, none, APPENDED},
-      {{{"Logger", "file"}, {"Filename", "log"}, {"FileOpenMode", std::string(256, 'r')}},
-       none,
-       APPENDED,
-       told("FileOpenMode", "too long a text")},
-      {{{"Logger", "file"}, {"Filename", std::string(1024, 'l')}},
-       none,
-       STDERR,
-       told("Filename", "too long a text")},
-      {{{"Logger", "file"}, {"Filename", "no/such"}}, none, NOWHERE},
-      {{{"Logger", "windebug"}}, none, DEBUGGER},
-      {{{"Logger", "null"}, {"Filename", "log"}}, none, NOWHERE},
+      {"Logger=stdout", none},
+      {"Logger=File;Filename=log", none},
+      {"Filename=log;FileOpenMode=replace", none},
+      {"Logger=file;FileOpenMode=replace", none},
+      {"Logger=file;Filename=log", none, APPENDED},
+      {"Logger=file;Filename=log;FileOpenMode=replace", none, REPLACED},
+      {"Logger=file;Filename=log;FileOpenMode=Replace", none, APPENDED},
+      {"Logger=file;Filename=log;FileOpenMode=" + std::string(256, 'r'), none, APPENDED,
+       told("FileOpenMode", tooLong)},
+      {"Logger=file;Filename=" + std::string(1024, 'l'), none, STDERR, told("Filename", tooLong)},
+      {"Logger=file;Filename=no/such", none, NOWHERE},
+      {"Logger=windebug", none, DEBUGGER},
+      {"Logger=null;Filename=log", none, NOWHERE},
   };
   for (const Row& row : rows) {
-    std::string settings;
-    for (const auto& [key, value] : row.settings_) settings += std::string(key) + "=" + value + " ";
-    SCOPED_TRACE(settings);
+    SCOPED_TRACE(row.settings_);
     expectRow(row);
   }
 }

@@ -220,40 +220,17 @@ TEST(Hub, DoesAsTheModelDoes) {
   EXPECT_EQ(held(), before);
 }
 
-// A sink that takes itself out of the hub by what it does.
-struct LeavingSink : RecordingSink {
-  explicit LeavingSink(Log& hub) : hub_(hub) {}
+// Changes the hub while it prints or when it is destroyed.
+struct ActingSink : RecordingSink {
+  ~ActingSink() override { atEnd_(); }
   void print(MessageClass cls, const char* format, std::va_list args) override {
-    hub_.setLogger(nullptr);
-    EXPECT_EQ(ended_, 0);
+    atPrint_();
     RecordingSink::print(cls, format, args);
-    EXPECT_EQ(take(), (Lines{{cls, "error|c|left"}}));
+    EXPECT_EQ(take(), (Lines{{cls, "error|c|x"}}));
   }
-  Log& hub_;
-};
 
-// Puts another sink in its place when it goes.
-struct SucceededSink : NullLogger {
-  explicit SucceededSink(Log& hub) : hub_(hub) {}
-  ~SucceededSink() override { hub_.setLogger(successor_); }
-  Log& hub_;
-  RecordingSink* const successor_ = new RecordingSink;
+  std::function<void()> atPrint_ = [] {}, atEnd_ = [] {};
 };
-
-TEST(Hub, UsesTheSinkThatWasSetLast) {
-  RecordingSink::ended_ = 0;
-  {
-    Log hub;
-    auto* sink = new SucceededSink(hub);
-    RecordingSink* const successor = sink->successor_;
-    hub.setLogger(sink);
-    hub.setLogger(new RecordingSink);
-    EXPECT_EQ(RecordingSink::ended_, 1) << "the one that was replaced while it was set";
-    for (MessageClass cls : CLASSES) hub.print(cls, hub.getCategory("c", 1, true), 1, "f", 1, "x");
-    EXPECT_EQ(successor->take().size(), std::size(CLASSES));
-  }
-  EXPECT_EQ(RecordingSink::ended_, 2);
-}
 
 TEST(Hub, KeepsItsSinksAsLongAsTheyPrintOrServeAClass) {
   Log hub;
@@ -263,10 +240,28 @@ TEST(Hub, KeepsItsSinksAsLongAsTheyPrintOrServeAClass) {
     EXPECT_EQ(RecordingSink::ended_, 0);
     hub.setLogger(cls, nullptr);
   }
-  EXPECT_EQ(std::exchange(RecordingSink::ended_, 0), 1);
-  hub.setLogger(new LeavingSink(hub));
-  hub.print(Error, "c", -1, "f", 1, "%s", "left");
-  EXPECT_EQ(RecordingSink::ended_, 1);
+  auto* const leaving = new ActingSink;
+  leaving->atPrint_ = [&] {
+    hub.setLogger(nullptr);
+    EXPECT_EQ(RecordingSink::ended_, 1);
+  };
+  hub.setLogger(leaving);
+  hub.print(Error, "c", -1, "f", 1, "%s", "x");
+  EXPECT_EQ(RecordingSink::ended_, 2);
+}
+
+// The one that was set by the end of the former one.
+TEST(Hub, UsesTheSinkThatWasSetLast) {
+  Log hub;
+  auto* const former = new ActingSink;
+  auto* const successor = new RecordingSink;
+  former->atEnd_ = [&] { hub.setLogger(successor); };
+  hub.setLogger(former);
+  RecordingSink::ended_ = 0;
+  hub.setLogger(new RecordingSink);
+  EXPECT_EQ(RecordingSink::ended_, 2) << "the former one and the one that was replaced meanwhile";
+  for (MessageClass cls : CLASSES) hub.print(cls, hub.getCategory("c", 1, true), 1, "f", 1, "x");
+  EXPECT_EQ(successor->take().size(), std::size(CLASSES));
 }
 
 // --- What a line tells ---
@@ -431,7 +426,7 @@ struct SinkRow {
 
 // In a child that has no terminal and no display, and that ends without a flush. The sink expands
 // the caller's errno and keeps it.
-int writeLines(const SinkRow& row, const TemporaryDirectory& directory) {
+void writeLines(const SinkRow& row, const TemporaryDirectory& directory) {
   setsid();
   for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY"}) unsetenv(name);
   setenv("YSYS_DEBUG_CHANNEL", directory.write("debug", "").c_str(), 1);
@@ -457,7 +452,6 @@ int writeLines(const SinkRow& row, const TemporaryDirectory& directory) {
   delete sink;
   EXPECT_EQ(directory.read(row.file_), expected + row.last_);
   EXPECT_EQ(errno, ENOENT);
-  return testing::Test::HasFailure() ? 1 : 0;
 }
 
 TEST(Sinks, WriteEachLineWholeAndKeepErrno) {
@@ -492,8 +486,7 @@ TEST(Sinks, WriteEachLineWholeAndKeepErrno) {
   for (const SinkRow& row : rows) {
     SCOPED_TRACE(&row - rows);
     directory.write("log", "old");
-    const ChildResult child = runInChild([&] { return writeLines(row, directory); });
-    EXPECT_EQ(child.status, 0) << directory.read("err");
+    expectInChild([&] { writeLines(row, directory); });
   }
 }
 

@@ -14,6 +14,8 @@
 #include <cstdio>
 #include <string>
 
+#include "gtest/gtest.h"
+
 struct ChildResult {
   int status;               // exit status, or minus the signal that ended it
   std::string errorOutput;  // what it wrote to standard error
@@ -49,4 +51,16 @@ ChildResult runInChild(Body body) {
   for (int byte; (byte = std::getc(output)) != EOF;) result.errorOutput += static_cast<char>(byte);
   std::fclose(output);
   return result;
+}
+
+// The same for a body that ends well unless an expectation of the test fails in it; returns what it
+// wrote to standard error.
+template <class Body>
+std::string expectInChild(Body body) {
+  const ChildResult child = runInChild([&] {
+    body();
+    return testing::Test::HasFailure() ? 1 : 0;
+  });
+  EXPECT_EQ(child.status, 0) << child.errorOutput;
+  return child.errorOutput;
 }

@@ -14,11 +14,6 @@ namespace {
 
 Life::Witness _witness("the program's initialiser", "the program's destructor");
 
-bool isMoment(const char* moment) {
-  const char* chosen = std::getenv("LIFE");
-  return chosen && std::strcmp(chosen, moment) == 0;
-}
-
 void useInChild(const char* moment) {
   const pid_t child = fork();
   if (child == 0) {
@@ -53,21 +48,21 @@ void useWithoutMemory(const char* moment) {
 
 int main() {
   std::atexit([] { Life::at("an exit handler"); });
-  if (isMoment("after a first error")) {
+  if (Life::isNow("after a first error")) {
     Utils::raiseError(0x80040001);
     Life::use("after a first error");
   }
-  if (isMoment("memory ran out")) useWithoutMemory("memory ran out");
-  if (isMoment("a child")) useInChild("a child");
-  if (isMoment("a child of a process that has used it")) {
+  if (Life::isNow("memory ran out")) useWithoutMemory("memory ran out");
+  if (Life::isNow("a child")) useInChild("a child");
+  if (Life::isNow("a child of a process that has used it")) {
     Life::use("its parent");
     useInChild("a child of a process that has used it");
   }
-  if (isMoment("a second task")) {
+  if (Life::isNow("a second task")) {
     std::thread([] { Life::use("a first task"); }).join();
     std::thread([] { Life::use("a second task"); }).join();
   }
-  if (isMoment("a plugin, twice")) {
+  if (Life::isNow("a plugin, twice")) {
     useInPlugin("a plugin, once");
     useInPlugin("a plugin, twice");
   }

@@ -59,10 +59,14 @@ inline void use(const char* moment) {
   say(wrong ? " failed\n" : "\n");
 }
 
-// The same, if that is the moment that the process was told to do it at.
-inline void at(const char* moment) {
+// Whether that is the moment at which the process was told to use the library.
+inline bool isNow(const char* moment) {
   const char* chosen = std::getenv("LIFE");
-  if (chosen && std::strcmp(chosen, moment) == 0) use(moment);
+  return chosen && std::strcmp(chosen, moment) == 0;
+}
+
+inline void at(const char* moment) {
+  if (isNow(moment)) use(moment);
 }
 
 // Uses everything when it comes and when it goes.

@@ -12,6 +12,7 @@
 #include "support/nth_failure.h"
 #include "support/recording_sink.h"
 #include "support/temporary_directory.h"
+#include "utils/sdk/locker.h"
 #include "utils/testing/failing_allocator.h"
 
 namespace {
@@ -145,6 +146,8 @@ int makeWithFailure(void (FailingAllocator::*fail)(unsigned), unsigned n) {
     log->print(Error, name, 0, "f", 1, "%d", 1);
     log->setLevel(log->getCategory(name), 1);
   }
+  Mutex lock;
+  const Locker locker(&lock, "f", 1);  // whose lines may have no category
   const bool failed = memory.failed();
   memory.failFrom(0);
   log = Log::theLog();

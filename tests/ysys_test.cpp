@@ -224,6 +224,22 @@ TEST(Handles, StaleAndForeignOnesAreCaught) {
   YIF_DestroyEventCoop(coop);
 }
 
+TEST(Handles, AreRefusedWithoutMemoryForThem) {
+  if (_isSanitized) GTEST_SKIP() << "a sanitizer needs the memory that is refused here";
+  const auto child = runInChild([] {
+    const rlimit none = {1, RLIM_INFINITY};
+    setrlimit(RLIMIT_AS, &none);
+    for (YIF_Handle file = 1; file != YIF_NO_FILE;) {
+      file = YIF_Open("/dev/null", YIF_OPEN_APPEND, 1);
+      if (file == 0) return 1;
+    }
+    while (true) YIF_CreateMutex();
+    return 0;
+  });
+  EXPECT_EQ(child.status, -SIGABRT);
+  EXPECT_EQ(child.errorOutput, "ysys: YIF_CreateMutex: no room for another lock\n");
+}
+
 // --- Events ---
 
 class Event {
@@ -421,6 +437,13 @@ void limitAddressSpace(size_t more) {
   setrlimit(RLIMIT_AS, &limit);
 }
 
+void printLine(std::FILE* stream, const char* format, ...) {
+  std::va_list args;
+  va_start(args, format);
+  YfPrintLine(stream, format, args);
+  va_end(args);
+}
+
 // In a process that has no window yet.
 int useScarceMemory() {
   const rlimit none = {1, RLIM_INFINITY};
@@ -438,7 +461,10 @@ int useScarceMemory() {
 }
 
 int useLittleMemory() {
+  const std::string longLine(1u << 23, 'x');
+  std::FILE* const file = std::fopen("/dev/null", "w");
   limitAddressSpace(1u << 20);
+  printLine(file, "%s", longLine.c_str());
   return YIF_MemAlloc(3u << 17) != nullptr ? 0 : 1;
 }
 
@@ -464,7 +490,8 @@ TEST(Config, FileIsReadLineByLine) {
   const std::string longLine(5000, 'l'), longValue(1000, 'v'), blanks(3000, ' ');
   const std::string path = directory.write(
       "settings", "# A.Comment = 1\n\n  Plain=text\nSpaced \t=  two words \t\r\nPlain = second\n" +
-                      longLine + " Inside = 1\nLong = " + longValue +
+                      longLine + " Inside = 1\nNul" + std::string(1, '\0') +
+                      "\nLong = " + longValue +
                       "  \nPrefix.More = 1\nEmpty =\nEmpty.Spaces =   \nNoValue\nEquals = a=b#c\n" +
                       blanks + "Far = end\r\nLast = no line end");
   const Variable file("YSYS_CONFIG", path);
@@ -473,7 +500,11 @@ TEST(Config, FileIsReadLineByLine) {
        {"Plain", "Spaced", "Prefix.More", "Empty", "Empty.Spaces", "Equals", "Far", "Last"})
     texts += textOf(key) + "|";
   EXPECT_EQ(texts, "text|two words|1|||a=b#c|end|no line end|");
+  const int lowest = dup(STDIN_FILENO);
+  close(lowest);
   EXPECT_EQ(textOf("Long"), longValue);
+  EXPECT_EQ(dup(STDIN_FILENO), lowest) << "the file is closed";
+  close(lowest);
   for (const char* key : {"Prefix", "Prefix.More.Still", "NoValue", "A.Comment", "# A.Comment",
                           "Inside", "plain", "", "Missing"})
     EXPECT_EQ(textOf(key), "?") << key;
@@ -623,13 +654,6 @@ void expectNoSignal(YIF_Handle file, int signal) {
   pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
-void printLine(std::FILE* stream, const char* format, ...) {
-  std::va_list args;
-  va_start(args, format);
-  YfPrintLine(stream, format, args);
-  va_end(args);
-}
-
 // Every way to write beside the files; both streams and the channel are what is refused.
 void writeEverywhere() {
   for (int i = 0; i < 2; ++i) {
@@ -643,6 +667,12 @@ void writeEverywhere() {
 TEST(Files, WritesThatAreRefusedRaiseNoSignal) {
   const TemporaryDirectory directory;
   const std::string errors = expectInChild([&] {
+    Fifo fifo;
+    fifo.openReader();
+    const YIF_Handle pipe = YIF_Open(fifo.path().c_str(), YIF_OPEN_APPEND, 1);
+    const int stream = open(fifo.path().c_str(), O_WRONLY);
+    fifo.closeReader();
+    expectNoSignal(pipe, SIGPIPE);
     const rlimit limit = {4, 4};
     setrlimit(RLIMIT_FSIZE, &limit);
     const YIF_Handle file = YIF_Open(directory.pathOf("file").c_str(), YIF_OPEN_APPEND, 1);
@@ -652,13 +682,7 @@ TEST(Files, WritesThatAreRefusedRaiseNoSignal) {
         channel("YSYS_DEBUG_CHANNEL", directory.pathOf("debug"));
     dup2(open(directory.pathOf("out").c_str(), O_WRONLY | O_CREAT, 0600), STDOUT_FILENO);
     writeEverywhere();
-    Fifo fifo;
-    fifo.openReader();
-    const YIF_Handle pipe = YIF_Open(fifo.path().c_str(), YIF_OPEN_APPEND, 1);
-    for (int stream : {STDOUT_FILENO, STDERR_FILENO})
-      dup2(open(fifo.path().c_str(), O_WRONLY), stream);
-    fifo.closeReader();
-    expectNoSignal(pipe, SIGPIPE);
+    for (int each : {STDOUT_FILENO, STDERR_FILENO}) dup2(stream, each);
     unsetenv("YSYS_DEBUG_CHANNEL");
     writeEverywhere();
   });
@@ -703,8 +727,8 @@ TEST(Assertion, OfExhaustionIsPrintedOnceAndStopsNothingUnlessAskedTo) {
 
 // --- Writes in many parts ---
 
-// A slow reader, a standard error that does not block and a timer's signals make the system take
-// the bytes in many parts.
+// A slow reader and a timer's signals make the system take the bytes in many parts, whether
+// standard error blocks or not.
 TEST(Files, InterruptedWritesAreFinished) {
   Fifo fifo;
   pollfd ready = {fifo.openReader(), POLLIN, 0};
@@ -721,12 +745,14 @@ TEST(Files, InterruptedWritesAreFinished) {
     timer_create(CLOCK_MONOTONIC, &tick, &timer);
     timer_settime(timer, 0, &often, nullptr);
     const YIF_Handle file = YIF_Open(fifo.path().c_str(), YIF_OPEN_APPEND, 1);
-    dup2(open(fifo.path().c_str(), O_WRONLY | O_NONBLOCK), STDERR_FILENO);
     const Variable goOn("YSYS_ASSERT", "continue");
     writeText(file, text);
-    YfAssert__(text.c_str(), "file", 1);
-    OutputDebugStringA((text + "\n").c_str());
-    for (const char* each : {text.c_str(), "short"}) printLine(stderr, "%s%d", each, 1);
+    for (int flag : {O_NONBLOCK, 0}) {
+      dup2(open(fifo.path().c_str(), O_WRONLY | flag), STDERR_FILENO);
+      YfAssert__(text.c_str(), "file", 1);
+      OutputDebugStringA((text + "\n").c_str());
+      for (const char* each : {text.c_str(), "short"}) printLine(stderr, "%s%d", each, 1);
+    }
     return 0;
   });
   std::string received;
@@ -735,9 +761,9 @@ TEST(Files, InterruptedWritesAreFinished) {
     part = fifo.read();
   }
   EXPECT_EQ(waitForChild(child), 0);
-  EXPECT_TRUE(received == text + "assertion failed: " + text + ", file:1\n" + text + "\n" + text +
-                              "1\nshort1\n")
-      << received.size();
+  const std::string part =
+      "assertion failed: " + text + ", file:1\n" + text + "\n" + text + "1\nshort1\n";
+  EXPECT_TRUE(received == text + part + part) << received.size();
 }
 
 // --- The debugger channel ---

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// The structure of the balanced map, written once for all keys and values.
+// The structure of the balanced map, once for all keys and values.
 //
-// What happens on the left happens mirrored on the right: each step stands once, with the side as
-// its argument, and the exported operations name the side. A balance times the sign of a side is
-// positive where the node leans to that side.
+// Left and right are mirror images: each step stands once, with the side as its argument, and the
+// exported operations name the side. A balance times the sign of a side is positive if that side of
+// the node is higher.
 #include "utils/sdk/atree.h"
 
 #include "utils/sdk/platform.h"
@@ -33,7 +33,8 @@ Node*& child(const Iter& it, Node* node, Side side) {
   return *reinterpret_cast<Node**>(reinterpret_cast<char*>(node) + offset);
 }
 
-// Gives the condition, so that a caller that cannot go on without it leaves everything as it is.
+// Reports a condition that does not hold. Returns the condition: a caller that needs it returns
+// before it changes anything.
 bool holds(bool condition, const char* text, unsigned line) {
   if (!condition) [[unlikely]]
     _assert(text, SOURCE, line);
@@ -49,7 +50,7 @@ void setLink(const Iter& it, Node* node, Side side, Node* to) {
   if (to) it.parent(to) = node;
 }
 
-// The child on the other side rises into insertAddr_, its parent sinks to `side`.
+// Raises the child on the other side to insertAddr_; its parent becomes its child on `side`.
 void rotate(Iter& it, Side side) {
   if (!hasLinkedNode(it)) return;
   Node* sinking = *it.insertAddr_;
@@ -63,15 +64,15 @@ void rotate(Iter& it, Side side) {
 
 // --- Insertion ---
 
-// The node at pos_ leans by two to `side`, and its child there leans the same way.
+// The node at pos_ is too high by two on `side`, and its child there is higher on the same side.
 void rotateOnce(Iter& it, Node* child, Side side) {
   it.pos_->balance_ = child->balance_ = 0;
   it.up();
   rotate(it, opposite(side));
 }
 
-// The node at pos_ leans by two to `side`, its child there the other way: the grandchild between
-// them rises above both.
+// The node at pos_ is too high by two on `side`, and its child there is higher on the other side:
+// the grandchild between them is raised above both.
 void rotateTwice(Iter& it, Node* child, Node* grandchild, Side side) {
   const int lean = grandchild->balance_ * side;
   it.pos_->balance_ = lean > 0 ? -side : 0;
@@ -92,8 +93,8 @@ void rebalanceGrown(Iter& it, Side side) {
   rotateTwice(it, node, inner, side);
 }
 
-// The subtree on that side of pos_ has grown, its link is insertAddr_. True when the one at pos_
-// has.
+// Records that the subtree at insertAddr_, on that side of pos_, has grown. Returns true if the
+// subtree at pos_ has grown too.
 bool recordGrowth(Iter& it, Side side) {
   const bool grows = it.pos_->balance_ == 0;
   it.pos_->balance_ += side;
@@ -103,22 +104,22 @@ bool recordGrowth(Iter& it, Side side) {
 
 // --- Removal ---
 
-// To the parent. Gives the side on which the parent is now too high, if the subtree that was left
-// has become one lower; 0 above the root.
+// Moves to the parent. Returns the side on which the parent is now higher if the subtree below has
+// become one lower; 0 above the root.
 int climb(Iter& it) {
   const int dir = -it.here(nullptr);
   it.pos_ = it.parent(it.pos_);
   return dir;
 }
 
-// A node with two children changes places with its predecessor, which has at most a left one.
+// Swaps a node with two children with its predecessor, which has at most a left child.
 void exchangeWithPredecessor(Iter& it) {
   Node* node = it.pos_;
   it.here(nullptr);
   Node* next = it.left(node);
   while (Node* further = it.right(next)) next = further;
   Node* rest = it.left(next);
-  Node* above = next;  // what the node will hang below
+  Node* above = next;  // the new parent of the node
   if (next != it.left(node)) {
     above = it.parent(next);
     setLink(it, next, LEFT, it.left(node));
@@ -137,7 +138,7 @@ void exchangeWithPredecessor(Iter& it) {
   next->balance_ = balance;
 }
 
-// Takes the node at insertAddr_ out, which has at most one child; its parent link stays.
+// Unlinks the node at insertAddr_, which has at most one child. Its parent link is unchanged.
 void unlink(Iter& it, Node* node) {
   Node* rest = it.left(node) ? it.left(node) : it.right(node);
   if (rest) it.parent(rest) = it.parent(node);
@@ -145,8 +146,9 @@ void unlink(Iter& it, Node* node) {
   it.left(node) = it.right(node) = nullptr;
 }
 
-// The node at pos_ is too high by two on the side `dir`. True when mending has made its subtree
-// lower: pos_ is then the parent, and `dir` the side on which that one is now too high.
+// Rebalances the node at pos_, which is too high by two on the side `dir`. Returns true if its
+// subtree has become lower: pos_ is then the parent, and `dir` the side on which that one is now
+// higher.
 bool rebalanceShrunk(Iter& it, int& dir) {
   const Side side = static_cast<Side>(dir);
   Node* node = it.pos_;
@@ -173,7 +175,8 @@ bool rebalanceShrunk(Iter& it, int& dir) {
   return lean != 0;
 }
 
-// The subtree below pos_ on the other side than `dir` has become one lower.
+// Restores the balance after the subtree of pos_ on the side opposite to `dir` has become one
+// lower.
 void retrace(Iter& it, int dir) {
   while (Node* node = it.pos_) {
     if (node->balance_ == 0) {
@@ -234,8 +237,8 @@ bool AVLTreeIterBase::adjustBalance() {
   return insertAddr_ == &right(pos_) && recordGrowth(*this, RIGHT);
 }
 
-// Up to the first node that is not even, all lean to where they have grown, and nothing else
-// happens to them.
+// All nodes below the first one whose balance is not 0 only get the balance of the side that has
+// grown.
 void AVLTreeIterBase::settle() {
   AVLTreeNodeBase* node = pos_;
   AVLTreeNodeBase* grown = insertAddr_ ? *insertAddr_ : nullptr;
@@ -259,7 +262,7 @@ void AVLTreeIterBase::rotateLeft() { rotate(*this, LEFT); }
 
 void AVLTreeIterBase::rotateRight() { rotate(*this, RIGHT); }
 
-// --- Taking out ---
+// --- Removal from the tree ---
 
 AVLTreeNodeBase* AVLTreeIterBase::remove() {
   AVLTreeNodeBase* node = pos_;

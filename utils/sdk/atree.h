@@ -1,25 +1,26 @@
 // SPDX-License-Identifier: MIT
-// The balanced map from keys to values.
+// A map from keys to values, in a balanced search tree.
 //
-// A search tree balanced by height (G. M. Adelson-Velsky and E. M. Landis, 1962) with parent links:
-// at every node the heights of the two subtrees differ by at most one, and no operation needs a
-// stack of the nodes that it has passed. All work on the structure stands once, in AVLTreeIterBase,
-// which knows no keys and finds the links of a node and the root of a tree through TemplOps tables
-// (vector.h). The typed templates compare keys, make nodes and forward.
+// The tree is balanced by height (G. M. Adelson-Velsky and E. M. Landis, "An algorithm for the
+// organization of information", 1962) and has parent links: at every node the heights of the two
+// subtrees differ by at most one, and no operation needs a stack of the nodes that it passed. All
+// work on the structure is in AVLTreeIterBase, once for all types: it knows no keys and finds the
+// links of a node and the root of a tree through TemplOps tables (vector.h). The typed templates
+// compare keys, create nodes and forward.
 //
-// A tree owns its nodes, one block of the process allocator for each entry. A node stays where it
-// is until its entry is removed, and so do its key and value. K needs == and >, which must be a
-// strict total order, and a copy constructor; V a copy constructor, and a default constructor where
-// entries are made or read without a value.
+// A tree owns its nodes; each entry is one block of the process allocator. A node, with its key and
+// value, keeps its address until its entry is removed. Requires: K has a copy constructor, == and
+// >, a strict total order; V has a copy constructor, and a default constructor if intern(), [] or
+// the conversion of an iterator to V is used.
 //
 //   bytes, 32-bit   0 balance_   4 parent_    8 left_  12 right_  16 key_, value_
 //   bytes, 64-bit   0 balance_   8 parent_   16 left_  24 right_  32 key_, value_
 //
-// Example: after the keys 3, 1, 2 the root is 2 with balance 0, above 1 and 3; without 1 its
-// balance is 1, since its right subtree is one higher than its left one.
+// Example: after the keys 3, 1, 2 the root is 2 with balance 0, above 1 and 3. After the removal of
+// 1 its balance is 1, since its right subtree is one higher than its left one.
 //
-// The caller serialises. A change through one iterator leaves all others on that tree stale: they
-// must be set again before they are used.
+// Thread safety: the caller serialises all operations on a tree. A change through one iterator
+// invalidates all others of that tree: they must be set again before they are used.
 #pragma once
 
 #include <cstddef>
@@ -39,7 +40,7 @@ struct YUTILS_EXPORT AVLTreeNodeBase {
   int balance_;  // height of the right subtree less that of the left one: -1, 0 or 1
 };
 
-// How every node begins, whatever its key and value.
+// The first fields of every node, independent of its key and value.
 struct AVLTreeNodeFields {
   int balance_;
   AVLTreeNodeBase* parent_;
@@ -49,57 +50,63 @@ struct AVLTreeNodeFields {
 
 struct YUTILS_EXPORT AVLTreeBase {};
 
-// A place in a tree, and all work on the structure. `pos_` is the current node, null when the
-// iterator stands nowhere; `insertAddr_` is the address of a link: the one that leads to pos_, or
-// the empty one below pos_ where a sought key belongs. Operations that tell of no link leave it
-// alone. Requires, but for what does nothing nowhere: an iterator that is bound to a tree.
+// A place in a tree, and all work on the structure. `pos_` is the current node, or null.
+// `insertAddr_` is the address of a link: the link that leads to pos_, or the null link below pos_
+// at which a sought key belongs. Operations that do not mention the link leave insertAddr_
+// unchanged. Requires: the iterator is bound to a tree (not needed where an operation does nothing
+// for a null pos_).
 struct YUTILS_EXPORT AVLTreeIterBase {
   AVLTreeIterBase() { init(); }
 
-  // The links of a node, to read and to write.
+  // The links of a node, to be read and written.
   AVLTreeNodeBase*& parent(void* node) const { return linkAt(node, nodeOps_->offset0_); }
   AVLTreeNodeBase*& left(void* node) const { return linkAt(node, nodeOps_->offset1_); }
   AVLTreeNodeBase*& right(void* node) const { return linkAt(node, nodeOps_->offset2_); }
 
-  void top() {  // to the root and its link
+  void top() {  // moves to the root, insertAddr_ to the link that leads to it
     insertAddr_ = &linkAt(tree_, ops_->offset0_);
     pos_ = *insertAddr_;
   }
 
-  // Sets insertAddr_ to the link that leads to pos_. Gives -1 where that is the left link of the
-  // parent, 1 where it is the right one, and stores the address of the other one unless `sibling`
-  // is null; gives 0 at the root and nowhere.
+  // Sets insertAddr_ to the link that leads to pos_. Returns -1 if that is the left link of the
+  // parent, 1 if it is the right one, and then stores the address of the parent's other link in
+  // `sibling` unless that is null. Returns 0 for the root. Does nothing and returns 0 if pos_ is
+  // null.
   int here(AVLTreeNodeBase*** sibling);
 
-  // To the parent; insertAddr_ is then the link that was come from. False when there was no node.
+  // Moves to the parent, or to null from the root; insertAddr_ is then the link that led to the
+  // former node. Returns false if pos_ is null.
   bool up();
-  void downLeft();  // to the first node of the subtree at pos_
-  void downRight();
-  void bump(bool forward);  // to the next key or the previous one, nowhere behind the last
+  void downLeft();          // moves to the first node of the subtree at pos_
+  void downRight();         // moves to the last one
+  void bump(bool forward);  // moves to the next key or to the previous one; null if there is none
   void invalidate() { pos_ = nullptr; }
 
-  // What an insertion does after it has hung a node at insertAddr_, the link of pos_. One step:
-  // true when the subtree at pos_ has grown, so that its parent needs the same.
+  // The retracing of an insertion, which has attached a node at insertAddr_, a link of pos_.
+  // adjustBalance does one step of it and returns true if the subtree at pos_ has grown, so that
+  // the parent needs the same step. settle does all steps.
   bool adjustBalance();
-  void settle();  // all steps
+  void settle();
 
-  // Mend a node at pos_ that leans by two to that side, the link of which is insertAddr_.
+  // Rebalance the node at pos_, whose subtree on that side is too high by two. Requires:
+  // insertAddr_ is the link to that subtree.
   void leftBalance();
   void rightBalance();
 
-  // Turn the subtree at insertAddr_, which hangs below pos_. Balances stay as they are.
+  // Rotate the subtree at insertAddr_, a link of pos_. Balances are not changed.
   void rotateLeft();
   void rotateRight();
 
-  // Takes the node at pos_ out and gives it to the caller, without children; null nowhere. The
-  // iterator must be set again.
+  // Unlinks the node at pos_ and hands it to the caller, its child links null. Returns null if pos_
+  // is null. Invalidates the iterator.
   AVLTreeNodeBase* remove();
 
-  // The node with the next key or the previous one, null for none. Requires a node.
+  // Returns the node with the next or the previous key, null if there is none. Requires: `node` is
+  // not null.
   static AVLTreeNodeBase* next(AVLTreeNodeBase* node, bool forward, const TemplOps& nodeOps);
 
-  // Unlinks the first node without children of the subtree `top`, searched from `node`, which
-  // becomes its parent, and gives it; null when only `top` is left. Links alone are looked after.
+  // Unlinks a leaf below `top` and returns it: the first one at or below `node`, which is set to
+  // the leaf's parent. Returns null if `top` is the leaf. Balances are not kept.
   static AVLTreeNodeBase* cutLeaf(AVLTreeNodeBase*& node, AVLTreeNodeBase* top,
                                   const TemplOps& nodeOps);
 
@@ -122,14 +129,14 @@ struct YUTILS_EXPORT AVLTreeIterBase {
   }
 };
 
-// On the way down it asks for the memory of the nodes that the steps after this one come to.
+// On the way down it prefetches the nodes that the following steps visit.
 inline AVLTreeNodeBase* AVLTreeIterBase::next(AVLTreeNodeBase* node, bool forward,
                                               const TemplOps& nodeOps) {
-  const unsigned ahead = forward ? nodeOps.offset2_ : nodeOps.offset1_;
-  const unsigned behind = forward ? nodeOps.offset1_ : nodeOps.offset2_;
-  if (AVLTreeNodeBase* found = linkAt(node, ahead)) {
-    while (AVLTreeNodeBase* nearer = linkAt(found, behind)) {
-      __builtin_prefetch(linkAt(found, ahead));
+  const unsigned onward = forward ? nodeOps.offset2_ : nodeOps.offset1_;
+  const unsigned back = forward ? nodeOps.offset1_ : nodeOps.offset2_;
+  if (AVLTreeNodeBase* found = linkAt(node, onward)) {
+    while (AVLTreeNodeBase* nearer = linkAt(found, back)) {
+      __builtin_prefetch(linkAt(found, onward));
       found = nearer;
     }
     return found;
@@ -138,11 +145,11 @@ inline AVLTreeNodeBase* AVLTreeIterBase::next(AVLTreeNodeBase* node, bool forwar
   do {
     from = node;
     node = linkAt(node, nodeOps.offset0_);
-  } while (node && linkAt(node, ahead) == from);
+  } while (node && linkAt(node, onward) == from);
   return node;
 }
 
-// An entry. Owns its children: they go with it.
+// An entry. Owns its children: its destructor deletes them.
 template <class K, class V>
 struct YUTILS_EXPORT AVLTreeNode : AVLTreeNodeBase {
   AVLTreeNode(const K& key, const V& value) : key_(key), value_(value) { init(); }
@@ -150,7 +157,7 @@ struct YUTILS_EXPORT AVLTreeNode : AVLTreeNodeBase {
   AVLTreeNode(const AVLTreeNode&) = delete;
   AVLTreeNode& operator=(const AVLTreeNode&) = delete;
 
-  // Memory of the process allocator; null when there is none.
+  // Allocates with the process allocator. Returns null if there is no memory.
   static void* operator new(std::size_t size) noexcept {
     static_assert(alignof(AVLTreeNode) <= 8, "the allocator aligns to 8");
     return Allocator::theAllocator()->alloc(static_cast<unsigned>(size));
@@ -164,16 +171,16 @@ struct YUTILS_EXPORT AVLTreeNode : AVLTreeNodeBase {
   const V& value() const { return value_; }
   void value(const V& v) { value_ = v; }
 
-  // The child that a search goes to next (trees/choose.h). Loading both children takes no longer
-  // than loading the key.
+  // Returns the child that a search visits next (trees/choose.h). The load of both children takes
+  // no longer than the load of the key.
   AVLTreeNode* childTowards(bool greater) const {
     return static_cast<AVLTreeNode*>(choose(greater, right_, left_));
   }
   AVLTreeNodeBase** linkTowards(bool greater) { return greater ? &right_ : &left_; }
 
   AVLTreeNodeBase* parent_;  // null at the root
-  AVLTreeNodeBase* left_;    // keys below this one
-  AVLTreeNodeBase* right_;   // keys above
+  AVLTreeNodeBase* left_;    // smaller keys
+  AVLTreeNodeBase* right_;   // greater keys
   K key_;
   V value_;
   static const TemplOps ops_;
@@ -191,8 +198,8 @@ constexpr TemplOps AVLTreeNode<K, V>::ops_ = {0,
                                               offsetof(AVLTreeNodeFields, right_),
                                               0};
 
-// The children end first, left before right, one by one from the leaves: however the tree is
-// shaped, no stack runs out.
+// Deletes the children one by one from the leaves, left before right, so that no shape of a tree
+// overflows the stack.
 template <class K, class V>
 AVLTreeNode<K, V>::~AVLTreeNode() {
   if (!left_ && !right_) return;
@@ -204,18 +211,18 @@ AVLTreeNode<K, V>::~AVLTreeNode() {
 template <class K, class V>
 struct AVLTree;
 
-// A place in a tree of that type. Nodes and values that it gives are valid until their entry is
-// removed; it must not be used after the tree.
+// A place in a tree of that type. Valid until the tree is destroyed; the nodes and values that it
+// returns are valid until their entry is removed.
 template <class K, class V>
 struct YUTILS_EXPORT AVLTreeIter : AVLTreeIterBase {
   using Node = AVLTreeNode<K, V>;
 
   AVLTreeIter() = default;
   AVLTreeIter(const AVLTreeIter&) = default;
-  // Only for an iterator with a name: in `map[a] = map[b]` the value is meant.
+  // For named iterators only: `map[a] = map[b]` assigns the value.
   AVLTreeIter& operator=(const AVLTreeIter&) & = default;
 
-  void tree(const AVLTree<K, V>* t) {  // binds; top() then sets it
+  void tree(const AVLTree<K, V>* t) {  // binds the iterator; top() then sets its place
     ops_ = &AVLTree<K, V>::ops_;
     nodeOps_ = &Node::ops_;
     tree_ = const_cast<AVLTree<K, V>*>(t);
@@ -224,24 +231,27 @@ struct YUTILS_EXPORT AVLTreeIter : AVLTreeIterBase {
   Node* pos() const { return static_cast<Node*>(pos_); }
   bool valid() const { return pos_ != nullptr; }
 
-  // Looks for the key in the subtree at pos_. Where it is not, pos_ is the last node passed and
-  // insertAddr_ the link below it where the key belongs.
+  // Searches the subtree at pos_. Returns true and moves to the key, insertAddr_ to the link that
+  // leads to it, if it is there; else pos_ is the last node visited and insertAddr_ the null link
+  // below it at which the key belongs. Returns false if pos_ is null.
   bool find(const K& key);
 
-  // Hangs a new node at insertAddr_, as find left it, without balancing; nothing where that is
-  // null. False when there is no memory.
+  // Attaches a new node at insertAddr_, as find() has set it, without balancing; settle() balances.
+  // Does nothing and returns true if insertAddr_ is null. Returns false if there is no memory.
   bool insert(const K& key, const V& value);
 
-  // Removes the entry; the iterator must be set again. False nowhere.
+  // Removes the entry. Returns false if pos_ is null. Invalidates the iterator.
   bool remove() {
     AVLTreeNodeBase* node = AVLTreeIterBase::remove();
     delete static_cast<Node*>(node);
     return node != nullptr;
   }
 
-  V& value() const { return pos()->value_; }  // requires valid()
+  V& value() const { return pos()->value_; }  // Requires: valid()
+  // V() if pos_ is null.
   operator V() const { return pos_ ? pos()->value_ : V(); }
-  const V& operator=(const V& v) {  // nothing changes nowhere; gives v
+  // Does nothing if pos_ is null. Returns v.
+  const V& operator=(const V& v) {
     if (pos_) pos()->value_ = v;
     return v;
   }
@@ -279,7 +289,7 @@ bool AVLTreeIter<K, V>::insert(const K& key, const V& value) {
   return true;
 }
 
-// The map. Every operation takes time proportional to the logarithm of the number of entries.
+// The map. Search, insertion and removal take time logarithmic in the number of entries.
 template <class K, class V>
 struct YUTILS_EXPORT AVLTree : AVLTreeBase {
   using Node = AVLTreeNode<K, V>;
@@ -296,13 +306,13 @@ struct YUTILS_EXPORT AVLTree : AVLTreeBase {
     delete root;
   }
 
-  Iter find(const K& key) const {  // invalid when there is none
+  Iter find(const K& key) const {  // returns an invalid iterator if there is none
     Iter it;
     if (!locate(it, key)) it.invalidate();
     return it;
   }
 
-  // False, the tree as it was, when the key is there already or there is no memory.
+  // Returns false, and changes nothing, if the key is there already or there is no memory.
   bool insert(const K& key, const V& value) {
     Iter it;
     if (locate(it, key) || !it.insert(key, value)) return false;
@@ -310,12 +320,13 @@ struct YUTILS_EXPORT AVLTree : AVLTreeBase {
     return true;
   }
 
-  bool remove(const K& key) {  // false when there is none
+  bool remove(const K& key) {  // returns false if there is none
     Iter it;
     return locate(it, key) && it.remove();
   }
 
-  // The entry of that key, made with V() when there is none; invalid when there is no memory.
+  // Returns the entry of the key, and inserts it with V() if there is none. Returns an invalid
+  // iterator if there is no memory.
   Iter intern(const K& key) {
     Iter it;
     if (locate(it, key)) return it;
@@ -331,7 +342,7 @@ struct YUTILS_EXPORT AVLTree : AVLTreeBase {
   }
   Iter operator[](const K& key) { return intern(key); }
 
-  // Walks the entries in the order of their keys; entries must not be removed meanwhile.
+  // Iterates over the entries in the order of their keys. Requires: none is removed meanwhile.
   template <class Entry>
   struct Walk {
     Entry& operator*() const { return *static_cast<Entry*>(node_); }
@@ -370,7 +381,7 @@ struct YUTILS_EXPORT AVLTree : AVLTreeBase {
   }
 };
 
-// The root is all that a tree has.
+// A tree has one field, the root.
 template <class K, class V>
 constexpr TemplOps AVLTree<K, V>::ops_ = {0,       nullptr, nullptr, nullptr, nullptr,
                                           nullptr, 0,       0,       0,       0};

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 // The exported operations of the weight-balanced tree.
 //
-// Insertion and the removal of single nodes are wtree_steps.h with the caller's comparison.
-// Rotations, balancing and the range removals stand here. The balance tests are products of whole
-// numbers, taken in 64 bits so that no weight makes them wrap.
+// Insertions and removals of single nodes are those of wtree_steps.h with the caller's comparison.
+// Rotations, balancing and the range removals are implemented here. The tests of the balance
+// compare products of whole numbers in 64 bits, so that no weight overflows.
 #include "utils/sdk/wtree.h"
 
 #include "utils/sdk/trees/wtree_steps.h"
@@ -16,7 +16,7 @@ using Node = WTreeNodeBase;
 
 const void* keyOf(const Node* node) { return node + 1; }
 
-// The place of a key, for a comparison that is known by its address.
+// The place of a key, by a comparison that is called by its address.
 struct PlaceOfKey {
   int operator()(const Node* node) const { return before_(keyOf(node), key_); }
 
@@ -24,9 +24,9 @@ struct PlaceOfKey {
   WTreeCompare before_;
 };
 
-// The left child's left subtree is too light for a single rotation to the right.
+// True if the left child's left subtree is too light for a single rotation to the right.
 bool innerLeftHeavy(unsigned long long outer, unsigned long long a) { return outer * 169 < a * 70; }
-// The right child's left subtree is too heavy for a single rotation to the left.
+// True if the right child's left subtree is too heavy for a single rotation to the left.
 bool innerRightHeavy(unsigned long long inner, unsigned long long b) {
   return inner * 169 > b * 99;
 }
@@ -101,8 +101,8 @@ void WTreeBase::rrot(WTreeNodeBase** link) {
   l->weight_ = wt(l->left_) + n->weight_;
 }
 
-// Each pass rotates once and then sees to the subtree that the rotation left behind on the lighter
-// side; a double rotation leaves one behind on each side.
+// Each pass rotates once and then rebalances the subtree that the rotation moved down on the
+// lighter side; a double rotation moves one down on each side.
 void WTreeBase::checkrots(WTreeNodeBase** link) {
   Node* n = *link;
   unsigned a = wt(n->left_);
@@ -135,8 +135,8 @@ void WTreeBase::checkrots(WTreeNodeBase** link) {
 
 // --- Single nodes ---
 
-// A search that ends without a change still sees to the balance of its path: a node that an earlier
-// step left outside of it is mended by whoever passes next.
+// A search that ends without a change still rebalances its path: the next operation that passes a
+// node outside the limits restores its balance.
 
 bool WTreeBase::insert(WTreeNodeBase* node, WTreeNodeBase** link, WTreeCompare before) {
   WTreePath path(link);
@@ -198,7 +198,7 @@ WTreeNodeBase* WTreeBase::prune(WTreeNodeBase** link) {
   Node* head = *link;
   *link = nullptr;
   if (!head) return nullptr;
-  // Each right subtree is hung behind the end of the list so far, whose left links are the list.
+  // The left links are the list; each right subtree is appended to its end.
   Node* last = head;
   while (last->left_) last = last->left_;
   for (Node* node = head; node; node = node->left_) {
@@ -210,11 +210,11 @@ WTreeNodeBase* WTreeBase::prune(WTreeNodeBase** link) {
   return head;
 }
 
-// One range removal: what it looks for, and the list of what it has found.
+// One range removal: its bounds, and the list of the removed nodes.
 struct WTreeSteps::RangeRemoval {
-  // Takes the range out of the subtree at `link`, whose keys lie from `lower` to `upper`. A subtree
-  // that these show to lie in the range goes whole; any other node in the range goes by itself,
-  // after what has to go below it.
+  // Removes the range from the subtree at `link`, whose keys are from `lower` to `upper`. A subtree
+  // that these bounds show to be in the range is pruned; any other node in the range is removed
+  // singly, after the nodes of the range below it.
   void removeFrom(Node** link, const void* lower, const void* upper) {
     Node* node = *link;
     if (!node) return;

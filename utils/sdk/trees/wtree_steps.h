@@ -1,25 +1,29 @@
 // SPDX-License-Identifier: MIT
 // The algorithms of the weight-balanced tree, apart from the tree.
 //
-// For the library's own sources, not installed: `wtree.cpp` makes the exported operations of it,
-// with a comparison called by its address, and the allocator its free tree, with the comparison
-// inlined. A caller says where it wants to go by a function object `place` that takes a node and
-// gives > 0 when the node stands before the sought place, < 0 when behind it, 0 when it is there.
+// For the library's own sources, not installed: wtree.cpp builds the exported operations from them,
+// with a comparison that is called by its address; the allocator builds its tree of free blocks,
+// with the comparison inlined. The caller directs a descent by a function object `place`, which
+// takes a node and returns > 0 if the node is before the sought place, < 0 if it is after it, 0 if
+// it is at it.
 //
-// No operation recurses. A descent notes the nodes that it passes; the way back up sets their
-// weights and rotates where the balance asks for it. A node's other child weighs what the node
-// weighs less the child on the path, so the way up touches nothing that the way down did not.
+// No operation recurses. A descent records the nodes that it passes; the retracing of that path
+// sets their weights and rotates where the balance requires it. The weight of a node's other child
+// is the node's weight less that of the child on the path, so retracing reads no other nodes until
+// it rotates.
 //
-// A path has a guard. That of the general tree, WTreeTrust, costs nothing and follows every link. A
-// guard of one's own, for nodes that may be overwritten, looks at each node before it is used:
+// A path has a guard. WTreeTrust, the guard of the general tree, costs nothing and follows every
+// link. A guard for nodes that may be overwritten checks each node before it is used:
 //
-//   admits(node)           whether a node can be there       refuse(parent, node)   one is not
-//   sound follows(node)          the same, in order on the way     narrow(node, right)    the way
-//   goes on added(path, node), replaced(former, node), rotated(top, former)   keep what nodes have
-//   beside
-//                                                                     their weights
+//   admits(node)              returns true if a node can be at that address
+//   refuse(parent, node)      records a node below `parent` that is not sound
+//   isSound()                 returns true until a node was refused
+//   passed(node)              is called before a descent continues below the node
 //
-// The caller serialises.
+// and keeps up to date what its nodes store beside their weights: added(node), replaced(former,
+// node), rotated(top, former).
+//
+// Thread safety: the caller serialises all operations on a tree.
 #pragma once
 
 #include <cstdint>
@@ -29,9 +33,9 @@
 
 namespace Utils {
 
-// The nodes passed on the way down, the topmost first. A child weighs at most 70/99 of its parent
-// and a weight has 32 bits, so no path is longer than 64 but for the nodes a step outside the
-// balance.
+// The nodes that a descent passed, the root first. A child weighs at most 70/99 of its parent and a
+// weight has 32 bits, so a path has at most 64 nodes; the rest is room for nodes that are one step
+// outside the balance.
 template <class Guard>
 struct WTreePathWith : Guard {
   static constexpr unsigned MAX_DEPTH = 96;
@@ -66,11 +70,11 @@ struct WTreeSteps {
   using Node = WTreeNodeBase;
   using Link = WTreeNodeBase**;
 
-  // Where a descent ended.
+  // The result of a descent.
   struct End {
-    Node* found_;     // the node at the place; null when the path ends where it would be
-    bool toRight_;    // the way that the path went from its last node
-    unsigned upper_;  // one more than the level of the first node behind the place; 0 for none
+    Node* found_;     // the node at the place; null if the path ends where it would be inserted
+    bool toRight_;    // the direction in which the path left its last node
+    unsigned upper_;  // one more than the level of the first node after the place; 0 if none
   };
 
   static Link rootOf(WTreeBase& tree) { return &tree.top_; }
@@ -78,14 +82,13 @@ struct WTreeSteps {
   static bool leftTooHeavy(std::uint64_t a, std::uint64_t b) { return a * 29 > b * 70; }
   static bool rightTooHeavy(std::uint64_t a, std::uint64_t b) { return a * 239 < b * 99; }
 
-  // Whether one child of a node of that weight, the other weighing the rest, weighs more than 70/29
-  // of the other, on either side: not 29w <= 99c <= 70w. The stricter of the two tests, for both
-  // sides.
+  // True unless 29 * weight <= 99 * child <= 70 * weight, that is, unless neither side is heavier
+  // than 70/29 of the other. The stricter of adjust()'s two limits, applied to both sides.
   static bool outOfBalance(std::uint64_t child, std::uint64_t weight) {
     return child * 99 - weight * 29 > weight * 41;
   }
 
-  // A link that the guard refuses ends the path.
+  // Goes from the root towards the place. A node that the guard refuses ends the path.
   template <class Path, class Place>
   static End descend(Path& path, Place place) {
     End end{nullptr, false, 0};
@@ -109,7 +112,8 @@ struct WTreeSteps {
     return end;
   }
 
-  // The link that the path leads to, where `node` hangs below its last node.
+  // Returns the link to `node`, which is a child of the path's last node above `level`, or the root
+  // for level 0.
   template <class Path>
   static Link linkTo(const Path& path, unsigned level, const Node* node) {
     if (level == 0) return path.root_;
@@ -117,9 +121,9 @@ struct WTreeSteps {
     return parent->left_ == node ? &parent->left_ : &parent->right_;
   }
 
-  // The way back up, from the end of the path to level `from`: adds `delta` (1, 0 or -1) to the
-  // weight of each node and restores its balance. `below` is the weight of what the path leads to.
-  // The test is the stricter of the two of adjust(), for both sides; adjust() decides.
+  // Goes from the end of the path back to level `from`: adds `delta` (1, 0 or -1) to the weight of
+  // each node and restores its balance. `below` is the weight of the subtree at the end of the
+  // path. The test is stricter than the two of adjust(), which decides.
   template <class Path>
   static void retrace(Path& path, unsigned from, unsigned below, int delta) {
     for (unsigned level = path.depth_; level-- > from;) {
@@ -131,7 +135,7 @@ struct WTreeSteps {
     }
   }
 
-  // A node whose surroundings are not sound stays as it is.
+  // Does nothing if a node that the rotation needs is not sound.
   template <class Path>
   static void rebalance(Path& path, unsigned level, Node* node) {
     const Link link = linkTo(path, level, node);
@@ -143,9 +147,9 @@ struct WTreeSteps {
     if (*link != node) path.rotated(*link, node);
   }
 
-  // The way back up of a search that changed nothing, to level `from`: mends what an earlier step
-  // left outside the balance. Only nodes of at least that weight can have been left so; the path is
-  // cut behind the last of them.
+  // Retraces the path of a search that changed nothing, back to level `from`, to restore the
+  // balance of nodes that an earlier step left outside the limits. Only nodes of at least
+  // LEAST_WEIGHT can be there, so the path is cut after the last of these.
   template <class Path>
   static void rebalanceAfterSearch(Path& path, unsigned from, unsigned below) {
     constexpr unsigned LEAST_WEIGHT = 239;
@@ -156,7 +160,7 @@ struct WTreeSteps {
     retrace(path, from, below, 0);
   }
 
-  // Puts a node where a descent ended without finding one.
+  // Inserts a node at the place where a descent ended without finding one.
   template <class Path>
   static void attach(Path& path, End end, Node* node) {
     node->left_ = node->right_ = nullptr;
@@ -171,9 +175,9 @@ struct WTreeSteps {
     retrace(path, 0, 2, 1);
   }
 
-  // Takes out the node that the path leads to; both its children are null then. A node with two
-  // children changes places with its predecessor first. False, and nothing is changed, if the guard
-  // refuses a node.
+  // Removes the node at the end of the path and sets both its child links to null. A node with two
+  // children first changes places with its predecessor. Returns false, and changes nothing, if the
+  // guard refuses a node.
   template <class Path>
   static bool detach(Path& path, Node* node) {
     const Link link = linkTo(path, path.depth_, node);
@@ -189,8 +193,8 @@ struct WTreeSteps {
     return true;
   }
 
-  // `fresh` takes the place of `node`, which hangs at `link`. Requires: the same place in the
-  // order.
+  // Puts `fresh` in the place of `node`, to which `link` leads. Requires: both have the same place
+  // in the order.
   template <class Path>
   static void replace(Path& path, Link link, Node* node, Node* fresh) {
     fresh->weight_ = node->weight_;
@@ -204,7 +208,8 @@ struct WTreeSteps {
     while (node->left_) node = node->left_;
     return node;
   }
-  // The same with the guard of the path, for a child of `parent`; null if a node is refused.
+  // Does the same for a child of `parent`, checked by the guard of the path. Returns null if a node
+  // is refused.
   template <class Path>
   static Node* leftmost(Path& path, const Node* parent, Node* node) {
     for (unsigned depth = 0; depth < Path::MAX_DEPTH && path.admits(node); depth++) {
@@ -221,8 +226,8 @@ struct WTreeSteps {
   struct RangeRemoval;  // in wtree.cpp, its only user
 
  private:
-  // The predecessor takes the node's place and leaves its own to its left child, which is `rest`
-  // then. The path then leads there.
+  // Puts the predecessor in the place of the node, and the predecessor's left child in the place of
+  // the predecessor. The path then leads to that child, which `rest` is set to.
   template <class Path>
   static bool exchangeWithPredecessor(Path& path, Link link, Node* node, Node*& rest) {
     const unsigned level = path.depth_;
@@ -251,9 +256,9 @@ struct WTreeSteps {
     return false;
   }
 
-  // Whether a rotation that the weights ask for finds all nodes that it reads: the children, those
-  // of the heavier one, and those of the inner one of these. A weight that is not the sum of the
-  // weights below would make it look for nodes that are not there.
+  // True if all nodes that the rotation reads are sound: the children, the children of the heavier
+  // child, and those of its inner child. With a weight that is not the sum of the weights below, a
+  // rotation would follow links to nodes that do not exist.
   template <class Path>
   static bool canRotate(Path& path, const Node* node) {
     const Node* left = node->left_;
@@ -273,7 +278,7 @@ struct WTreeSteps {
            (admitsOrNull(path, inner, inner->left_) && admitsOrNull(path, inner, inner->right_));
   }
 
-  // Whether there is no node, or one that can weigh as much as a node does.
+  // True if `node` is null, or sound and of a weight that a node can have.
   template <class Path>
   static bool hasWeight(Path& path, const Node* parent, const Node* node) {
     if (!admitsOrNull(path, parent, node)) return false;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The life of the locks that block, and what is told of a violation.
+// Construction and destruction of the locks that block, and the report of a violation.
 #include "utils/sdk/block.h"
 
 #include "utils/sdk/logging/trace.h"

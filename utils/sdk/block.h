@@ -1,21 +1,22 @@
 // SPDX-License-Identifier: MIT
-// The blocking locks, four that block nobody and two that do.
+// The locks of the library: four empty ones that never block, and two that do.
 //
-// YtBLock, YtReadWriteBLock and their scoped lockers have the operations of locks, and all of those
-// are empty: they exclude nothing, keep no state (not even the name), allocate nothing and call
-// nothing. The allocators hold a YtBLock at the places where a real one would stand, and stay what
-// they are without it: safe when their caller serialises. Usable from the first instruction of a
-// process on.
+// YtBLock, YtReadWriteBLock and their scoped lockers have the operations of locks, all of them
+// empty: they exclude nothing, have no state (not even the name), allocate nothing and call
+// nothing. The allocators have a YtBLock at the places of a real lock; the caller of an allocator
+// serialises. They may be used before any constructor has run.
 //
-// YtLightBLock is a recursive lock on a cooperative event; taking a free one and giving it back are
-// one step on the event each, taking it again none. YtHeavyBLock is a critical section of the
-// system. Both may be used from any task as long as they live. In the child of a fork the task that
-// forked holds what it held; one that another task held is free, may be taken and may end. A copy
-// refers to the same system object, and the last one ends it; the caller serialises copying and the
-// ending of copies.
+// YtLightBLock is a recursive lock on a cooperative event; taking a free lock and releasing it are
+// one operation of the event each, taking it again none. YtHeavyBLock is a critical section of the
+// system. In the child of a fork the task that forked holds the locks that it held; a lock that
+// another task held is free, may be taken and may be destroyed. A copy refers to the same system
+// object, and the last one destroys it.
 //
 //   YtLightBLock, held twice by task 2480, 64-bit: name_ 8 bytes, count_ 2, owner_ 2480, event_
-//   with no pass. Free: count_ 0, owner_ (unsigned long)-1, and one pass at the event.
+//   clear. Free: count_ 0, owner_ (unsigned long)-1, event_ set.
+//
+// Thread safety: lock and unlock may be called from any task; the caller serialises copies,
+// assignments and destruction.
 #pragma once
 
 #include "utils/sdk/export.h"
@@ -23,7 +24,7 @@
 
 namespace Utils {
 
-// --- Locks that block nobody ---
+// --- Locks that never block ---
 
 struct YUTILS_EXPORT YtBLock {
   YtBLock(const char* /*name*/) {}
@@ -53,13 +54,14 @@ struct YUTILS_EXPORT YtReadWriteBLocker {
   void kill() {}
 };
 
-// --- Locks that do ---
+// --- Locks that block ---
 
 struct YUTILS_EXPORT YtLightBLock {
   YtLightBLock(const char* name);  // borrows the name
   YtLightBLock(const YtLightBLock& other);
   YtLightBLock& operator=(const YtLightBLock& other);
-  ~YtLightBLock();  // requires: free; else the assertion "owner_ == (unsigned long)-1" fails
+  // Requires: the lock is free; else the assertion "owner_ == (unsigned long)-1" fails.
+  ~YtLightBLock();
 
   void lock() {  // returns when the calling task holds it
     const unsigned long id = YIF_CurrentTaskIdCoop();
@@ -72,9 +74,9 @@ struct YUTILS_EXPORT YtLightBLock {
     __atomic_store_n(&owner_, id, __ATOMIC_RELAXED);
   }
 
-  // Once for each lock(). A task that does not hold it, or finds it free, is told of in the log,
-  // category "utils", level 0, and then counted like the owner: so it frees a lock held once. Only
-  // then does unlock need what the log needs.
+  // Requires: once for each lock(), by the task that holds the lock. Any other call is a violation:
+  // it is reported to the log, category "utils", level 0, and then counts like one of the owner, so
+  // it frees a lock that is held once. Only that report needs the log.
   void unlock() {
     if (!ownerIs(YIF_CurrentTaskIdCoop())) tellViolation();
     if (count(-1) != 0) return;
@@ -90,11 +92,12 @@ struct YUTILS_EXPORT YtLightBLock {
   void init();
   void tellViolation() const;
 
-  // The fields are plain, and what other tasks may be writing is read and written in one piece. The
-  // event orders them: a new owner writes behind it, the old one before it. Only the owner's own
-  // task ever reads its id here. A lock that is const can be held, too.
+  // The fields are plain; those that other tasks may be writing are accessed atomically. The event
+  // orders the accesses: a new owner writes after its wait, the old owner before its set. Only the
+  // owner's own task ever reads its own id here. The fields are mutable because a locker takes a
+  // const lock.
   bool ownerIs(unsigned long id) const { return __atomic_load_n(&owner_, __ATOMIC_RELAXED) == id; }
-  int count(int step) {  // gives the new count
+  int count(int step) {  // returns the new count
     const auto before = static_cast<unsigned>(__atomic_load_n(&count_, __ATOMIC_RELAXED));
     const int after = static_cast<int>(before + static_cast<unsigned>(step));
     __atomic_store_n(&count_, after, __ATOMIC_RELAXED);
@@ -104,7 +107,7 @@ struct YUTILS_EXPORT YtLightBLock {
   const char* name_;
   mutable int count_;            // how often the owner holds it
   mutable unsigned long owner_;  // its id, NOBODY, or the id of a task that stayed in the parent
-  YIF_Handle event_;             // set: free and not claimed
+  YIF_Handle event_;             // set while the lock is free
 };
 
 // Holds a YtLightBLock for a scope, in one task.
@@ -119,7 +122,7 @@ struct YUTILS_EXPORT YtLightBLocker {
     if (!unlocked_) lock_.unlock();
   }
 
-  void unlock() {  // each call unlocks once; the end of the scope then does not
+  void unlock() {  // each call unlocks once; the destructor then does not
     unlocked_ = true;
     lock_.unlock();
   }
@@ -130,10 +133,10 @@ struct YUTILS_EXPORT YtLightBLocker {
 };
 
 struct YUTILS_EXPORT YtHeavyBLock {
-  YtHeavyBLock(const char* name);  // which is not kept
+  YtHeavyBLock(const char* name);  // the name is not used
   YtHeavyBLock(const YtHeavyBLock& other);
   YtHeavyBLock& operator=(const YtHeavyBLock& other);
-  ~YtHeavyBLock();  // requires: nobody holds it or waits for it
+  ~YtHeavyBLock();  // Requires: no task holds the lock or waits for it
 
   void lock() { YIF_EnterCriticalSection(section_); }
   void unlock() { YIF_ExitCriticalSection(section_); }

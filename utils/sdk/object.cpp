@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What object.h leaves to the library: allocation of objects, and messages.
+// Allocation of objects, and messages.
 #include "utils/sdk/object.h"
 
 #include <cstdarg>

@@ -1,13 +1,15 @@
 // SPDX-License-Identifier: MIT
 // Reference-counted objects, the references that own them, and a message as a value.
 //
-// An Object starts with a count of 0 and belongs to whoever made it; from the first Ref on it
-// belongs to its Refs, and the last one deletes it. So only what was made with new goes under a
-// Ref. A copy of an object takes the count of its source, and an assignment overwrites it: an
-// object that a Ref holds is neither copied nor assigned to.
+// An Object starts with a count of 0 and is owned by its creator; from the first Ref on its Refs
+// own it, and the last one deletes it. Requires: an object under a Ref was created with new. A copy
+// of an object takes the count of its source, and an assignment overwrites the count: do not copy
+// or assign an object that a Ref holds.
 //
-// Counts are plain numbers: the caller serialises everything that copies, assigns or ends a Ref on
-// one object. No operation reports a failure.
+// No operation reports a failure.
+//
+// Thread safety: counts are plain numbers; the caller serialises every copy, assignment and
+// destruction of a Ref to one object.
 #pragma once
 
 #include <cstddef>
@@ -23,7 +25,7 @@ struct YUTILS_EXPORT Countable {
   Countable& operator=(const Countable&) = default;
 
   void incRef() { ++refCount_; }
-  unsigned decRef() { return --refCount_; }  // the count after it; frees nothing
+  unsigned decRef() { return --refCount_; }  // returns the new count; frees nothing
   unsigned refCount() const { return refCount_; }
 
  protected:
@@ -35,14 +37,14 @@ struct YUTILS_EXPORT Countable {
   unsigned refCount_;
 };
 
-// Lies in the process allocator's memory, on whichever side of the library's boundary it is made.
+// Uses the memory of the process allocator, also if a program outside the library creates it.
 struct YUTILS_EXPORT Object : Countable {
   Object() {}
   Object(const Object&) = default;
   Object& operator=(const Object&) = default;
   virtual ~Object();
 
-  // Null, and no constructor runs, when there is no memory.
+  // Returns null, and no constructor runs, if there is no memory.
   static void* operator new(std::size_t size) noexcept;
   static void* operator new(std::size_t, void* place) noexcept { return place; }
   static void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
@@ -66,8 +68,9 @@ struct Ref {
     while (ptr_) purge();
   }
 
-  // Counts the new object up before it lets the old one go, so that assigning a Ref on the same
-  // object never ends it. The old one goes last: its destructor may assign to this Ref.
+  // Increments the count of the new object before it releases the old one, so that an assignment of
+  // a Ref to the same object never deletes it. The old one is released last, since its destructor
+  // may assign to this Ref.
   Ref& operator=(const Ref& other) {
     T* object = other.ptr_;
     if (object) object->incRef();
@@ -77,7 +80,7 @@ struct Ref {
     return *this;
   }
 
-  T* operator->() const { return ptr_; }  // requires: valid()
+  T* operator->() const { return ptr_; }  // Requires: valid()
   bool valid() const { return ptr_ != nullptr; }
 
  private:
@@ -90,24 +93,23 @@ struct Ref {
   static void release(T* object) {
     if (object && object->decRef() == 0) destroy(object);
   }
-  // Kept apart from its callers: inlined, it makes gcc see uses of an object after its end on paths
-  // that the count never takes.
+  // Not inlined: otherwise gcc warns of uses after the deletion on paths that the count excludes.
   [[gnu::noinline]] static void destroy(T* object) { delete object; }
 
   T* ptr_;
 };
 
-// One message, formatted and owned. Kept for programs that hand errors on as values; the library
-// itself makes none.
+// One message, formatted and owned, for programs that pass errors on as values; the library itself
+// creates none.
 struct YUTILS_EXPORT Problem {
-  // As printf, cut after 511 characters. A null format is an empty one.
+  // Formats as printf, cut after 511 characters. A null format counts as empty.
   explicit Problem(const char* format, ...) __attribute__((format(printf, 2, 3)));
   Problem(const Problem& other);
-  Problem& operator=(const Problem& other);  // keeps the old message when there is no memory
+  Problem& operator=(const Problem& other);  // keeps the old message if there is no memory
   ~Problem();
 
-  // Never null, valid until this Problem is assigned to or ends. A fixed text where there was no
-  // memory for the message.
+  // Returns the message, or a fixed text if there was no memory for it; never null. Valid until
+  // this Problem is assigned to or destroyed.
   const char* msg() const;
 
  private:

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// The two rare cases of a Time, kept out of the way of what its users compile in place.
+// The two rare cases of a Time, in functions of their own so that the inline code stays short.
 //
-// What reaches saturated() is not a number or has no place in 64 bits. What reaches
-// rareQuotient() is a division by raw 0 or by raw -1, the two that the processor may trap at.
-// Both are pure functions, and nothing but time.h calls them.
+// saturated() converts a NaN or a number beyond the 64 bits. rareQuotient() divides by raw 0 or raw
+// -1, the two divisors for which the processor may trap. Both are pure functions that only time.h
+// calls.
 #include "utils/sdk/time.h"
 
 #include <climits>
@@ -15,7 +15,7 @@ long long Time::saturated(double scaled) {
   return scaled < 0 ? LLONG_MIN : 0;
 }
 
-// The dividend's own sign counts: its top bits, the sign with them, may not survive the shift.
+// Tests the sign of the dividend before the shift, which can lose its upper bits.
 long long Time::rareQuotient(long long dividend, long long divisor) {
   if (divisor != 0) return signedOf(0 - (static_cast<Bits>(dividend) << 16));
   if (dividend == 0) return 0;

@@ -1,16 +1,17 @@
 // SPDX-License-Identifier: MIT
 // A signed fixed-point number with 16 fractional bits, as a plain value.
 //
-// It stands alone: nothing here reads a clock, allocates or reports, and what one unit is (a
-// second, a frame) is the caller's affair. A Time is one 64-bit word without shared state, so every
-// task may use its own.
+// Not a clock: nothing here reads the time, allocates or reports, and the caller decides what one
+// unit is (a second, a frame). A Time is one 64-bit word.
 //
 // value_ is the number times 65536 in two's complement: 1 is 0x10000, -1.5 is -0x18000, and the
-// smallest step is 1/65536. tmin() and tmax() bound the range that the operations are made for,
-// that of a 32-bit integer part, but nothing stops there: sums are right up to the ends of the 64
-// bits and wrap there, products and dividends have to stay within 2^31 units and wrap beyond.
-// Products and conversions to integers round down, quotients and conversions from floating-point
-// numbers towards zero: -1 / 3 is -21845 steps, and -1 step times half a unit is -1 step.
+// smallest step is 1/65536. The operations are made for the range from tmin() to tmax(), that of a
+// 32-bit integer part, but do not check it: sums are exact in all 64 bits and wrap beyond; products
+// and dividends must be within 2^31 units and wrap beyond. Products and conversions to integers
+// round down; quotients and conversions from floating-point numbers round towards zero: -1 / 3 is
+// -21845 steps, and -1 step times half a unit is -1 step.
+//
+// Thread safety: functions share no state; the caller serialises changes of one Time.
 #pragma once
 
 #ifdef __cpp_impl_three_way_comparison
@@ -22,10 +23,10 @@
 namespace Utils {
 
 struct YUTILS_EXPORT Time {
-  Time() = default;  // without a value; Time() is 0
+  Time() = default;  // `Time t;` has no value, Time() is 0
   Time(unsigned u) : value_(static_cast<long long>(u) * ONE) {}
   Time(int i) : value_(i * ONE) {}
-  // Beyond 64 bits the nearest end of their range; 0 for what is not a number.
+  // A number beyond the 64 bits becomes the nearest end of their range, a NaN becomes 0.
   Time(float f) : value_(rawOf(f * 65536.0)) {}
   Time(double d) : value_(rawOf(d * 65536.0)) {}
   Time(const Time&) = default;
@@ -42,7 +43,7 @@ struct YUTILS_EXPORT Time {
   Time operator+(const Time& t) { return wrapped(bits() + t.bits()); }
   Time operator-(const Time& t) { return wrapped(bits() - t.bits()); }
   Time operator*(const Time& t) { return Time(signedOf(bits() * t.bits()) >> 16, true); }
-  // By zero: tmax(), tmin() or 0, by the sign of the dividend.
+  // A division by zero returns tmax(), tmin() or 0, by the sign of the dividend.
   Time operator/(const Time& t) { return Time(quotient(value_, t.value_), true); }
 
   Time operator+(int i) { return *this + Time(i); }
@@ -69,7 +70,7 @@ struct YUTILS_EXPORT Time {
   bool operator>(int i) const { return *this > Time(i); }
   bool operator>=(int i) const { return *this >= Time(i); }
 
-  // As fixed-point numbers: equal to every float that is cut to the same step.
+  // Compare as fixed-point numbers: equal to every float that converts to the same step.
   bool operator==(float f) const { return *this == Time(f); }
   bool operator!=(float f) const { return *this != Time(f); }
   bool operator<(float f) const { return *this < Time(f); }
@@ -86,12 +87,13 @@ struct YUTILS_EXPORT Time {
   static Time tmin() { return Time(-TMAX - 1, true); }  // -2147483648
   static Time tmax() { return Time(TMAX, true); }       // one step below 2147483648
 
-  // The whole unit at or below, and at or above; ceil wraps in the topmost unit of the 64 bits.
+  // Round to the whole unit at or below t, or at or above t. ceil wraps in the highest unit of the
+  // 64 bits.
   static Time floor(const Time& t) { return Time(t.value_ & -ONE, true); }
   static Time ceil(const Time& t) { return floor(wrapped(t.bits() + (ONE - 1))); }
 
  protected:
-  Time(long long raw, bool) : value_(raw) {}  // the word itself
+  Time(long long raw, bool) : value_(raw) {}  // sets the word itself
 
  private:
   using Bits = unsigned long long;
@@ -120,6 +122,6 @@ struct YUTILS_EXPORT Time {
   long long value_;
 };
 
-static_assert(sizeof(Time) == 8, "the word and nothing else");
+static_assert(sizeof(Time) == 8, "one word");
 
 }  // namespace Utils

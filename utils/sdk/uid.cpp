@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// What a UID keeps for the process, its order, and its text form in both directions.
+// The static fields of UID, its order, and its text form in both directions.
 //
-// The runtime library reads the words, so that blanks, a sign or "0x" mean what they mean there.
-// Words have 32 bits on every platform and read as a strtoul of that width reads them, the larger
-// ones as 0xFFFFFFFF.
+// strtoll reads the words, so that white space, a sign and "0x" are accepted as strtoul accepts
+// them. Words have 32 bits on every platform and read as a strtoul of that width reads them: a
+// larger number becomes 0xFFFFFFFF.
 #include "utils/sdk/uid.h"
 
 #include <bit>
@@ -29,7 +29,7 @@ unsigned wordOf(const char* text) {
   return fits ? static_cast<unsigned>(number) : 0xFFFFFFFFu;
 }
 
-// A word from at most 8 characters; leaves the text behind them, or at its end.
+// Reads a word from at most 8 characters and advances `text` past them.
 unsigned takeWord(const char*& text) {
   char piece[WORD_DIGITS + 1];
   unsigned count = 0;

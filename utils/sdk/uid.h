@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: MIT
-// An identifier of 96 bits that is made on the spot, as a plain value.
+// An identifier of 96 bits that is created locally, as a plain value.
 //
-// Three words: the number of the machine, the second of the making, counted from 1989-02-07
-// 19:38:39 UTC, and a running number within that second. No service hands them out and nothing
-// guarantees them: two machines that set no number of their own have the same one, and a clock that
-// is put back can make an identifier again.
+// Three words: the number of the machine, the second of the creation, counted from 1989-02-07
+// 19:38:39 UTC, and a running number within that second. Not guaranteed to be unique: two machines
+// that set no number of their own have the same one, and after a clock was set back an identifier
+// can be created again.
 //
-// As text it is the words in hexadecimal, one behind the other, the first two with 8 digits each
-// and the third with as many as it needs: 1, 2, 0x3A is "00000001000000023A". The null identifier,
+// The text form is the words in hexadecimal without separators, the first two with 8 digits each,
+// the third with as many as it needs: 1, 2, 0x3A is "00000001000000023A". The null identifier,
 // whose words are 0, is "0". Identifiers are ordered word by word.
 //
-// The default constructor counts for the whole process without a lock: whoever makes identifiers in
-// several tasks serialises it. Everything else may be called from any task on an identifier that no
-// other task is changing.
+// Thread safety: the default constructor, ourMachineNum and the static fields share one state of
+// the process without a lock; the caller serialises them. All other operations may be called from
+// any task on an identifier that no other task is changing.
 #pragma once
 
 #ifdef __cpp_impl_three_way_comparison
@@ -29,8 +29,8 @@ struct YUTILS_EXPORT UID {
   UID();  // a new identifier of this machine
   UID(unsigned machineNum, unsigned timeBits, unsigned tickBits)
       : machineNum_(machineNum), timeBits_(timeBits), tickBits_(tickBits) {}
-  // From the text form, each word as strtoul reads it: a word ends at the first character that is
-  // no digit, and one that is missing is 0. Null stands for an empty text, the null identifier.
+  // Reads the text form, each word as strtoul reads it: a word ends at the first character that is
+  // not a digit, and a missing word is 0. A null `text` counts as empty, the null identifier.
   UID(const char* text);
   UID(const UID&) = default;
   UID& operator=(const UID&) = default;
@@ -41,11 +41,11 @@ struct YUTILS_EXPORT UID {
   unsigned timeBits() const { return timeBits_; }
   unsigned tickBits() const { return tickBits_; }
   bool valid() const { return (machineNum_ | timeBits_ | tickBits_) != 0; }  // not null
-  // Valid and of a second before 1997-08-11 17:02:55 UTC, where no clock makes one any more.
+  // True if valid and of a second before 1997-08-11 17:02:55 UTC, which no clock reaches any more.
   bool isReserved() const { return valid() && timeBits_ < 0x10000000u; }
   String asText();
 
-  // 1 where the other is the greater, -1 where this one is, 0 where they are equal.
+  // Returns 1 if `other` is greater, -1 if this one is, 0 if they are equal.
   int compare(const UID& other) const;
   int operator==(const UID& other) const { return compare(other) == 0; }
   int operator!=(const UID& other) const { return compare(other) != 0; }
@@ -57,7 +57,8 @@ struct YUTILS_EXPORT UID {
   std::strong_ordering operator<=>(const UID& other) const { return 0 <=> compare(other); }
 #endif
 
-  // Goes into the identifiers made from then on. 0 stands for the default, 0xC0D1F1ED.
+  // The machine number of the identifiers created from then on. 0 stands for the default,
+  // 0xC0D1F1ED.
   static void ourMachineNum(unsigned n) { ourMachineNum_ = n; }
   static unsigned ourMachineNum() {
     if (ourMachineNum_ == 0) ourMachineNum_ = 0xC0D1F1EDu;
@@ -65,25 +66,27 @@ struct YUTILS_EXPORT UID {
   }
   static const UID& nullUID();
 
-  static unsigned ourMachineNum_;  // 0 until it is set or asked for
+  static unsigned ourMachineNum_;  // 0 until it is set or read by ourMachineNum()
 
  private:
   static constexpr unsigned EPOCH = 0x23EF45BFu;  // in seconds since 1970
 
-  static unsigned systemSeconds();  // since 1970, where the runtime library cannot tell them
+  static unsigned systemSeconds();  // since 1970, if std::time fails
 
-  static int lastTime_;   // second and running number of the latest identifier; one pair for the
-  static unsigned tick_;  // whole process, whichever library the constructor was compiled into
+  // The second and running number of the latest identifier of the process. Exported data, so that
+  // every library that compiles the constructor inline shares them.
+  static int lastTime_;
+  static unsigned tick_;
 
   unsigned machineNum_;
   unsigned timeBits_;
   unsigned tickBits_;
 };
 
-static_assert(sizeof(UID) == 12, "the three words and nothing else");
+static_assert(sizeof(UID) == 12, "three words");
 
-// In place, since a call into the library would take as long as asking for the time does. A time_t
-// of 32 bits holds no second after 2038-01-19.
+// Inline, since a call into the library would take as long as reading the time does. A time_t of 32
+// bits holds no second after 2038-01-19.
 inline UID::UID() : machineNum_(ourMachineNum()) {
   const std::time_t reading = std::time(nullptr);
   const bool failed = __builtin_expect(reading == static_cast<std::time_t>(-1), false);

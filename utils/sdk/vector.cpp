@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// The growable array, written once for all element types.
+// The growable array, once for all element types.
 //
-// An operation that needs other storage takes it first and changes the vector afterwards, and lets
-// the former storage go last of all: what it was given may lie there.
+// An operation that needs new storage allocates it first, changes the vector afterwards and frees
+// the former storage last, since its arguments may be there.
 #include "utils/sdk/vector.h"
 
 #include <algorithm>
@@ -15,8 +15,8 @@ namespace {
 
 constexpr unsigned FIRST_CAPACITY = 4;
 
-// The doubling that leads from `capacity` to n slots or more. From 2^31 on it could wrap, and n
-// itself is taken.
+// Returns the first doubling of `capacity` that has n slots or more, or n itself if that is 2^31 or
+// more, since a doubling could overflow.
 unsigned grownCapacity(unsigned capacity, unsigned n) {
   if (n > ~n) capacity = n;
   if (capacity == 0) capacity = FIRST_CAPACITY;
@@ -38,7 +38,7 @@ const void* slotAt(const TemplOps& ops, const void* first, unsigned i) {
 
 void* fieldOf(void* self, unsigned offset) { return static_cast<char*>(self) + offset; }
 
-// data_ is a T*: its bytes are read and written, never a void* in its place.
+// data_ is a T*, so its bytes are copied: access through a void* would break the aliasing rules.
 void* pointerIn(const void* field) {
   void* pointer;
   std::memcpy(&pointer, field, sizeof pointer);
@@ -49,8 +49,7 @@ const void* dataOf(const TemplOps& ops, const void* self) {
   return pointerIn(static_cast<const char*>(self) + ops.offset1_);
 }
 
-// One vector as its operations see it: its fields, those of the typed object found through the
-// table once.
+// The fields of one vector; those of the typed object are located once, through the table.
 struct Slots {
   Slots(unsigned& size, const TemplOps& ops, void* self)
       : size_(size),
@@ -68,15 +67,15 @@ struct Slots {
 
   unsigned& size_;
   unsigned& capacity_;
-  void* data_;  // where the field is
+  void* data_;  // the address of the field
   const TemplOps& ops_;
 };
 
-// The order in which elements are copied: ascending, so that they may move down over others, or
-// descending, so that they may move up.
+// The order in which elements are copied: UP from the first, for a move to lower slots that
+// overlap; DOWN from the last, for a move to higher ones.
 enum Order { UP, DOWN };
 
-// Kept apart, so that the way of elements that are bytes stays short.
+// A separate function, so that the path of elements that are bytes stays short.
 [[gnu::noinline]] void copyEach(const TemplOps& ops, void* to, const void* from, unsigned count,
                                 Order order) {
   for (unsigned n = 0; n < count; n++) {
@@ -94,8 +93,8 @@ void blank(const Slots& slots, unsigned from, unsigned to) {
   for (unsigned i = from; i < to; i++) slots.ops_.copyBlank_(slots[i]);
 }
 
-// Puts the first `live` elements into storage of `capacity` slots. The former storage is the
-// caller's to delete. False, nothing changed, when there is no memory; no slots need none.
+// Copies the first `live` elements to new storage of `capacity` slots, which may be 0; the caller
+// frees the former storage. Returns false, and changes nothing, if there is no memory.
 bool rebuild(const Slots& slots, unsigned capacity, unsigned live, void*& former) {
   void* block = slots.ops_.newVec_(capacity);
   if (!block && capacity != 0) return false;
@@ -105,7 +104,7 @@ bool rebuild(const Slots& slots, unsigned capacity, unsigned live, void*& former
   return true;
 }
 
-// Makes room for n elements. False, nothing changed, when there is no memory.
+// Makes room for n elements. Returns false, and changes nothing, if there is no memory.
 bool grow(const Slots& slots, unsigned n, void*& former) {
   return rebuild(slots, grownCapacity(slots.capacity_, n), slots.size_, former);
 }
@@ -118,8 +117,8 @@ bool reserve(const Slots& slots, unsigned n) {
   return true;
 }
 
-// How many of the items stay where they are when the elements from `index` on move up: all of them,
-// unless some are such elements.
+// Returns how many of the items are not moved when the elements from `index` on move up: all of
+// them, unless some of the items are such elements.
 unsigned countUnmoved(const Slots& slots, const void* items, unsigned count, unsigned index) {
   const std::less<const void*> before;
   const void* gap = slots[index];
@@ -129,7 +128,7 @@ unsigned countUnmoved(const Slots& slots, const void* items, unsigned count, uns
   return std::min(count, static_cast<unsigned>(bytes) / slots.ops_.elemSize_);
 }
 
-// Opens a gap at `index` and copies the items there. Requires the room.
+// Opens a gap at `index` and copies the items there. Requires: there is room.
 void insertInPlace(const Slots& slots, const void* items, unsigned count, unsigned index) {
   const TemplOps& ops = slots.ops_;
   const unsigned unmoved = countUnmoved(slots, items, count, index);
@@ -140,7 +139,7 @@ void insertInPlace(const Slots& slots, const void* items, unsigned count, unsign
   slots.size_ += count;
 }
 
-// False, nothing changed, when there is no memory.
+// Returns false, and changes nothing, if there is no memory.
 bool insertAt(const Slots& slots, const void* items, unsigned count, unsigned index) {
   if (!items) count = 0;
   if (count > ~slots.size_) return false;
@@ -152,7 +151,7 @@ bool insertAt(const Slots& slots, const void* items, unsigned count, unsigned in
   return true;
 }
 
-// Requires from <= to <= size_.
+// Requires: from <= to <= size_.
 void removeRun(const Slots& slots, unsigned from, unsigned to) {
   const unsigned end = slots.size_;
   copyRun(slots.ops_, slots[from], slots[to], end - to);

@@ -1,20 +1,21 @@
 // SPDX-License-Identifier: MIT
 // The growable array, and the table through which untyped code handles typed elements.
 //
-// All logic stands once, in VectorBase, which knows no element type. Vector<T> holds the storage,
-// tells the base by a TemplOps table how to make, copy, compare and blank elements and where its
-// own fields lie, and forwards. Elements are held by value, one behind the other, in the order in
-// which the operations left them; nothing is sorted, and a search looks at one after the other.
+// All logic is in VectorBase, which knows no element type. Vector<T> has the storage and forwards;
+// a TemplOps table holds the functions that create, copy, compare and blank elements and the
+// offsets of the typed fields. Elements are values, stored consecutively in the order in which the
+// operations left them. Not sorted: a search is linear.
 //
 //   bytes, 32-bit   0 size_   4 capacity_   8 data_          12 in all
 //   bytes, 64-bit   0 size_   4 capacity_   8 data_          16 in all
 //
 // Storage grows by doubling: 4, 8, 16 slots; after sizeToExact(5): 5, 10, 20. Slots from size_ on
-// hold no element: they are as they were made, or blank. Example: five adds to a new vector leave
-// size_ 5, capacity_ 8, and slots 5 to 7 as they were made.
+// hold no element: they are as newVec_ made them, or blank. Example: five adds to a new vector
+// leave size_ 5, capacity_ 8, and slots 5 to 7 as they were made.
 //
-// Memory comes from the process allocator. Where there is none, the vector stays as it was. The
-// caller serialises.
+// Memory comes from the process allocator. If there is none, the vector is unchanged.
+//
+// Thread safety: the caller serialises all operations on a vector.
 #pragma once
 
 #include <cstddef>
@@ -27,76 +28,79 @@
 
 namespace Utils {
 
-// What untyped code must know of one container type. Constant data, one for each type.
+// What untyped code must know of a container type. Constant data, one table for each type.
 struct TemplOps {
   unsigned elemSize_;  // bytes of an element
-  // Storage for that many elements, null when there is no memory.
+  // Returns storage for that many elements, null if there is no memory.
   void* (*newVec_)(unsigned count);
-  void (*deleteVec_)(void* block);  // ends all slots of such a storage and frees it; takes null
+  // Destroys all slots of such a storage and frees it. Null is allowed.
+  void (*deleteVec_)(void* block);
   // Assigns the element at src to the slot at dst. Null for elements that are copied as bytes.
   void (*copyOp_)(void* dst, const void* src);
-  int (*equalOp_)(const void* a, const void* b);  // not 0 when equal
-  void (*copyBlank_)(void* slot);                 // makes a slot let go of what it holds
-  // Where fields of the container lie in it; in a vector those of capacity_ and of data_, 0, 0.
+  int (*equalOp_)(const void* a, const void* b);  // not 0 if equal
+  void (*copyBlank_)(void* slot);                 // assigns an empty element to a slot
+  // Offsets of fields in the container. In a vector: those of capacity_ and data_, then 0, 0.
   unsigned offset0_;
   unsigned offset1_;
   unsigned offset2_;
   unsigned offset3_;
 };
 
-// The untyped core. `ops` is the table of the vector, `self` the address of the typed object;
-// `item` and `items` are elements of its type, and may lie in the vector itself where nothing else
-// is said; null items are none.
+// The untyped core. `ops` is the table of the vector, `self` the address of the typed object.
+// `item` and `items` are elements of its type, which may be in the vector itself unless stated
+// otherwise; null `items` count as no items.
 struct YUTILS_EXPORT VectorBase {
   VectorBase() { init(); }
 
  protected:
   void init() { size_ = 0; }
 
-  // Makes room for n elements in all; without effect when there is no memory.
+  // Makes room for n elements in all. Does nothing if there is no memory.
   void resizeFor(unsigned n, const TemplOps& ops, void* self);
 
-  // Whether there is an equal element. `index` is that of the first one, else size_.
+  // Returns true if there is an equal element. Sets `index` to that of the first one, else to
+  // size_.
   bool locate(const void* item, unsigned& index, const TemplOps& ops, const void* self) const;
 
-  // Gives the index of the new last element; (unsigned)-1, nothing changed, when there is no
-  // memory.
+  // Appends an element and returns its index. Returns (unsigned)-1, and changes nothing, if there
+  // is no memory.
   unsigned add(const void* item, const TemplOps& ops, void* self);
 
-  // Put `count` elements in their order at the end, or in front of the one at `index` (at the end
-  // when there is none). When there is no memory, nothing changes.
+  // Insert `count` elements in their order at the end, or before the element at `index` (at the end
+  // if there is none). Change nothing if there is no memory.
   void add(const void* items, unsigned count, const TemplOps& ops, void* self);
   void insert(const void* item, unsigned index, const TemplOps& ops, void* self);
   void insert(const void* items, unsigned count, unsigned index, const TemplOps& ops, void* self);
 
-  // 0 when the vector has these elements and no others, in this order; else 1.
+  // Returns 0 if the vector has exactly these elements in this order, else 1.
   int compare(const void* items, unsigned count, const TemplOps& ops, const void* self) const;
 
-  // Remove one element, or those in [from, to), and keep the order of the others. False when
-  // `index` is not below size_; the range is cut at size_, and an empty one gives true.
+  // Remove one element, or those in [from, to), and keep the order of the others. Return false if
+  // `index` is not below size_. The range is cut at size_; an empty range returns true.
   bool removeAt(unsigned index, const TemplOps& ops, void* self);
   bool removeAtOrdered(unsigned index, const TemplOps& ops, void* self);
   bool removeAt(unsigned from, unsigned to, const TemplOps& ops, void* self);
 
-  // Sets the number of elements; the storage never shrinks. Elements that come in are blank or as
-  // the storage was made. When there is no memory, nothing changes.
+  // Sets the number of elements; the storage never shrinks. New elements are blank or as the
+  // storage was made. Changes nothing if there is no memory.
   void sizeTo(unsigned n, const TemplOps& ops, void* self);
-  void sizeToExact(unsigned n, const TemplOps& ops, void* self);  // the same, and the capacity too
+  void sizeToExact(unsigned n, const TemplOps& ops, void* self);  // sets the capacity too
 
-  void purge(void* self, const TemplOps& ops);  // back to the new state, without storage
+  void purge(void* self, const TemplOps& ops);  // back to the new state; frees the storage
 
-  // Replaces the elements, in storage of the size that adding them would have led to; without
-  // effect when `items` is the vector's own storage or there is no memory.
+  // Replaces the elements, with the capacity that appending them to a new vector would lead to.
+  // Does nothing if `items` is the vector's own storage or if there is no memory.
   void vectorCopyOp(const void* items, unsigned count, const TemplOps& ops, void* self);
 
-  // Removes for each of the items the first element equal to it; true when there was one for each.
-  // The vector's own storage as `items` empties it; else they must not lie in the vector.
+  // Removes for each of the items the first element that is equal to it. Returns true if there was
+  // one for each. The vector's own storage as `items` empties the vector; no other items may be in
+  // the vector.
   bool remove(const void* items, unsigned count, const TemplOps& ops, void* self);
 
   unsigned size_;
 };
 
-// The fields of every vector as they lie in memory.
+// The memory layout of every vector.
 struct VectorFields {
   unsigned size_;
   unsigned capacity_;
@@ -112,21 +116,22 @@ struct HasEquality : std::false_type {};
 template <class T>
 struct HasEquality<T, std::void_t<decltype(anElement<T>() == anElement<T>())>> : std::true_type {};
 
-// A vector of T, which needs a default constructor, assignment and an alignment of up to 8, and ==
-// where elements are sought or compared. Class elements are constructed with the storage and ended
-// with it; elements that need no construction, such as numbers and pointers, come in with
-// unspecified contents where sizeTo and sizeToExact add them. References and pointers to elements
-// are valid until the next operation that adds or removes any.
+// A vector of T. Requires: T has a default constructor, assignment and an alignment of at most 8,
+// and
+// == if elements are searched or compared. Class elements are constructed with the storage and
+// destroyed with it. Elements that need no construction, such as numbers and pointers, have
+// unspecified values if sizeTo or sizeToExact adds them. References and pointers to elements are
+// valid until the next operation that adds or removes elements.
 template <class T>
 struct YUTILS_EXPORT Vector : VectorBase {
   Vector() { init(); }
-  Vector(const Vector& other) : VectorBase() {  // empty when there is no memory
+  Vector(const Vector& other) : VectorBase() {  // empty if there is no memory
     init();
     *this = other;
   }
   ~Vector() { purge(); }
 
-  // The capacity is fitted to the elements; the old ones stay when there is no memory.
+  // Fits the capacity to the elements. Keeps the old elements if there is no memory.
   Vector& operator=(const Vector& other) {
     VectorBase::vectorCopyOp(other.data_, other.size_, coreOps(), this);
     return *this;
@@ -134,7 +139,7 @@ struct YUTILS_EXPORT Vector : VectorBase {
 
   unsigned size() const { return size_; }
 
-  // Requires i < size(): nothing is checked.
+  // Requires: i < size(); this is not checked.
   T& operator[](unsigned i) { return data_[i]; }
   const T& operator[](unsigned i) const { return data_[i]; }
   template <class Index, class = std::enable_if_t<std::is_integral_v<Index>>>
@@ -151,16 +156,16 @@ struct YUTILS_EXPORT Vector : VectorBase {
   const T* begin() const { return data_; }
   const T* end() const { return data_ + size_; }
 
-  // The index of the new element; (unsigned)-1, nothing changed, when there is no memory.
+  // Returns the index of the new element, or (unsigned)-1, and changes nothing, if there is no
+  // memory.
   unsigned add(const T& item) {
     if (size_ == capacity_) return addGrowing(item);
     data_[size_] = item;
     return size_++;
   }
 
-  // The rest is told at VectorBase.
-
-  // Where elements are passed by address, a number is no address: a literal 0 is refused.
+  // The contracts of the others are those of VectorBase. The deleted overloads refuse a number,
+  // such as a literal 0, where the address of elements is expected.
 
   void add(const T* items, unsigned count) { VectorBase::add(items, count, coreOps(), this); }
   template <class Number, class = std::enable_if_t<std::is_integral_v<Number>>>
@@ -199,7 +204,7 @@ struct YUTILS_EXPORT Vector : VectorBase {
   bool removeAt(unsigned from, unsigned to) {
     return VectorBase::removeAt(from, to, coreOps(), this);
   }
-  bool remove(const T& item) {  // the first one equal to it
+  bool remove(const T& item) {  // removes the first one that is equal to it
     unsigned index;
     return locate(item, index) && removeAt(index);
   }
@@ -228,17 +233,18 @@ struct YUTILS_EXPORT Vector : VectorBase {
   static int _equalOp(const void* a, const void* b);
   static void _copyBlank(void* slot) { *static_cast<T*>(slot) = T(); }
 
-  unsigned capacity_;  // slots in the storage
-  T* data_;            // the storage, owned; null before the first
+  unsigned capacity_;  // slots of the storage
+  T* data_;            // the storage, owned; null if there is none
   static const TemplOps ops_;
 
  private:
-  // Room for the number of slots in front of those that must be ended one by one. It keeps them
-  // aligned to 8.
+  // Bytes for the number of slots, before slots that must be destroyed one by one. 8 keeps the
+  // slots aligned.
   static constexpr unsigned COUNT_ROOM = 8;
 
   static constexpr TemplOps tableWith(void (*copyOp)(void*, const void*)) {
-    static_assert(sizeof(Vector) == sizeof(VectorFields), "leaves capacity_ and data_ one place");
+    static_assert(sizeof(Vector) == sizeof(VectorFields),
+                  "the offsets of capacity_ and data_ are those of VectorFields");
     return {static_cast<unsigned>(sizeof(T)),
             &_newVec,
             &_deleteVec,
@@ -251,9 +257,9 @@ struct YUTILS_EXPORT Vector : VectorBase {
             0};
   }
 
-  // Whether copying copies bytes and does nothing else. The base is then given a table that says
-  // so, which makes it several times faster, and what needs no other storage is done here: the way
-  // through the table would cost an insertion among 10000 pointers one per cent.
+  // True if a copy of an element is a copy of its bytes. The base then gets a table that says so,
+  // which makes it several times faster, and operations that need no new storage are done here: an
+  // insertion among 10000 pointers would take one per cent longer through the table.
   static constexpr bool areBytes() {
     return std::is_trivially_copyable_v<T> && std::is_trivially_copy_constructible_v<T> &&
            std::is_trivially_copy_assignable_v<T>;
@@ -269,7 +275,7 @@ struct YUTILS_EXPORT Vector : VectorBase {
 
   unsigned addGrowing(const T& item) {
     if constexpr (areBytes()) {
-      const T copy = item;  // it may lie in the storage that goes
+      const T copy = item;  // it may be in the storage that is freed
       VectorBase::resizeFor(size_ + 1, byteOps_, this);
       if (size_ == capacity_) return static_cast<unsigned>(-1);
       data_[size_] = copy;
@@ -279,8 +285,8 @@ struct YUTILS_EXPORT Vector : VectorBase {
     }
   }
 
-  void insertInPlace(const T& item, unsigned index) {  // requires the room
-    const T copy = item;                               // it may lie among those that move
+  void insertInPlace(const T& item, unsigned index) {  // Requires: there is room
+    const T copy = item;                               // it may be one of those that move
     moveTail(index + 1, index);
     data_[index] = copy;
     size_++;

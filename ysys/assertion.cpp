@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
 // The report of a condition that does not hold.
 //
-// One line on standard error in one system call, then the end of the process. The caller has made
-// the test: there is nothing to test here. May be called from any task, with any lock held and the
-// heap broken; nothing is allocated.
+// Writes one line to standard error in one system call, then stops the process. The caller has
+// already tested the condition. Two conditions report that memory has run out: nothing is damaged
+// then and the caller gets null, so each of the two is printed only the first time, and the process
+// continues.
 //
-// Two conditions report that memory has run out. Nothing is damaged then and the caller gets null,
-// so each of the two is printed the first time alone, and the process goes on.
+// Thread safety: may be called from any task, with any lock held and the heap broken; nothing is
+// allocated.
 #include <stdlib.h>
 #include <string.h>
 
@@ -27,10 +28,10 @@ struct Exhaustion {
 
 constinit Exhaustion _exhaustions[] = {{"m", "utils/sdk/allocator"}, {"h", "utils/sdk/alloc"}};
 
-// How many calls of YfWithoutExhaustionReport the task is in.
+// How many calls of YfWithoutExhaustionReport are active in the task.
 constinit thread_local unsigned _unreported __attribute__((tls_model("initial-exec"))) = 0;
 
-// Null where the condition reports something else.
+// Returns null if the condition does not report exhaustion.
 Exhaustion* exhaustionOf(const char* condition, const char* file) {
   if (condition == nullptr || file == nullptr) return nullptr;
   for (Exhaustion& each : _exhaustions) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What an operation of the system layer leaves as its caller had it: `errno`, and whether the
+// The state of the caller that an operation of the system layer preserves: `errno`, and whether the
 // calling task can be cancelled.
 #pragma once
 
@@ -9,9 +9,9 @@ namespace ysys {
 
 using Utils::ErrnoSaver;
 
-// Defers the cancellation of the calling task (pthread_cancel) to the end of the scope: a task that
-// is cancelled in a system call would leave its work half done, and the destructors of its callers
-// would not run.
+// Defers the cancellation of the calling task (pthread_cancel) to the end of the scope. A task that
+// is cancelled in a system call would leave its operation half done, and the destructors of its
+// callers would not run.
 class NoCancellation {
  public:
   NoCancellation();

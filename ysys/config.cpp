@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: MIT
 // Settings, from the environment or from the file that YSYS_CONFIG names.
 //
-// Nothing is kept: each look-up reads the environment and the file as they are then, so a change is
-// seen at the next one. The file is run through a small buffer on the stack, lines may have any
-// length, and a value is copied only when it is known to fit. Only a regular file is read: anything
-// else may have no end, or cannot be read a second time from where the value begins.
+// Nothing is cached: each look-up reads the environment and the file as they are then, so a change
+// takes effect at the next look-up. The file is read through a small buffer on the stack, lines may
+// have any length, and a value is copied only if it fits. Only a regular file is read: another file
+// may be endless, or may not be readable a second time from where the value begins.
 //
-// A setting is text; that of `YUtils.Log.Level = 3` lies at offset 19 of its line and is 1 byte
-// long. A program that runs with more rights than its caller sees no settings. Keys longer than 255
-// bytes have no environment variable with '_'.
+// A setting is text; that of `YUtils.Log.Level = 3` is at offset 19 of its line and is 1 byte long.
+// A program that runs with more rights than its caller has no settings. Keys longer than 255 bytes
+// have no environment variable with '_'.
 //
-// May be called from any task. What is told once is remembered as marks in a table without a lock;
-// when 64 were told, the rest stays untold.
+// Thread safety: may be called from any task. A table of marks, without a lock, records the reports
+// that were made; after 64 of them nothing more is reported.
 #include <limits.h>
 #include <stdint.h>
 #include <string.h>
@@ -37,8 +37,8 @@ bool isBlank(int byte) {
 
 bool endsLine(int byte) { return byte == '\n' || byte == END_OF_FILE; }
 
-// The bytes of a file, one after the other, without a byte order mark at the start. An error ends
-// the file.
+// The bytes of a file in sequence, without a byte order mark at the start. An error counts as the
+// end of the file.
 class Reader {
  public:
   explicit Reader(const SettingsFile& file) : file_(file) {
@@ -79,16 +79,17 @@ void Reader::fill() {
   end_ = count > 0 ? static_cast<size_t>(count) : 0;
 }
 
-constinit std::atomic<uint64_t> _told[64];
+constinit std::atomic<uint64_t> _reported[64];
 
-// Leaves the mark of a text in the table; false when it was there already, or the table is full.
-bool isFirst(const char* key, const char* complaint) {
+// Adds the mark of a report to the table. Returns false if it was there already or the table is
+// full.
+bool isFirstReport(const char* key, const char* complaint) {
   uint64_t mark = 0xcbf29ce484222325u;
   for (const char* text : {key, complaint}) {
     for (; *text != '\0'; ++text)
       mark = (mark ^ static_cast<unsigned char>(*text)) * 0x100000001b3u;
   }
-  for (std::atomic<uint64_t>& place : _told) {
+  for (std::atomic<uint64_t>& place : _reported) {
     uint64_t there = 0;
     if (place.compare_exchange_strong(there, mark, std::memory_order_relaxed)) return true;
     if (there == mark) return false;
@@ -97,11 +98,11 @@ bool isFirst(const char* key, const char* complaint) {
 }
 
 void reportFile(const char* path, const char* reason) {
-  if (isFirst(path, reason))
+  if (isFirstReport(path, reason))
     report({"ysys: cannot read the settings file ", path, ": ", reason, "\n"});
 }
 
-// Where the text of a setting stands: in the environment or in the file, which it keeps open.
+// The place of a setting's text: in the environment or in the file, which it keeps open.
 class Setting {
  public:
   explicit Setting(const char* key);
@@ -109,8 +110,8 @@ class Setting {
   bool isThere() const { return isThere_; }
   size_t length() const { return length_; }
 
-  // Copies the text and a terminator. Returns false, the buffer spoilt and the reason reported,
-  // when the file has changed or cannot be read.
+  // Copies the text and a terminator. Reports the reason and returns false, the buffer overwritten,
+  // if the file has changed or cannot be read.
   bool copyTo(char* buffer) const;
 
  private:
@@ -211,7 +212,7 @@ bool readNumber(const char* text, int* value) {
 }
 
 int absentAfterReport(const char* key, const char* complaint) {
-  if (isFirst(key, complaint))
+  if (isFirstReport(key, complaint))
     report({"ysys: setting ", key, " ", complaint, "; it is not used\n"});
   return ABSENT;
 }

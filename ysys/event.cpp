@@ -2,26 +2,31 @@
 // Events, plain and cooperative.
 //
 // An event is one 64-bit word, so that every step is one compare-and-exchange. Its upper half
-// counts the tasks that wait; its lower half is the word that they sleep on.
+// counts the waiting tasks; its lower half is the word that they sleep on.
 //
-// Manual reset: sequence << 1 | set. Setting a clear event moves the sequence on, and a task waits
-// until the half differs from what it met; so a set lets it through also when a reset follows.
+// Manual-reset event: the lower half is sequence << 1 | set. A set of a clear event increments the
+// sequence, and a task waits until the lower half differs from its value at the start of the wait;
+// so a set releases the task even if a reset follows.
 //
-// Any other: the number of passes. A set adds one unless there are more than waiters, so that each
-// waiter has its own and one may lie in stock; whoever goes through takes one. Three waiting and
-// two sets are 00000003'00000002, and after both went through 00000001'00000000.
+// Auto-reset event: the lower half is the number of passes. A set adds one pass unless there are
+// more passes than waiting tasks, so that each waiting task can get one and one more can be in
+// stock; a task that is released takes one. Three waiting tasks and two sets are 00000003'00000002,
+// and after both passes were taken 00000001'00000000.
 //
-// At a plain event the passes that waiters have coming are theirs, and a newcomer takes only the
-// one in stock. At a cooperative event a newcomer may take any, and the waiter waits for the next:
-// that event is the ticket of a lock, and handing the ticket to a sleeper each time made the lock
-// up to three times slower under contention (2887 ns against 1054 with 8 tasks on 2 processors).
+// At a plain event the passes for the waiting tasks are reserved, and a new task takes only the one
+// in stock. At a cooperative event a new task may take any pass, and the waiting task waits for the
+// next: that event is the ticket of a lock, and the reservation of each pass for a sleeping task
+// made the lock up to three times slower under contention (2887 ns against 1054 with 8 tasks on 2
+// processors).
 //
-// A cooperative event that was created set is such a ticket, and it notes the task that has it: the
-// child of a fork puts back a ticket that went with a task of the parent. The note is written after
-// the pass is taken and cleared before it is put back. So, unless a task gives back a ticket that
-// it does not have, the note names the forking task if and only if that task has the ticket.
+// A cooperative auto-reset event that was created set is such a ticket, and it stores the task that
+// took it: the child of a fork returns a ticket that a task of the parent has. The task is stored
+// after the pass was taken and cleared before the pass is returned. So, unless a task returns a
+// ticket that it does not have, the stored task is the forking one if and only if that task has the
+// ticket.
 //
-// May be called from any task. A task looks again for a moment before it counts as waiting.
+// Thread safety: may be called from any task. A task spins for a moment before it counts as
+// waiting.
 #include <atomic>
 #include <bit>
 
@@ -52,16 +57,16 @@ class Event {
   bool wait(Deadline deadline);
   void setAsTicket();
   void waitAsTicket();
-  void mend(uint32_t me);  // in the child of a fork, where nobody waits
+  void repair(uint32_t me);  // in the child of a fork, where no task waits
 
  private:
   bool hasPassForNewcomer(uint64_t state) const;
   uint64_t afterSet(uint64_t state) const;
   uint64_t afterReset(uint64_t state) const;
   template <class Next>
-  uint64_t change(Next next, std::memory_order order);  // gives the state before
+  uint64_t change(Next next, std::memory_order order);  // returns the former state
 
-  bool goThrough();
+  bool tryPass();
   [[gnu::noinline]] bool waitLonger(Deadline deadline);
   bool waitForSet(Deadline deadline);
   bool waitForPass(Deadline deadline);
@@ -80,7 +85,7 @@ class Event {
   bool manualReset_ = false;
   bool newcomersPass_ = false;
   bool isTicket_ = false;
-  std::atomic<uint32_t> taker_{0};  // of a cooperative event: went through last, 0 after a set
+  std::atomic<uint32_t> taker_{0};  // of a cooperative event: the last task released, 0 after a set
 };
 
 void Event::init(bool manualReset, bool initiallySet, bool newcomersPass) {
@@ -115,7 +120,7 @@ uint64_t Event::change(Next next, std::memory_order order) {
   return state;
 }
 
-// A set that changes nothing still writes, so that who goes through sees what came before it.
+// A set that changes nothing still writes, so that a released task sees the writes before the set.
 void Event::set() {
   const uint64_t before =
       change([&](uint64_t state) { return afterSet(state); }, std::memory_order_release);
@@ -127,16 +132,16 @@ void Event::reset() {
 }
 
 bool Event::wait(Deadline deadline) {
-  return goThrough() || (deadline != AT_ONCE && waitLonger(deadline));
+  return tryPass() || (deadline != AT_ONCE && waitLonger(deadline));
 }
 
 bool Event::waitLonger(Deadline deadline) {
-  if (spinUntil([&] { return goThrough(); })) return true;
-  mendNewChild();
+  if (spinUntil([&] { return tryPass(); })) return true;
+  repairNewChild();
   return manualReset_ ? waitForSet(deadline) : waitForPass(deadline);
 }
 
-inline bool Event::goThrough() {
+inline bool Event::tryPass() {
   uint64_t state = state_.load(std::memory_order_acquire);
   if (manualReset_) return (lowerHalf(state) & SET) != 0;
   while (hasPassForNewcomer(state)) {
@@ -188,11 +193,11 @@ inline void Event::setAsTicket() {
 }
 
 inline void Event::waitAsTicket() {
-  if (!goThrough()) waitLonger(FOREVER);
+  if (!tryPass()) waitLonger(FOREVER);
   taker_.store(taskId(), std::memory_order_relaxed);
 }
 
-void Event::mend(uint32_t me) {
+void Event::repair(uint32_t me) {
   const uint64_t state = state_.load(std::memory_order_relaxed);
   const bool isLost = isTicket_ && taker_.load(std::memory_order_relaxed) != me;
   const uint32_t stock = hasPassForNewcomer(state) || isLost ? 1 : 0;
@@ -209,10 +214,10 @@ YIF_Handle orStop(YIF_Handle made, const char* operation) {
 
 }  // namespace
 
-void mendEvents() {
-  const auto mend = [me = taskId()](Event& event) { event.mend(me); };
-  _events.mend(mend);
-  _cooperativeEvents.mend(mend);
+void repairEvents() {
+  const auto repair = [me = taskId()](Event& event) { event.repair(me); };
+  _events.repair(repair);
+  _cooperativeEvents.repair(repair);
 }
 
 }  // namespace ysys

@@ -1,23 +1,23 @@
 // SPDX-License-Identifier: MIT
-// How the child of a fork is made good.
+// The repair of the system layer in the child of a fork.
 //
 // The child has one task, the one that forked, and a copy of everything else as it was at that
-// moment. Nothing is locked for the fork; instead each family can mend its copy: free the internal
-// locks, free what tasks held that the child does not have, and forget that they waited.
+// moment. Nothing is locked for the fork; instead each family can repair its copy: it frees its
+// internal locks and the locks that missing tasks held, and forgets that they waited.
 #pragma once
 
 namespace ysys {
 
-// Called by fork.cpp alone, in the child, before it has any other task.
-void mendTasks();
-void mendLocks();
-void mendEvents();
-void mendFiles();
-void mendMemory();
+// Only fork.cpp calls these, in the child, before the child has any other task.
+void repairTasks();
+void repairLocks();
+void repairEvents();
+void repairFiles();
+void repairMemory();
 
-// Mends the child of a fork whose handler has not run yet, and does nothing in any other process.
-// Each wait calls it before the task counts as waiting, and so does what asks for tasks that are
-// gone.
-void mendNewChild();
+// Repairs the child of a fork if its handler has not run yet; does nothing in any other process.
+// Called by each wait before the task counts as waiting, and by queries about tasks that the child
+// does not have.
+void repairNewChild();
 
 }  // namespace ysys

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
 // Sleeping until a word in memory changes.
 //
-// The bottom of locks and events: a task that finds no way on looks again for a moment, then sleeps
-// in the kernel until another one wakes it. It is not a lock: the meaning of the word is its
-// owner's.
+// The base of locks and events: a task that cannot proceed spins for a moment, then sleeps in the
+// kernel until another task wakes it. Not a lock: the owner of the word defines its meaning.
 //
-// Safe from any task; `errno` is kept. The word lies in memory that is never unmapped, so a wake
-// that comes late, when the word already serves something else, wakes for nothing and does no harm.
+// The word is in memory that is never unmapped, so a late wake, when the word already has another
+// use, only causes a spurious wake-up.
+//
+// Thread safety: all functions may be called from any task. `errno` is preserved.
 #pragma once
 
 #include <stdint.h>
@@ -18,16 +19,16 @@ using Deadline = int64_t;
 constexpr Deadline AT_ONCE = 0;
 constexpr Deadline FOREVER = INT64_MAX;
 
-// AT_ONCE for 0, a negative value and a NaN; FOREVER from 10^9 seconds (31 years) on.
+// Returns AT_ONCE for 0, a negative value and a NaN; FOREVER from 10^9 seconds (31 years) on.
 Deadline deadlineAfter(double seconds);
 
-// Sleeps while the word is `seen`. True when it may have changed, false when the deadline has
+// Sleeps while the word is `seen`. Returns true if it may have changed, false if the deadline has
 // passed.
 bool futexSleep(const void* word, uint32_t seen, Deadline deadline);
 
 void futexWake(const void* word, int count);
 
-// How often a task looks again before it sleeps: 0 where there is one processor only.
+// How often a task spins before it sleeps: 0 if there is only one processor.
 extern unsigned _spins;
 
 inline void pauseProcessor() {
@@ -38,7 +39,7 @@ inline void pauseProcessor() {
 #endif
 }
 
-// Calls `pass` until it gives true or the looks are used up; gives what it gave last.
+// Calls `pass` until it returns true, at most _spins times. Returns its last result.
 template <class Pass>
 bool spinUntil(Pass pass) {
   for (unsigned i = 0; i < _spins; ++i) {

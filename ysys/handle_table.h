@@ -1,25 +1,27 @@
 // SPDX-License-Identifier: MIT
-// The objects of one kind, and the handles under which callers know them.
+// The objects of one kind, and the handles that identify them.
 //
-// A handle is kind << 28 | generation << 22 | index: the index names a slot, the generation counts
-// how often the slot was used before, and the kind (1 to 7) keeps the handles of different tables
-// apart. So none is 0 or has bit 31. Event (kind 3), slot 5, used for the second time, is
-// 0x30400005.
+// A handle is kind << 28 | generation << 22 | index: the index selects a slot, the generation
+// counts how often the slot was used before, and the kind (1 to 7) distinguishes the handles of
+// different tables. So no handle is 0 or has bit 31. Event (kind 3), slot 5, used for the second
+// time, is 0x30400005.
 //
-// Slots lie in segments of 256 that are mapped as needed and never move or go. A live slot's word
-// is its handle; a freed one's is the coming generation << 22 | next freed slot: slot 5, freed
-// again and last in the queue, is 0x00bfffff. As no slot comes next to itself, only a live slot's
-// word is ever equal to a handle that leads to the slot, and one comparison tells whether a handle
-// is good. A handle comes back after its slot was taken 64 times. The queue keeps 256 slots waiting
-// as long as there is memory for more. So all but the first of these times need 256 creations each,
-// and at least 16128 other handles are given before one comes back.
+// Slots are in segments of 256 that are mapped as needed and never moved or unmapped. The word of a
+// live slot is its handle; the word of a freed slot is the next generation << 22 | the next slot of
+// the free queue: slot 5, freed again and last in the queue, is 0x00bfffff. As no slot is its own
+// successor, only the word of a live slot can equal a handle with that index, and one comparison
+// validates a handle. A handle is reused after its slot was used 64 times. The free queue keeps 256
+// slots as long as there is memory for more, so all but the first of these uses need 256 creations
+// each, and at least 16128 other handles are created before one is reused.
 //
-// Not a container: it owns the slots and never runs over what is live, but for the fork. Looking up
-// is free of locks and safe from any task; creating and ending serialise themselves.
+// Not a container: it owns the slots, and only the repair after a fork iterates over the live ones.
 //
-// The child of a fork may get its copy while another task creates or ends an object. The steps are
-// ordered so that the copy then loses one slot or one segment at most: the queue never counts more
-// slots than it links.
+// The child of a fork may get its copy while another task creates or destroys an object. The steps
+// are ordered so that the copy then loses at most one slot or one segment: the queue never counts
+// more slots than it links.
+//
+// Thread safety: all operations except repair may be called from any task. A look-up takes no lock;
+// creation and destruction take one.
 #pragma once
 
 #include <stdint.h>
@@ -45,7 +47,7 @@ enum Kind : uint32_t { MUTEX = 1, CRITICAL_SECTION, EVENT, COOPERATIVE_EVENT, OP
                  " is no handle of this family; it is stale, or of another kind\n"});
 }
 
-// requires: T has no destructor to run, and has an operation `init` that makes it as new
+// Requires: T has a trivial destructor and an operation `init`, which puts it into the new state.
 template <class T, Kind KIND>
 class HandleTable {
  public:
@@ -53,23 +55,24 @@ class HandleTable {
   HandleTable(const HandleTable&) = delete;
   HandleTable& operator=(const HandleTable&) = delete;
 
-  // A new object, begun with the arguments. Gives 0 when there is no room.
+  // Creates an object, initialised with the arguments. Returns 0 if there is no room.
   template <class... Arguments>
   YIF_Handle create(Arguments... arguments);
 
-  // Ends the object; `operation` is named when there is none.
+  // Destroys the object. If there is none, stops the process with a report that names `operation`.
   void destroy(YIF_Handle handle, const char* operation);
 
-  // The object; stops, naming `operation`, when there is none.
+  // Returns the object. If there is none, stops the process as destroy does.
   __attribute__((always_inline)) T& at(YIF_Handle handle, const char* operation) {
     Slot* found = find(handle);
     if (__builtin_expect(found == nullptr, 0)) stopForBadHandle(handle, operation);
     return found->object_;
   }
 
-  // In the child of a fork: makes the table usable and calls mendObject(object) for what is live.
-  template <class MendObject>
-  void mend(MendObject mendObject);
+  // In the child of a fork: makes the table usable and calls repairObject(object) for each live
+  // one.
+  template <class RepairObject>
+  void repair(RepairObject repairObject);
 
  private:
   static constexpr uint32_t KIND_SHIFT = 28;
@@ -81,7 +84,7 @@ class HandleTable {
       (1u << GENERATION_SHIFT) - 1;  // so the last index is never used
   static constexpr uint32_t GENERATION_MASK = (1u << KIND_SHIFT) - (1u << GENERATION_SHIFT);
 
-  // One slot a cache line, so that tasks busy with different objects do not slow each other down.
+  // One slot in a cache line, so that tasks that use different objects do not slow each other down.
   struct alignas(64) Slot {
     std::atomic<uint32_t> word_{0};
     T object_;
@@ -101,16 +104,16 @@ class HandleTable {
   uint32_t takeSlot();
   bool addSegment();
 
-  // Atomic for the order in which a fork sees the changes; `mutex_` guards them.
+  // Atomic because of the order in which a fork copies the changes; `mutex_` guards them.
   using Field = std::atomic<uint32_t>;
   static uint32_t get(const Field& field) { return field.load(std::memory_order_relaxed); }
   static void put(Field& field, uint32_t value) { field.store(value, std::memory_order_release); }
 
-  InnerLock mutex_;            // guards all that follows but the reading of segments
+  InnerLock mutex_;            // guards the fields below, except reads of segments_
   Field used_{0};              // slots below were used at least once
   Field mapped_{0};            // slots below have memory
-  Field freed_{0};             // slots that wait to be used again
-  Field firstFreed_{NO_SLOT};  // freed the longest ago; this and the next if there are any
+  Field freed_{0};             // number of slots in the free queue
+  Field firstFreed_{NO_SLOT};  // head and tail of the free queue, valid if it has slots
   Field lastFreed_{NO_SLOT};
   std::atomic<Slot*> segments_[SEGMENT_COUNT] = {};
 };
@@ -144,7 +147,8 @@ void HandleTable<T, KIND>::destroy(YIF_Handle handle, const char* operation) {
   if (!destroyIfFound(handle)) stopForBadHandle(handle, operation);
 }
 
-// A handler for the stop may use the table, so nothing stops while the lock is held.
+// Does not stop the process itself: a signal handler for the stop may use the table, so the lock
+// must be free.
 template <class T, Kind KIND>
 bool HandleTable<T, KIND>::destroyIfFound(YIF_Handle handle) {
   const std::lock_guard<InnerLock> guard(mutex_);
@@ -196,13 +200,13 @@ bool HandleTable<T, KIND>::addSegment() {
 }
 
 template <class T, Kind KIND>
-template <class MendObject>
-void HandleTable<T, KIND>::mend(MendObject mendObject) {
+template <class RepairObject>
+void HandleTable<T, KIND>::repair(RepairObject repairObject) {
   for (uint32_t index = 0; index < get(used_); ++index) {
     Slot& each = slot(index);
-    if (get(each.word_) >> KIND_SHIFT == KIND) mendObject(each.object_);
+    if (get(each.word_) >> KIND_SHIFT == KIND) repairObject(each.object_);
   }
-  mutex_.mend();
+  mutex_.repair();
 }
 
 }  // namespace ysys

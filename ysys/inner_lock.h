@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 // The lock that guards the system layer's own tables.
 //
-// Not recursive, knows no holder, and has no handle. It is held for a few steps and never while
-// the process is stopped, forked or put to sleep for another reason. The word is 0 when it is free,
-// 1 when a task holds it, 2 when others may sleep for it too.
+// Not recursive, has no owner and no handle. It is held for a few steps and never while the process
+// is stopped, forked or put to sleep for another reason. The word is 0 if the lock is free, 1 if a
+// task holds it, 2 if other tasks may also sleep for it.
 //
-// The child of a fork may find it held by a task that it does not have: `mend` frees it there. So
-// what it guards is changed in an order in which every state between two steps is a good one.
+// In the child of a fork a task that does not exist there may hold it: `repair` frees it. So the
+// data that it guards is changed in an order in which every intermediate state is valid.
 #pragma once
 
 #include <stdint.h>
@@ -32,11 +32,11 @@ class InnerLock {
   void unlock() {
     if (word_.exchange(0, std::memory_order_release) == 2) futexWake(&word_, 1);
   }
-  void mend() { word_.store(0, std::memory_order_relaxed); }
+  void repair() { word_.store(0, std::memory_order_relaxed); }
 
  private:
   void lockContended() {
-    mendNewChild();
+    repairNewChild();
     while (word_.exchange(2, std::memory_order_acquire) != 0) futexSleep(&word_, 2, FOREVER);
   }
 

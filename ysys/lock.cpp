@@ -1,18 +1,19 @@
 // SPDX-License-Identifier: MIT
-// Mutexes and critical sections, which are the same recursive lock under two kinds of
-// handle.
+// Mutexes and critical sections, which are the same recursive lock with two kinds of handles.
 //
-// A lock is two words. The first is 0 when nobody holds the lock, else the holder's task id, with
-// bit 31 set when tasks may sleep for it: task 4711 inside and others waiting is 0x80001267. The
-// second counts how often the holder has entered beyond the first time; only the holder changes it.
+// A lock is two words. The first is 0 if the lock is free, else the holder's task id, with bit 31
+// set if tasks may sleep for it: held by task 4711 with others waiting it is 0x80001267. The second
+// counts how often the holder has entered again; only the holder changes it.
 //
-// Entering a free lock is one compare-and-exchange, leaving it one exchange. A task that must wait
-// looks again for a moment, then announces itself in bit 31 and sleeps; leaving wakes one sleeper.
-// It is not fair: a task that comes at the right moment passes those that sleep.
+// Entering a free lock is one compare-and-exchange, releasing it one exchange. A task that must
+// wait spins for a moment, then sets bit 31 and sleeps; a release wakes one sleeping task. Not
+// fair: a task that arrives at the right moment gets the lock before those that sleep.
 //
-// May be called from any task. In the child of a fork the task that forked has the id that it had
-// in the parent: what it held it holds, as often as it entered. Locks of others are free. The
-// counter is atomic because a fork may copy it while its task changes it.
+// In the child of a fork the task that forked keeps its id and the locks that it held, as often as
+// it entered. Locks of other tasks are free. The counter is atomic because a fork may copy it while
+// its task changes it.
+//
+// Thread safety: may be called from any task.
 #include <atomic>
 
 #include "utils/sdk/ysys.h"
@@ -28,8 +29,8 @@ class Lock {
  public:
   void init();
   void enter();
-  bool exit();  // gives false, and changes nothing, when the calling task does not hold it
-  void mend(uint32_t me);  // in the child of a fork: free unless the calling task holds it
+  bool exit();  // returns false, and changes nothing, if the calling task does not hold the lock
+  void repair(uint32_t me);  // in the child of a fork: free unless the calling task holds it
 
  private:
   static constexpr uint32_t SLEEPERS = 0x80000000u;
@@ -40,7 +41,7 @@ class Lock {
            word_.compare_exchange_strong(nobody, held, std::memory_order_acquire);
   }
   void enterContended(uint32_t me);
-  uint32_t announceSleeper();  // gives the word to sleep on, 0 when it is not held so
+  uint32_t announceSleeper();  // returns the word to sleep on, 0 to try again
 
   std::atomic<uint32_t> word_{0};
   std::atomic<uint32_t> again_{0};
@@ -71,7 +72,7 @@ inline bool Lock::exit() {
   return true;
 }
 
-void Lock::mend(uint32_t me) {
+void Lock::repair(uint32_t me) {
   if ((word_.load(std::memory_order_relaxed) & ~SLEEPERS) == me) {
     word_.store(me, std::memory_order_relaxed);
   } else {
@@ -79,10 +80,10 @@ void Lock::mend(uint32_t me) {
   }
 }
 
-// Whoever has slept takes the lock with the bit, since others may sleep still.
+// A task that has slept takes the lock with the bit set, since others may still sleep.
 void Lock::enterContended(uint32_t me) {
   if (spinUntil([&] { return takeIfFree(me); })) return;
-  mendNewChild();
+  repairNewChild();
   while (!takeIfFree(me | SLEEPERS)) {
     const uint32_t seen = announceSleeper();
     if (seen != 0) futexSleep(&word_, seen, FOREVER);
@@ -111,10 +112,10 @@ void exitOrReport(Lock& lock) {
 
 }  // namespace
 
-void mendLocks() {
-  const auto mend = [me = taskId()](Lock& lock) { lock.mend(me); };
-  _mutexes.mend(mend);
-  _sections.mend(mend);
+void repairLocks() {
+  const auto repair = [me = taskId()](Lock& lock) { lock.repair(me); };
+  _mutexes.repair(repair);
+  _sections.repair(repair);
 }
 
 }  // namespace ysys

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// The two places that settings come from: the environment and a regular file.
+// The two sources of settings: the environment and a regular file.
 //
-// Not a parser: config.cpp knows keys and lines, this knows bytes.
+// Not a parser: config.cpp handles keys and lines, this handles bytes.
 #pragma once
 
 #include <stddef.h>

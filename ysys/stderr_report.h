@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
-// Reports on standard error, for the person who has to find out why a process stopped or why a
-// setting has no effect.
+// Reports on standard error, for people who look for the reason why a process stopped or a setting
+// has no effect.
 //
 // Not a log: a report allocates nothing, takes no lock and uses no handle, so it works with a
 // broken heap, without the log, and in the handlers of a fork.
 //
-// Thread safety: reports may come from any task. A report is one system call, unless the system
-// takes it in parts, so reports of two tasks do not mix: {"ysys: ", "YIF_SetEvent", ": no event\n"}
+// Thread safety: may be called from any task. A report is one system call, unless the system writes
+// it in parts, so the reports of two tasks do not mix: {"ysys: ", "YIF_SetEvent", ": no event\n"}
 // is one write of 29 bytes.
 #pragma once
 
@@ -14,7 +14,7 @@
 
 namespace ysys {
 
-// The digits of a number in base 10 or 16, the latter after "0x".
+// The digits of a number in base 10, or in base 16 after "0x".
 class NumberText {
  public:
   NumberText(unsigned number, unsigned base);

@@ -28,7 +28,7 @@
 
 namespace Utils {
 
-// What untyped code must know of a container type. Constant data, one table for each type.
+// The properties of a container type that untyped code uses. Constant data, one for each type.
 struct TemplOps {
   unsigned elemSize_;  // bytes of an element
   // Returns storage for that many elements, null if there is no memory.

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
-// The time of day, for people. Nothing measures or waits by it; waits run on the
-// monotonic clock, which nobody sets. May be called from any task.
+// The time of day, for people. Nothing measures or waits by it: waits use the monotonic clock,
+// which cannot be set.
 //
-// A double holds today's 1.8 * 10^9 seconds with a step of a quarter of a microsecond.
+// A double holds today's 1.8 * 10^9 seconds in steps of a quarter of a microsecond.
+//
+// Thread safety: may be called from any task.
 #include "ysys/linux/posix.h"
 
 #include <time.h>

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
-// Writes that finish, and the signals that a write can raise.
+// Writes of all bytes, and the signals that a write can raise.
 //
-// A write to a pipe whose reader has gone sends SIGPIPE to the writing task, one past the limit on
-// file sizes SIGXFSZ. The dispositions of these signals belong to the host and stay as they are:
-// the task blocks the signals around the write, removes the one that its own write has raised, and
-// restores its mask. A signal that was pending before stays pending; only one that the host itself
-// has blocked can be.
+// A write to a pipe without a reader sends SIGPIPE to the writing task, a write past the limit on
+// file sizes sends SIGXFSZ. The dispositions of these signals belong to the host and are not
+// changed: the task blocks the signals around the write, removes the one that its own write has
+// raised, and restores its mask. A signal that was pending before stays pending; only a signal that
+// the host itself has blocked can be.
 #include "ysys/linux/descriptor.h"
 
 #include <errno.h>

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
-// Writes to file descriptors that end with all bytes written or with a refusal, without a signal.
+// Writes to file descriptors that raise no signal and continue until all bytes are written or the
+// system refuses.
 //
-// Thread safety: may be used from any task, with different or equal descriptors.
+// Thread safety: may be called from any task, with different or equal descriptors.
 #pragma once
 
 #include <signal.h>
@@ -18,8 +19,8 @@ class NoWriteSignal {
   NoWriteSignal(const NoWriteSignal&) = delete;
   NoWriteSignal& operator=(const NoWriteSignal&) = delete;
 
-  // After a write that failed, `errno` still as the write left it: removes the signal that the
-  // write raised. A signal that was pending before stays pending.
+  // Removes the signal that a failed write raised. Requires: `errno` is that of the write. A signal
+  // that was pending before stays pending.
   void takeBack();
 
  private:
@@ -27,17 +28,19 @@ class NoWriteSignal {
   sigset_t pendingBefore_;
 };
 
-// What a write does while a pipe that does not block is full.
+// The action of a write to a non-blocking pipe that is full.
 enum class WhenFull { WAIT, GIVE_UP };
 
-// True if a write that failed can be tried again, by `errno`; waits for room if that is asked for.
+// Returns true if a failed write can be tried again, by its `errno`. Waits for room first if
+// `whenFull` is WAIT.
 bool canWriteAgain(int descriptor, WhenFull whenFull);
 
 // Writes until all bytes are written or the system refuses; returns the number of bytes written. A
-// pipe without a reader and the limit on file sizes are refusals and raise no signal.
+// pipe without a reader and the limit on file sizes are refusals that raise no signal.
 size_t writeAll(int descriptor, const void* bytes, size_t count, WhenFull whenFull);
 
-// The same at the cost of the write alone. Requires: no signal can come, or a NoWriteSignal lives.
+// Does the same without the cost of blocking signals. Requires: the write can raise no signal, or a
+// NoWriteSignal is active.
 size_t writeUnguarded(int descriptor, const void* bytes, size_t count, WhenFull whenFull);
 
 }  // namespace ysys

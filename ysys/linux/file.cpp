@@ -1,18 +1,17 @@
 // SPDX-License-Identifier: MIT
 // Files that are open for writing.
 //
-// A file is its descriptor and whether a write may send a signal. Nothing is kept back: a write is
-// with the system when it returns, so flushing has nothing left to do. Every file is in append
-// mode, one whose content was replaced too; so the lines of several processes land one behind the
-// other.
+// A file is its descriptor and a flag for writes that may send a signal. Nothing is buffered: the
+// system has the bytes when a write returns, so a flush does nothing. Every file is in append mode,
+// also one whose content was replaced, so lines of several processes do not overwrite each other.
 //
-// A FIFO opens only when somebody reads it. A write to one whose reader has gone and a write past
-// the limit on file sizes are dropped without a signal. That costs two system calls a write, half
-// as much time as the write itself, and files that are opened without such a limit do without them.
-// A look at the limit ahead of each write would cost as much.
+// A FIFO opens only if it has a reader. A write to a FIFO whose reader has closed it, and a write
+// past the limit on file sizes, are dropped without a signal. That costs two system calls for each
+// write, half as much time as the write itself; files that are opened without such a limit do
+// without them. A query of the limit before each write would cost as much.
 //
-// May be called from any task; closing a file that another task is writing to is the caller's
-// mistake.
+// Thread safety: may be called from any task. Requires: a file is not closed while another task
+// writes to it.
 #include "ysys/linux/posix.h"
 
 #include <fcntl.h>
@@ -41,7 +40,8 @@ struct OpenFile {
 
 constinit HandleTable<OpenFile, OPEN_FILE> _files;
 
-// Does not wait for the reader of a FIFO. A write then waits for room by itself.
+// Opens without waiting for the reader of a FIFO. The descriptor stays non-blocking, and writes
+// wait for room by poll.
 int openForWriting(const char* path, int mode) {
   const int replace = mode == YIF_OPEN_REPLACE ? O_TRUNC : 0;
   const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | replace;
@@ -61,8 +61,8 @@ bool mayRaiseSignal(int descriptor) {
 
 }  // namespace
 
-void mendFiles() {
-  _files.mend([](OpenFile&) {});
+void repairFiles() {
+  _files.repair([](OpenFile&) {});
 }
 
 }  // namespace ysys

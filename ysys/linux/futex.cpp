@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
-// The kernel's side of sleeping and waking. See futex.h.
+// Sleeping and waking by the futex system call.
 //
-// A 64-bit system has one system call, whose time structure has two 64-bit members. A 32-bit system
-// has a second call for that structure; kernels before 5.1 and some filters refuse it. Then the
-// first call serves, with 32-bit seconds: a deadline beyond them (68 years after the start of the
-// machine) is cut, and the caller of futexSleep looks again and sleeps on.
+// A 64-bit system has one such call, whose time structure has two 64-bit members. A 32-bit system
+// has a second call for that structure, which kernels before 5.1 and some system call filters
+// refuse. Then the first call is used, with 32-bit seconds: a later deadline (68 years after the
+// start of the machine) is cut, and the caller of futexSleep tests its word and sleeps again.
 #include "ysys/futex.h"
 
 #include <limits.h>
@@ -34,7 +34,7 @@ struct KernelTime {
   int64_t nanoseconds;
 };
 
-// All return false if the kernel refuses; `errno` then has the reason.
+// These return false if the kernel refuses; `errno` is then the reason.
 bool futexCall(long call, const void* word, int operation, uint32_t value, const void* limit) {
   return syscall(call, word, operation, value, limit, nullptr, FUTEX_BITSET_MATCH_ANY) >= 0;
 }

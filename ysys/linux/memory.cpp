@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: MIT
 // Raw memory for the allocators, from one window of addresses.
 //
-// The window is reserved without memory behind it and handed out from its lower end; ahead of what
-// was handed out, its pages are opened a mebibyte at a time, so most requests need no system call.
-// On a 64-bit system, with the window at 0x7f0000000000, requests of 4 MiB and of 100 bytes give
-// 0x7f0000000000 and 0x7f0000400000, the third 0x7f0000400070, and 5 MiB of pages are open.
+// The window is reserved without memory and allocated from its lower end. Its pages are made
+// accessible a mebibyte at a time, so most requests need no system call. On a 64-bit system, with
+// the window at 0x7f0000000000, requests of 4 MiB and of 100 bytes return 0x7f0000000000 and
+// 0x7f0000400000, the third one 0x7f0000400070, and 5 MiB of pages are accessible.
 //
-// It is not an allocator: nothing comes back. The size that is tried first is twice the wanted one
-// and becomes an eighth smaller until the system agrees; then the upper half is returned, so that
-// the host keeps at least as much of the address space as the window takes: under a limit of 600 MB
-// nearly 300. A request above 2^26 bytes bypasses the window. A used-up window stays so: a further
+// Not an allocator: nothing is freed. The first size tried is twice the wanted one; it is reduced
+// by an eighth until the system agrees, and then the upper half is unmapped, so that the host keeps
+// at least as much of the address space as the window takes: nearly 300 MB under a limit of 600 MB.
+// A request above 2^26 bytes bypasses the window. A window that is used up is not replaced: another
 // one would take from the host's half.
 //
-// May be called from any task, also ahead of YIF_MemInit and in the child of a fork.
+// Thread safety: may be called from any task, also before YIF_MemInit and in the child of a fork.
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/mman.h>
@@ -33,13 +33,13 @@ constexpr uint64_t ALIGNMENT = 16;
 constexpr uint64_t WINDOW_REQUEST_MAX = uint64_t{1} << 26;
 constexpr size_t OPEN_STEP = size_t{1} << 20;
 
-// The numbers are offsets from base_, handed_ <= open_ <= size_; without a base all are 0.
+// The numbers are offsets from base_, used_ <= open_ <= size_; all are 0 while base_ is null.
 struct Window {
   InnerLock mutex_;
   char* base_ = nullptr;
   size_t size_ = 0;
   size_t open_ = 0;
-  size_t handed_ = 0;
+  size_t used_ = 0;
 };
 
 constinit Window _window;
@@ -51,10 +51,10 @@ size_t wantedSize() {
   return static_cast<size_t>((uint64_t{1} << 32) - pageSize());
 }
 
-// The next smaller size to try, in whole pages; 0 after one page.
+// Returns the next smaller size to try, in whole pages; 0 after one page.
 size_t smallerThan(size_t size) { return (size - size / 8) & ~(pageSize() - 1); }
 
-// requires: _window.mutex_ held
+// Requires: _window.mutex_ is held.
 void reserveWindow() {
   if (_window.base_ != nullptr) return;
   for (size_t kept = wantedSize(); kept != 0; kept = smallerThan(kept)) {
@@ -76,21 +76,21 @@ bool openInSteps(size_t missing, size_t step) {
   return true;
 }
 
-// The system may refuse a step and still give the pages that are needed.
+// Tries the needed pages alone if the system refuses whole steps.
 bool openUpTo(size_t end) {
   if (end <= _window.open_) return true;
   const size_t missing = end - _window.open_;
   return openInSteps(missing, OPEN_STEP) || openInSteps(missing, pageSize());
 }
 
-void* handOut(size_t size) {
+void* allocate(size_t size) {
   const std::lock_guard<InnerLock> guard(_window.mutex_);
   reserveWindow();
-  if (size > _window.size_ - _window.handed_) return nullptr;
-  if (!openUpTo(_window.handed_ + size)) return nullptr;
-  void* given = _window.base_ + _window.handed_;
-  _window.handed_ += size;
-  return given;
+  if (size > _window.size_ - _window.used_) return nullptr;
+  if (!openUpTo(_window.used_ + size)) return nullptr;
+  void* memory = _window.base_ + _window.used_;
+  _window.used_ += size;
+  return memory;
 }
 
 }  // namespace
@@ -100,11 +100,11 @@ void* mapPages(size_t size) {
   return mapped == MAP_FAILED ? nullptr : mapped;
 }
 
-// If another task was in the middle of a request, what it was about to get is lost to the child, or
+// If another task was in the middle of a request, the child loses the memory of that request, or
 // the window has an address but no size yet and is reserved again.
-void mendMemory() {
+void repairMemory() {
   if (_window.size_ == 0) _window.base_ = nullptr;
-  _window.mutex_.mend();
+  _window.mutex_.repair();
 }
 
 }  // namespace ysys
@@ -121,5 +121,5 @@ void* YIF_MemAlloc(unsigned int size) noexcept {
   const uint64_t rounded = (atLeastOne + ALIGNMENT - 1) & ~(ALIGNMENT - 1);
   if (rounded > SIZE_MAX) return nullptr;
   const size_t bytes = static_cast<size_t>(rounded);
-  return rounded > WINDOW_REQUEST_MAX ? mapPages(bytes) : handOut(bytes);
+  return rounded > WINDOW_REQUEST_MAX ? mapPages(bytes) : allocate(bytes);
 }

@@ -1,19 +1,19 @@
 // SPDX-License-Identifier: MIT
-// The services beside the system interface: a debugger channel and a message on
-// screen.
+// The services beside the system interface: a debugger channel and a message on the screen.
 //
-// A message goes the best way that works: a dialog program, if there is a display; the controlling
-// terminal, if the process is in its foreground; standard error. Nothing is kept between two calls.
+// A message uses the first way that works: a dialog program, if there is a display; the controlling
+// terminal, if the process is in its foreground; standard error. No state is kept between calls.
 //
-// The dialog programs are started without a shell, and the text reaches them such that they show it
-// as it is. Three take it as an argument. In two of these a backslash begins an escape, so they get
-// backslashes doubled: C:\new becomes C:\\new. One of them cannot be told to leave markup alone,
-// and looks for a tag in the first line that is not blank; it gets a line ahead that holds a space
-// of no width. The others read the text from their standard input.
+// The dialog programs are started without a shell, and get the text in a form that they show
+// unchanged. Three take it as an argument. In two of these a backslash begins an escape, so each
+// backslash is doubled: C:\new becomes C:\\new. One of these two cannot turn markup off, and
+// searches for a tag in the first line that is not blank; it gets a first line with a zero-width
+// space. The others read the text from standard input.
 //
-// May be called from any task. A host that does not let its children be waited for (it ignores
-// SIGCHLD, or waits for all of them itself) hides how the program ended; then the dialog counts as
-// answered.
+// A host that prevents a wait for its children (it ignores SIGCHLD, or waits for all of them
+// itself) hides the exit status of the program; then the dialog counts as answered.
+//
+// Thread safety: may be called from any task.
 #include "ysys/linux/posix.h"
 
 #include <fcntl.h>
@@ -39,7 +39,7 @@ constexpr int64_t QUICKEST_ANSWER_MS = 250;
 
 // --- The debugger channel ---
 
-// Gives how many bytes the channel took.
+// Returns the number of bytes that the channel took.
 size_t writeToChannel(const char* path, const char* text, size_t length) {
   const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
   const int channel = open(path, flags, 0666);
@@ -51,7 +51,7 @@ size_t writeToChannel(const char* path, const char* text, size_t length) {
 
 // --- Dialogs ---
 
-// The text with each backslash doubled and a line ahead that shows nothing, in pages of its own.
+// The text with each backslash doubled, after a line that shows nothing, in pages of its own.
 class EscapedText {
  public:
   explicit EscapedText(const char* text);
@@ -84,7 +84,7 @@ EscapedText::EscapedText(const char* text)
   *to = '\0';
 }
 
-// An unnamed file that holds the text, to be a program's standard input.
+// An unnamed file with the text, for the standard input of a program.
 class InputFile {
  public:
   explicit InputFile(const char* text) : file_(memfd_create("message", MFD_CLOEXEC)) {
@@ -106,7 +106,7 @@ class InputFile {
   int file_;
 };
 
-// Gives the process id, -1 when the program could not be started.
+// Returns the process id, -1 if the program could not be started.
 pid_t start(char* const* arguments, int input) {
   sigset_t none, usual;
   sigemptyset(&none);
@@ -135,8 +135,8 @@ int64_t milliseconds() {
   return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
-// A dialog that was closed and one that found no display both end with a small status other than 0;
-// what ends too soon for a person was not seen.
+// A dialog that was closed and a dialog without a display both exit with a small status other than
+// 0; one that exits too soon for a person was not seen.
 bool wasAnswered(pid_t process) {
   const int64_t begun = milliseconds();
   int status = 0;

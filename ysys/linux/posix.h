@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: MIT
-// Asks the runtime library for files above 2 GiB and times after 2038 on every pointer
-// size.
+// Requests files above 2 GiB and times after 2038 from the runtime library for every pointer size.
 //
-// It is not a list of system headers: a source includes it first of all, before any of them, and
-// then the ones that it needs. Sources that neither open files nor ask for the time of day do
-// without it.
+// Not a list of system headers: a source includes it before every system header and then those that
+// it needs. Sources that neither open files nor read the time of day do not need it.
 #pragma once
 
 #ifdef _FEATURES_H

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The environment of the process, and settings files by their descriptors.
+// The environment of the process, and settings files through file descriptors.
 #include "ysys/linux/posix.h"
 
 #include "ysys/settings_source.h"

@@ -15,7 +15,7 @@ namespace {
 
 constexpr size_t PARTS_MAX = 12;
 
-// Takes the bytes that were written off the pieces; returns the first piece that has any left.
+// Removes the written bytes from the pieces. Returns the first piece that has bytes left.
 iovec* advance(iovec* piece, const iovec* end, size_t written) {
   for (; piece != end && written >= piece->iov_len; ++piece) written -= piece->iov_len;
   if (piece != end) {

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
 // A line on a stream of the runtime library.
 //
-// The runtime library drops the rest of a line when a write takes a part of it: where a pipe is
-// full and its descriptor does not block, or a signal's handler interrupts the write. So the line
-// is made in memory and written to the stream's descriptor until all of it is there, after what the
-// stream holds back.
+// The runtime library drops the rest of a line if a write takes only a part of it: a pipe is full
+// and its descriptor does not block, or a signal handler interrupts the write. So the line is
+// formatted in memory and written to the stream's descriptor until all of it is written, after the
+// stream's own buffer.
 //
-// The runtime library writes the line itself to a stream without a descriptor, to a regular file,
-// which takes every write whole and whose position the stream counts, and when there is no memory
-// for the line or its format has no text.
+// The runtime library writes the line itself in four cases: the stream has no descriptor; it is a
+// regular file, which takes every write whole and whose position the stream counts; there is no
+// memory for the line; the format cannot be expanded.
 #include "ysys/linux/posix.h"
 
 #include <stdio.h>
@@ -36,7 +36,7 @@ class LineText {
 
  private:
   size_t size_ = 0;
-  char* block_ = nullptr;  // of a line that the room is too small for
+  char* block_ = nullptr;  // memory for a line that does not fit in room_
   char room_[1024];
 };
 
@@ -54,7 +54,7 @@ LineText::LineText(const char* format, va_list args) {
     length = text == nullptr ? -1 : vsnprintf(text, size, format, args);
   }
   if (length < 0 || static_cast<size_t>(length) >= size)
-    return;  // a text that was changed meanwhile
+    return;  // another task has changed an argument meanwhile
   text[length] = '\n';
   size_ = static_cast<size_t>(length) + 1;
 }
@@ -64,7 +64,7 @@ bool takesPartsOfLines(int descriptor) {
   return descriptor != -1 && !(fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode));
 }
 
-// Returns false, nothing written, where the runtime library has to do it.
+// Returns false, and writes nothing, if the runtime library has to write the line.
 bool writeToDescriptor(FILE* stream, const char* format, va_list args) {
   const LineText line(format, args);
   if (!line.isWhole()) return false;
@@ -87,7 +87,7 @@ void YfPrintLine(FILE* stream, const char* format, va_list args) noexcept {
   const bool mayBreak = takesPartsOfLines(fileno(stream));
   saver.restore();
   if (!mayBreak || !writeToDescriptor(stream, format, again)) {
-    flockfile(stream);  // no line of another task between the text and its end
+    flockfile(stream);  // so that no line of another task gets between the text and its end
     saver.restore();
     vfprintf(stream, format, args);
     fprintf(stream, "\n");

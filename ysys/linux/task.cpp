@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: MIT
 // The identity of the calling task.
 //
-// People see the kernel's number of the thread, which is below 2^22. Logic compares the id:
-// generation << 22 | number, where the generation counts the forks that led to the process. Task
-// 4711 of a program has the id 4711, and task 4711 of a child of its child 0x00801267.
+// People see the kernel's thread number, which is below 2^22. Code compares the id: generation <<
+// 22 | number, with the number of forks that led to the process as its generation. Task 4711 of a
+// program has the id 4711, and task 4711 of a child of its child 0x00801267.
 //
 // The task that forks keeps its id in the child, so it still holds there what it held. The
-// generation keeps new tasks of the child apart from it, and from the tasks that stayed in the
-// parent, whose ids may still stand in objects of the program: the kernel may give their numbers
-// again. Generations come back after 512 nested forks.
+// generation distinguishes new tasks of the child from it, and from the tasks that stayed in the
+// parent: objects of the program may still store their ids, and the kernel may reuse their numbers.
+// Generations are reused after 512 nested forks.
 //
-// Safe from any task; nothing is set up before the first call.
+// Thread safety: may be called from any task, without initialisation.
 #include "ysys/task.h"
 
 #include <unistd.h>
@@ -44,7 +44,7 @@ unsigned number() {
 
 unsigned makeTaskId() { return _taskId = _generation << NUMBER_BITS | number(); }
 
-void mendTasks() {
+void repairTasks() {
   _number = 0;
   _inherited = _taskId;
   do {
@@ -60,7 +60,7 @@ unsigned long YIF_CurrentTaskIdCoop() noexcept { return ysys::taskId(); }
 
 int YfStayedInParent(unsigned long task) noexcept {
   using namespace ysys;
-  mendNewChild();
+  repairNewChild();
   const unsigned id = static_cast<unsigned>(task);
   return id == task && generationOf(id) != _generation && id != _inherited ? 1 : 0;
 }

@@ -30,6 +30,10 @@ int MessageBoxA(void* owner, const char* text, const char* caption, unsigned int
 // is dropped.
 void YfPrintLine(std::FILE* stream, const char* format, std::va_list args) noexcept;
 
+// Returns as strncmp does for the first `limit` bytes, with upper and lower case alike in the
+// current locale.
+int YfCompareIgnoringCase(const char* a, const char* b, std::size_t limit) noexcept;
+
 // Calls step(argument), which asks for memory that it can do without: during the call, an
 // exhaustion that the calling task reports to YfAssert__ is neither printed nor stops the process.
 void YfWithoutExhaustionReport(void (*step)(void*), void* argument) noexcept;

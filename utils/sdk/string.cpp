@@ -7,12 +7,11 @@
 // unchanged, and a source that lies in the shared text remains valid.
 #include "utils/sdk/string.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <cstdio>
 
 #include "utils/sdk/base/load_order.h"
+#include "utils/sdk/platform.h"
 
 namespace Utils {
 
@@ -83,11 +82,13 @@ int compareText(const char* a, std::string_view b) {
 
 int String::icompare(const String& s) const {
   if (rep_ == s.rep_) return 0;
-  if (rep_ && s.rep_) return strcasecmp(*this, s);
+  if (rep_ && s.rep_) return icompare(static_cast<const char*>(s));
   return rep_ ? size() != 0 : -(s.size() != 0);
 }
 
-int String::icompare(const char* text) const { return rep_ ? strcasecmp(*this, text) : -1; }
+int String::icompare(const char* text) const {
+  return rep_ ? YfCompareIgnoringCase(*this, text, std::size_t{size()} + 1) : -1;
+}
 
 bool String::startsWith(const String& s) const {
   if (!s.rep_) return true;

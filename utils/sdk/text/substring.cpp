@@ -2,10 +2,10 @@
 // Comparison and assignment of views of ranges. No text is copied.
 #include "utils/sdk/text/substring.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <cstring>
+
+#include "utils/sdk/platform.h"
 
 namespace Utils {
 
@@ -25,7 +25,7 @@ int SubStringRep::compare(const char* text) const {
 }
 
 int SubStringRep::icompare(const char* text) const {
-  return strncasecmp(text, this->text(), size_);
+  return YfCompareIgnoringCase(text, this->text(), size_);
 }
 
 // --- SubString ---
@@ -73,7 +73,7 @@ int SubString::compare(const SubString& s) const {
 }
 
 int SubString::icompare(const SubString& s) const {
-  return compareRanges(strncasecmp, s.text(), s.size(), text(), size());
+  return compareRanges(YfCompareIgnoringCase, s.text(), s.size(), text(), size());
 }
 
 }  // namespace Utils

@@ -54,7 +54,7 @@ unsigned held() { return Allocator::theAllocator()->allocatedMemory(); }
 
 template <class K, class V>
 void check(const AVLTree<K, V>& tree) {
-  EXPECT_STREQ(Utils::Testing::brokenInvariant(tree), nullptr);
+  EXPECT_EQ(Utils::Testing::brokenInvariant(tree), "");
 }
 
 // (left key right)

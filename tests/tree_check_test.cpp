@@ -2,6 +2,7 @@
 // The checks of the trees: each invariant is broken in a tree of a few nodes.
 #include "utils/testing/tree_check.h"
 
+#include <string>
 #include <utility>
 
 #include "gtest/gtest.h"
@@ -10,14 +11,14 @@ namespace {
 
 using Utils::Testing::brokenInvariant;
 
-char first(const char* invariant) { return invariant ? *invariant : '0'; }
+char first(const std::string& invariant) { return invariant.empty() ? '0' : invariant[0]; }
 
 TEST(TreeCheck, NamesTheBrokenInvariantOfAnAVLTree) {
   Utils::AVLTree<int, int> tree;
   for (const int key : {2, 1, 3, 4}) tree.insert(key, key);
   auto& two = *tree.find(2).pos();
   auto& three = *tree.find(3).pos();
-  EXPECT_EQ(brokenInvariant(tree), nullptr);
+  EXPECT_EQ(brokenInvariant(tree), "");
   EXPECT_EQ(Utils::Testing::heightOf(tree), 3u);
   three.parent_ = nullptr;
   EXPECT_EQ(first(brokenInvariant(tree)), '2');

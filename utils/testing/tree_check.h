@@ -1,16 +1,18 @@
 // SPDX-License-Identifier: MIT
 // Checks whether a tree is whole, for the tests of programs that use or extend the trees.
 //
-// Each check visits every node and reads it only. It allocates nothing and returns a static text:
-// null if all invariants hold, else the first one that the visit found broken. With GoogleTest:
+// Each check visits every node and only reads it. It returns an empty text if all invariants hold,
+// else the first one that the visit found broken, such as "3. keys ascend". With GoogleTest:
 //
-//   EXPECT_STREQ(Utils::Testing::brokenInvariant(tree), nullptr);
+//   EXPECT_EQ(Utils::Testing::brokenInvariant(tree), "");
 //
 // Damaged links may lead anywhere, so a check finds wrong links, not dangling ones: every link must
 // be null or lead to a node. A cycle ends the visit at the bound on the depth.
 //
 // Thread safety: the caller serialises, as for every operation on the tree.
 #pragma once
+
+#include <string>
 
 #include "utils/sdk/atree.h"
 #include "utils/sdk/wtree.h"
@@ -25,6 +27,7 @@ struct TreeVisit {
   void expect(bool holds, const char* invariant) {
     if (!holds && !broken_) broken_ = invariant;
   }
+  std::string text() const { return broken_ ? broken_ : ""; }
   bool enter() {
     expect(depth_ < MAX_DEPTH, "1. no path has more than 96 nodes");
     if (broken_) return false;
@@ -63,10 +66,10 @@ struct AVLTreeVisit : TreeVisit {
 };
 
 template <class K, class V>
-const char* brokenInvariant(const AVLTree<K, V>& tree) {
+std::string brokenInvariant(const AVLTree<K, V>& tree) {
   AVLTreeVisit<K, V> check;
   check.visit(tree.root_, nullptr);
-  return check.broken_;
+  return check.text();
 }
 
 // Returns the number of nodes on the longest path, 0 for an empty tree. Requires: the tree is
@@ -117,10 +120,10 @@ struct WTreeVisit : TreeVisit {
 };
 
 // `before` is the comparison that the tree was built with.
-inline const char* brokenInvariant(const WTreeBase& tree, WTreeCompare before) {
+inline std::string brokenInvariant(const WTreeBase& tree, WTreeCompare before) {
   WTreeVisit check(before);
   check.visit(tree.top());
-  return check.broken_;
+  return check.text();
 }
 
 }  // namespace Testing

@@ -1,0 +1,130 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
+"""Holds the includes of the library to the two tables of ARCHITECTURE.md.
+
+The table of floors names every source and header once. An include leads to a lower floor or stays in
+its room, the library includes nothing of the system layer's folder, and headers of the system are
+included in ysys/linux alone. The private parts that public headers include are the ones that
+CMakeLists.txt installs. Each public header compiles alone as C++17 with every compiler named, for each
+pointer size that it can compile for. With the first one and 64 bits its weight, in lines after the
+preprocessor, is the one that the table of weights has, or up to a tenth more or a fifth less.
+
+Usage: tests/layers.py COMPILER...
+"""
+import fnmatch, itertools, pathlib, re, subprocess, sys
+from concurrent.futures import ThreadPoolExecutor
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+PAGE = (ROOT / "ARCHITECTURE.md").read_text()
+STANDARD = set("""algorithm atomic bit cctype cerrno cfloat climits clocale cmath compare cstdarg cstddef
+    cstdint cstdio cstdlib cstring ctime functional initializer_list iterator limits map memory mutex
+    new set string string_view tuple type_traits utility vector errno.h limits.h math.h stddef.h
+    stdint.h stdio.h stdlib.h string.h""".split())
+wrong = []
+
+
+def rows(first_heading):
+    """The cells of the table under a row that begins with the heading."""
+    table = PAGE[PAGE.index(f"| {first_heading} |"):].split("\n\n")[0].split("\n")[2:]
+    return [[cell.strip() for cell in line.strip("| ").split(" | ")] for line in table]
+
+
+def rooms():
+    """The room of each file: (floor, number of the row)."""
+    files = [str(path.relative_to(ROOT)) for folder in ("utils", "ysys")
+             for path in (ROOT / folder).rglob("*") if path.suffix in (".h", ".cpp")]
+    room = {}
+    for number, (floor, patterns, *_) in enumerate(rows("Floor")):
+        for pattern in re.findall(r"`([^`]+)`", patterns):
+            found = [file for file in files if fnmatch.fnmatch(file, pattern)]
+            if not found:
+                wrong.append(f"the table of floors names {pattern}, which no file is")
+            for file in found:
+                if file in room:
+                    wrong.append(f"the table of floors names {file} twice")
+                room[file] = int(floor), number
+    wrong.extend(f"the table of floors does not name {file}" for file in files if file not in room)
+    return room
+
+
+def includes(file):
+    return re.findall(r'^ *#include (["<])([^">]+)', (ROOT / file).read_text(), re.MULTILINE)
+
+
+def check_includes(room):
+    for file, (floor, row) in sorted(room.items()):
+        for kind, target in includes(file):
+            if kind == "<":
+                if target not in STANDARD and not file.startswith("ysys/linux/"):
+                    wrong.append(f"{file} includes the system's header {target}")
+            elif target not in room:
+                wrong.append(f"{file} includes {target}, which is not there")
+            elif room[target][0] >= floor and room[target][1] != row:
+                wrong.append(f"{file}, on floor {floor}, includes {target}, on {room[target][0]}")
+            elif file.startswith("utils/") and target.startswith("ysys/"):
+                wrong.append(f"{file} includes {target} of the system layer")
+
+
+def public_headers():
+    return sorted(str(path.relative_to(ROOT)) for folder in ("utils/sdk", "utils/testing")
+                  for path in (ROOT / folder).glob("*.h"))
+
+
+def check_installed(room):
+    """Everything that a public header reaches is public or installed by name."""
+    reached, todo = set(), public_headers()
+    while todo:
+        header = todo.pop()
+        if header not in reached and header in room:
+            reached.add(header)
+            todo += [target for kind, target in includes(header) if kind == '"']
+    parts = sorted(reached - set(public_headers()))
+    listed = re.search(r"set\(included_parts([^)]*)\)", (ROOT / "CMakeLists.txt").read_text())
+    if parts != sorted(listed.group(1).split()):
+        wrong.append(f"CMakeLists.txt: included_parts should be {' '.join(parts) or 'empty'}")
+
+
+def compiles(job, source, *options):
+    compiler, size = job
+    command = [compiler, f"-m{size}", "-std=c++17", "-I", str(ROOT), "-x", "c++", "-", *options]
+    return subprocess.run(command, input=source, text=True, capture_output=True)
+
+
+def lines_alone(job):
+    """The header's weight; None, and the reason among what is wrong, if it does not compile alone."""
+    header, target = job
+    source = f'#include "{header}"\n'
+    checked = compiles(target, source, "-fsyntax-only", "-Wall", "-Wextra", "-Wpedantic",
+                       "-Wconversion", "-Wshadow", "-Wundef", "-Werror")
+    if checked.returncode == 0:
+        return compiles(target, source, "-E").stdout.count("\n")
+    wrong.append(f"{header} alone, {target[0]} -m{target[1]}:\n{checked.stderr[:2000]}")
+    return None
+
+
+def check_headers(targets):
+    headers = public_headers()
+    with ThreadPoolExecutor() as pool:
+        jobs = itertools.product(headers, targets[1:])
+        list(pool.map(lines_alone, jobs))
+        weights = dict(zip(headers, pool.map(lines_alone, zip(headers, itertools.repeat(targets[0])))))
+    bounds = {name.strip("`"): int(lines) for name, lines in rows("Header")}
+    for header, lines in weights.items():
+        name = header.removeprefix("utils/sdk/")
+        bound = bounds.pop(name, 0)
+        if lines is not None and not bound * 0.8 <= lines <= bound * 1.1:
+            wrong.append(f"{name} has {lines} lines after the preprocessor, and {bound} in the table")
+    wrong.extend(f"the table of weights names {name}, which is not there" for name in bounds)
+
+
+room = rooms()
+check_includes(room)
+check_installed(room)
+targets = [target for target in itertools.product(sys.argv[1:], (64, 32))
+           if compiles(target, "#include <cstddef>\n", "-fsyntax-only").returncode == 0]
+check_headers(targets)
+print(*wrong, sep="\n")
+if wrong:
+    sys.exit(1)
+print(f"{len(room)} files keep to their floors; the public headers stand alone with",
+      ", ".join(f"{pathlib.Path(compiler).name} -m{size}" for compiler, size in targets))

@@ -1,8 +1,8 @@
+# shellcheck shell=bash
 # SPDX-License-Identifier: MIT
-# setup.sh: what the commands at the root share; to be sourced. Needs `root`, the project's folder.
+# Steps that the commands at the root share; to be sourced. Requires: `root` is the project's folder.
 
-# Installs the Debian packages that are missing, and says so. Elsewhere than on Debian it leaves that to
-# the user.
+# Installs the Debian packages that are missing, and reports it. Does nothing on other systems.
 need() {
   local missing=() package sudo=()
   command -v dpkg-query >/dev/null || return 0
@@ -20,6 +20,7 @@ need() {
 
 # quietly LOG COMMAND...: keeps the output in build/LOG.log and shows it when the command fails.
 quietly() {
+  # shellcheck disable=SC2154  # the sourcing command sets it
   local log=$root/build/$1.log
   shift
   mkdir -p "$root/build"
@@ -29,13 +30,12 @@ quietly() {
   exit 1
 }
 
-# build PRESET: configures where that was not done yet, and builds.
-build() {
-  cd "$root"
+# build PRESET: configures unless that was done before, and builds.
+build() (
+  cd "$root" || exit
   if [ ! -f "build/$1/build.ninja" ]; then
     echo "Configuring and building $1 ..." >&2
     quietly "configure-$1" cmake --preset "$1"
   fi
   quietly "build-$1" cmake --build --preset "$1"
-  cd - >/dev/null
-}
+)

@@ -123,8 +123,7 @@ check_installed(room)
 targets = [target for target in itertools.product(sys.argv[1:], (64, 32))
            if compiles(target, "#include <cstddef>\n", "-fsyntax-only").returncode == 0]
 check_headers(targets)
-print(*wrong, sep="\n")
 if wrong:
-    sys.exit(1)
+    sys.exit("\n".join(wrong))
 print(f"{len(room)} files keep to their floors; the public headers stand alone with",
       ", ".join(f"{pathlib.Path(compiler).name} -m{size}" for compiler, size in targets))

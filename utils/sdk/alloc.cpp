@@ -684,7 +684,7 @@ bool AllocSteps::checkTree(const MemoryAllocator& a, FreeSums& sums) {
       walk.isSound() ? nullptr : damagedOf(a, walk.refused_, walk.refusedBelow_);
   for (void* mem = a.firstBlock(); mem && !damaged; mem = a.nextBlock(mem)) {
     const MemHead* h = headAt(headOfMemory(mem));
-    if (!isBusy(h->sizeandcolor_) && !walk.holds(a.tree_.top(), h)) damaged = h;
+    if (!isBusy(h->sizeandcolor_) && !FreeWalk::holds(a.tree_.top(), h)) damaged = h;
   }
   if (damaged) reportDamaged(a, damaged);
   return !damaged;

@@ -4,7 +4,8 @@
 //   const Utils::Ref<Utils::Testing::RecordingSink> sink(new Utils::Testing::RecordingSink);
 //   Utils::Log::theLog()->setLogger(sink.operator->());
 //   Utils::raiseError(0x80040001);
-//   const auto lines = sink->take();  // {{Utils::Error, "error|utils|Raising error: File not found"}}
+//   const auto lines = sink->take();  // {{Utils::Error, "error|utils|Raising error: File not
+//   found"}}
 //
 // The lines lie in memory of the program's own operator new, not of the process allocator, so they
 // are kept while a FailingAllocator (failing_allocator.h) lives.

@@ -46,8 +46,8 @@ unsigned Chain::setColor(void* mem, unsigned color, unsigned* totals) const {
   return 0;
 }
 
-// For a block of any kind: the block of a gap has as few as 8 bytes, and in a chain that was cut the
-// end may lie within it.
+// For a block of any kind: the block of a gap has as few as 8 bytes, and in a chain that was cut
+// the end may lie within it.
 bool Chain::canBeHead(const void* head) const {
   const unsigned word = wordAt(head);
   const unsigned size = sizeOf(word);

@@ -264,6 +264,13 @@ TEST(Hub, UsesTheSinkThatWasSetLast) {
   EXPECT_EQ(successor->take().size(), std::size(CLASSES));
 }
 
+TEST(Records, BeginEmptyAndCompareByName) {
+  const LogCat a("a"), same("a"), other("b");
+  EXPECT_TRUE(a == same && !(a == other));
+  EXPECT_TRUE(!a.enabled_ && a.level_ == 0 && a.verbosity_ == 0);
+  EXPECT_TRUE(!LogClass().name_ && LogClass().count_ == 0 && LogClass("c").count_ == 0);
+}
+
 // --- What a line tells ---
 
 struct OneSinkHub {

@@ -114,7 +114,7 @@ TEST(AllocationLimiter, AsksForItsPoolAgain) {
   EXPECT_THAT(recorder.take(), IsEmpty());
 }
 
-// What the library has asked for before this program's own objects came.
+// The requests of the library before this program's own objects were created.
 const unsigned _initsAtLoad = SystemMemory::inits_;
 const std::vector<unsigned> _sizesAtLoad = SystemMemory::sizes_;
 

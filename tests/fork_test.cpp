@@ -238,7 +238,8 @@ int forkWhereNumbersBeginAgain(const std::function<int()>& body) {
   }));
 }
 
-// The new tasks of the child have the numbers of the forking task and of those that stayed behind.
+// The new tasks of the child have the numbers of the forking task and of those that stayed in the
+// parent.
 int useNumbersAgain() {
   std::multiset<unsigned long> ids = {YIF_CurrentTaskIdCoop()};
   int result = -1;
@@ -257,7 +258,7 @@ TEST(Fork, NewTasksHaveIdsOfTheirOwnThoughTheirNumbersComeBack) {
   const auto child = runInChild([] {
     return unshare(CLONE_NEWUSER) != 0 ? REFUSED : forkWhereNumbersBeginAgain(useNumbersAgain);
   });
-  if (child.status == REFUSED) GTEST_SKIP() << "this system gives no numbers of one's own";
+  if (child.status == REFUSED) GTEST_SKIP() << "this system has no pid namespaces";
   EXPECT_EQ(child.status, 0) << child.errorOutput;
 }
 

@@ -6,7 +6,7 @@ page=$1 programs=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# PROGRAM NAME, a line each: a program goes for the names behind it.
+# PROGRAM NAME, a line each: a program goes with the names after it.
 # shellcheck disable=SC2016  # backquotes of the page
 grep -o '`[A-Za-z0-9_/]*_test`\|`[A-Za-z0-9_/]*\.[A-Za-z0-9_/]*`' "$page" | tr -d '`' |
   awk '/_test$/ { program = $0; next } /\.(cpp|h|sh|md)$/ { next } program { print program, $0 }' >"$work/named"

@@ -14,7 +14,7 @@
 
 namespace {
 
-// What one use leaves on standard error.
+// The lines of one use on standard error.
 std::string linesOf(const std::string& moment) {
   return "info|life|" + moment + "\nerror|utils|Raising error: File not found\nall well\n";
 }
@@ -112,7 +112,7 @@ TEST(Life, KeepsTheAllocatorAndItsMemoryWhenItIsClosed) {
 Library* _library = nullptr;
 unsigned _heldBefore = 0, _entrySize = 0;
 
-// Runs behind the library's own destructors, since it was asked for before the library was loaded.
+// Runs after the library's own destructors, since it was registered before the library was loaded.
 void lookBack() {
   const unsigned given = _heldBefore - _library->find<unsigned()>("lifeHeld")();
   std::fprintf(stderr, "%u entries given back\n", given / _entrySize);

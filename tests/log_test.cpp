@@ -30,7 +30,7 @@ using Utils::Testing::FailingAllocator;
 
 constexpr MessageClass CLASSES[] = {Error, Warning, Info, Debug};
 
-double _now = 0;  // what the clock tells
+double _now = 0;  // the time of the clock
 const std::string _task = std::to_string(YIF_CurrentTaskId());
 
 std::string randomText(Random& random, std::size_t size) {
@@ -271,7 +271,7 @@ TEST(Records, BeginEmptyAndCompareByName) {
   EXPECT_TRUE(!LogClass().name_ && LogClass().count_ == 0 && LogClass("c").count_ == 0);
 }
 
-// --- What a line tells ---
+// --- The content of a line ---
 
 struct OneSinkHub {
   explicit OneSinkHub(unsigned verbosity) {
@@ -287,7 +287,7 @@ struct OneSinkHub {
   Log hub_;
 };
 
-// The clock changes errno, which the format tells.
+// The clock changes errno, which the format prints.
 void expectTime(OneSinkHub& log, double time) {
   _now = time;
   errno = ENOENT;

@@ -60,15 +60,15 @@ TEST(ResultTexts, LastAsLongAsTheFirstObjectThatEnds) {
 
 // --- Raising ---
 
-// A listener that does what it is told to.
-struct Told : ResultListener {
-  explicit Told(std::function<void(unsigned)> step) : step_(std::move(step)) {}
+// A listener that runs a step of the test.
+struct Called : ResultListener {
+  explicit Called(std::function<void(unsigned)> step) : step_(std::move(step)) {}
   void errorRaised(unsigned code) const override { step_(code); }
 
   std::function<void(unsigned)> step_;
 };
 
-// A sink that notes what lastError() gives at the time of each line.
+// A sink that notes the value of lastError() at the time of each line.
 struct LastErrorSink : RecordingSink {
   void print(MessageClass cls, const char* format, std::va_list args) override {
     errors_.push_back(lastError());
@@ -92,7 +92,7 @@ struct Raising : testing::Test {
 
 TEST_F(Raising, LogsThenStoresThenTells) {
   unsigned seen = 0;
-  const Told listener([&](unsigned code) { seen = code == lastError() ? code : 1; });
+  const Called listener([&](unsigned code) { seen = code == lastError() ? code : 1; });
   removeResultListener(&listener);
   addResultListener(&listener);
   EXPECT_EQ(raiseError(CODE), CODE);
@@ -126,38 +126,38 @@ TEST_F(Raising, LeavesTheErrorsOfOtherTasksAlone) {
 }
 
 TEST_F(Raising, GoesThroughAListThatItsListenersChange) {
-  std::string told;
-  const Told a([&](unsigned) { told += 'a'; }), late([&](unsigned) { told += 'l'; });
-  Told removesItself([&](unsigned) {});
+  std::string called;
+  const Called a([&](unsigned) { called += 'a'; }), late([&](unsigned) { called += 'l'; });
+  Called removesItself([&](unsigned) {});
   removesItself.step_ = [&](unsigned) {
-    told += 'r';
+    called += 'r';
     removeResultListener(&removesItself);
   };
-  const Told adds([&](unsigned) {
-    told += '+';
+  const Called adds([&](unsigned) {
+    called += '+';
     addResultListener(&late);
   });
-  const Told* const listeners[] = {&a, &removesItself, &a, &adds};
-  for (const Told* each : listeners) addResultListener(each);
+  const Called* const listeners[] = {&a, &removesItself, &a, &adds};
+  for (const Called* each : listeners) addResultListener(each);
   raiseError(1);
-  EXPECT_EQ(told, "ar+l") << "the one behind the removed is passed over, the added is told";
-  told.clear();
+  EXPECT_EQ(called, "ar+l") << "the one after the removed is passed over, the added is called";
+  called.clear();
   raiseError(1);
-  EXPECT_EQ(told, "aa+ll");
+  EXPECT_EQ(called, "aa+ll");
   removeResultListener(&a);
-  told.clear();
+  called.clear();
   raiseError(1);
-  EXPECT_EQ(told, "a+lll") << "the first entry alone goes";
+  EXPECT_EQ(called, "a+lll") << "the first entry alone goes";
   for (const ResultListener* each : {&a, &adds, &late, &late, &late}) removeResultListener(each);
   removeResultListener(&a);
-  told.clear();
+  called.clear();
   raiseError(1);
-  EXPECT_THAT(told, IsEmpty());
+  EXPECT_THAT(called, IsEmpty());
 }
 
 TEST_F(Raising, GoesOnWithoutMemory) {
   unsigned count = 0;
-  const Told listener([&](unsigned) { count++; });
+  const Called listener([&](unsigned) { count++; });
   addResultListener(&listener);
   raiseError(1);
   FailingAllocator allocator;

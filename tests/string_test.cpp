@@ -39,7 +39,7 @@ unsigned positionOf(std::size_t i) {
 }
 int signOf(int value) { return (value > 0) - (value < 0); }
 
-// What the operations do to a text, a capacity and its holders.
+// The effect of the operations on a text, a capacity and its holders.
 struct Model {
   struct Rep {
     std::string text_;

@@ -61,7 +61,7 @@ template <class T>
 struct VectorRun {
   explicit VectorRun(unsigned seed) : random_(seed) {}
 
-  // A step that finds no memory changes nothing; one that gives all storage back needs none.
+  // A step that finds no memory changes nothing; one that frees all storage needs none.
   void run(unsigned steps) {
     for (unsigned i = 0; i < steps && !testing::Test::HasFailure(); i++) {
       SCOPED_TRACE("step " + std::to_string(i));
@@ -191,7 +191,7 @@ struct VectorRun {
     if constexpr (std::is_same_v<T, Counted>) {
       EXPECT_EQ(Counted::live_, static_cast<int>(capacity_));
       EXPECT_EQ(Counted::holding_, size() - std::count(model_.begin(), model_.end(), 0u))
-          << "all slots behind the last element are blank";
+          << "all slots after the last element are blank";
     }
     auto items = make<T>(model_);
     EXPECT_TRUE(std::equal(vector_.begin(), vector_.end(), items.begin(), items.end()));

@@ -95,7 +95,8 @@ struct Reference {
     }
   }
 
-  // Removes `key`; with `fit` set, else the next key behind it. Gives whether a node went.
+  // Removes `key`, or with `fit` the next key if there is no such. Returns true if a node was
+  // removed.
   bool remove(int key, bool fit, Link link) {
     if (!link) return false;
     bool done;

@@ -850,7 +850,7 @@ TEST(Message, AsksOnTheTerminalUnlessFromItsBackground) {
     };
     int terminal = -1;
     const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
-    if (child == -1) GTEST_SKIP() << "this system gives no terminals";
+    if (child == -1) GTEST_SKIP() << "this system has no terminals";
     if (child == 0) _exit(isInFront ? show() : waitForChild(startChild(show)));
     const std::string expected = isInFront ? "Caption\r\n\r\nText\r\n\r\nPress Enter" : ": \r\n";
     std::string shown;

@@ -113,9 +113,9 @@ class Workshop:
         return self.run([str(program), "--gtest_brief=1", "--gtest_fail_fast"], seconds) == 0
 
     def run(self, command, seconds):
-        """Returns the exit code; 124 after seconds of the processor's time, or five times those of the clock."""
+        """Returns the exit code; 124 after that long on the processor, or five times that on the clock."""
         limited = ["sh", "-c", f'ulimit -t {seconds} && exec "$@"', "sh", *command]
-        child = subprocess.Popen(limited, cwd=self.build, start_new_session=True,
+        child = subprocess.Popen(limited, cwd=self.build, process_group=0,
                                  stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                  stderr=subprocess.DEVNULL)
         try:

@@ -48,7 +48,7 @@ inline void say(const char* text) {
   if (write(STDERR_FILENO, text, std::strlen(text)) < 0) std::abort();
 }
 
-// Logs a line, raises an error, and tells on standard error how all went.
+// Logs a line, raises an error, and reports the result on standard error.
 inline void use(const char* moment) {
   Utils::Log::theLog()->print(Utils::Info, "life", -1, __FILE__, __LINE__, "%s", moment);
   const char* wrong = nullptr;
@@ -59,7 +59,7 @@ inline void use(const char* moment) {
   say(wrong ? " failed\n" : "\n");
 }
 
-// Whether that is the moment at which the process was told to use the library.
+// Returns true at the moment at which the process shall use the library.
 inline bool isNow(const char* moment) {
   const char* chosen = std::getenv("LIFE");
   return chosen && std::strcmp(chosen, moment) == 0;

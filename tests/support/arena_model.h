@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The arenas told again with maps and sets, to predict every address and total.
+// Models of the arenas, made of maps and sets, to predict every address and total.
 //
 // Knows addresses only: it never touches the memory. Blocks are named by the address of their head
 // word. Asks `chunk_` for what the real allocator got from its parent. ChainModel has what all

@@ -44,7 +44,7 @@ extern "C" {
   if (!std::getenv("SYSTEM_MEMORY_FAILS_AT_LOAD")) std::abort();
 }
 
-// What the library says of a broken block is wanted only where it stops the process.
+// Reports of broken blocks are printed only if the process stops.
 [[gnu::visibility("default")]] void OutputDebugStringA(const char* text) noexcept {
   if (!_recorder) std::fputs(text, stderr);
   if (_recorder) _recorder->reports_ += text;

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// Runs a piece of a test in a forked child and tells how it ended and what it
+// Runs a piece of a test in a forked child and reports how it ended and what it
 // said.
 //
 // The child has 20 seconds, and leaves by the end of `body`, whose result is its exit status. A
-// body that crashes, hangs or is killed gives a negative status, that of the signal.
+// body that crashes, hangs or is killed has a negative status, that of the signal.
 #pragma once
 
 #include <errno.h>

@@ -29,7 +29,7 @@ struct ScriptedParent : Utils::Allocator {
 
   void skip(std::size_t bytes) { next_ += bytes; }
   void placeAt(std::size_t offset) { next_ = base_ + offset; }
-  // Requests from the nth on, counted from 1 and from now, give null; 0 for none.
+  // Requests from the nth on, counted from 1 and from now, return null; 0 for none.
   void failFrom(unsigned nth) {
     failFrom_ = nth;
     asked_ = 0;

@@ -21,7 +21,7 @@ class TemporaryDirectory {
 
   std::string pathOf(const std::string& name) const { return (path_ / name).string(); }
 
-  // Writes a file and gives its path.
+  // Writes a file and returns its path.
   std::string write(const std::string& name, const std::string& text) const {
     std::ofstream(path_ / name, std::ios::binary) << text;
     return pathOf(name);

@@ -64,7 +64,7 @@ namespace {
 
 constexpr unsigned CLASSES = Debug + 1;
 
-// What theLog() gives as long as there is no memory for the hub.
+// The hub that theLog() returns while there is no memory for the real one.
 constinit LateImmortal<Log> _mute;
 
 }  // namespace

@@ -4,8 +4,8 @@
 //
 // An ordinary static object does not exist before its constructor runs and after its destructor.
 // The library is used before and after that, by static objects of programs and of other libraries.
-// What an Immortal owns at the end is released by an object whose destructor runs at unload
-// (load_order.h).
+// An object whose destructor runs at unload (load_order.h) releases the memory that an Immortal
+// owns.
 //
 // Requires: T has a constexpr default constructor. Define the object as constinit. It has the size,
 // the alignment and, as a static member, the symbol of a T.

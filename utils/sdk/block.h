@@ -74,9 +74,9 @@ struct YUTILS_EXPORT YtLightBLock {
     __atomic_store_n(&owner_, id, __ATOMIC_RELAXED);
   }
 
-  // Requires: once for each lock(), by the task that holds the lock. Any other call is a violation:
-  // it is reported to the log, category "utils", level 0, and then counts like one of the owner, so
-  // it frees a lock that is held once. Only that report needs the log.
+  // Requires: called once for each lock(), by the task that holds the lock. Any other call is a
+  // violation: it is reported to the log, category "utils", level 0, and then counts like one of
+  // the owner, so it frees a lock that is held once. Only that report needs the log.
   void unlock() {
     if (!ownerIs(YIF_CurrentTaskIdCoop())) tellViolation();
     if (count(-1) != 0) return;

@@ -116,12 +116,11 @@ struct HasEquality : std::false_type {};
 template <class T>
 struct HasEquality<T, std::void_t<decltype(anElement<T>() == anElement<T>())>> : std::true_type {};
 
-// A vector of T. Requires: T has a default constructor, assignment and an alignment of at most 8,
-// and
-// == if elements are searched or compared. Class elements are constructed with the storage and
-// destroyed with it. Elements that need no construction, such as numbers and pointers, have
-// unspecified values if sizeTo or sizeToExact adds them. References and pointers to elements are
-// valid until the next operation that adds or removes elements.
+// A vector of T. Requires: T has an alignment of at most 8, a default constructor and assignment,
+// and operator== if elements are searched or compared. Class elements are constructed with the
+// storage and destroyed with it. Elements that need no construction, such as numbers and pointers,
+// have unspecified values if sizeTo or sizeToExact adds them. References and pointers to elements
+// are valid until the next operation that adds or removes elements.
 template <class T>
 struct YUTILS_EXPORT Vector : VectorBase {
   Vector() { init(); }

@@ -42,7 +42,7 @@ def rooms():
             for file in found:
                 if file in room:
                     wrong.append(f"the table of floors names {file} twice")
-                room[file] = int(floor), number
+                room[file] = int(floor.lstrip("S")), number
     wrong.extend(f"the table of floors does not name {file}" for file in files if file not in room)
     return room
 
@@ -63,6 +63,8 @@ def check_includes(room):
                 wrong.append(f"{file}, on floor {floor}, includes {target}, on {room[target][0]}")
             elif file.startswith("utils/") and target.startswith("ysys/"):
                 wrong.append(f"{file} includes {target} of the system layer")
+            elif file.startswith("ysys/") and target.startswith("utils/") and room[target][0] > 0:
+                wrong.append(f"{file} includes {target}, above the ground floor")
 
 
 def public_headers():

@@ -80,7 +80,7 @@ class Event {
     return reinterpret_cast<const char*>(&state_) + offset;
   }
 
-  static_assert(std::atomic<uint64_t>::is_always_lock_free);
+  static_assert(__atomic_always_lock_free(sizeof(uint64_t), nullptr));
   std::atomic<uint64_t> state_{0};
   bool manualReset_ = false;
   bool newcomersPass_ = false;

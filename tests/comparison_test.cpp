@@ -94,6 +94,8 @@ TEST(Comparison, OfTexts) {
     const SubString range(t);
     EXPECT_EQ(range == s, sign == 0 && a.size() == b.size());
     EXPECT_EQ(s != range, !(range == s));
+    EXPECT_EQ(s.begin() == range, range == s.begin());
+    EXPECT_EQ(s.begin() != range, !(range == s.begin()));
   });
   expectOrder(String(), String(""), 0);
   expectOrder(String(), String("a"), -1);

@@ -11,13 +11,10 @@
 #include "gtest/gtest.h"
 #include "support/counted.h"
 #include "support/seed.h"
-#include "utils/sdk/time.h"
 #include "utils/testing/failing_allocator.h"
 
-template struct Utils::Vector<int>;
 template struct Utils::Vector<const char*>;
 template struct Utils::Vector<Counted>;
-template struct Utils::Vector<Utils::Time>;
 
 namespace {
 
@@ -136,9 +133,9 @@ struct VectorRun {
                 index < size());
       if (index < size()) model_.erase(at(index));
     } else if (kind == 8) {
-      const unsigned to = random_.below(size() + 1);
+      const unsigned to = random_.below(size() + 3), end = std::min(to, size());
       EXPECT_TRUE(vector_.removeAt(index, to));
-      if (index < to) model_.erase(at(index), at(to));
+      if (index < end) model_.erase(at(index), at(end));
     } else if (value == 0 && index == 0) {
       EXPECT_TRUE(vector_.remove(vector_.begin(), 1)) << "its own storage stands for all";
       model_.clear();
@@ -226,13 +223,10 @@ TEST(Vector, RandomRunFollowsTheModel) {
 // --- Single cases ---
 
 TEST(Vector, NoCountWraps) {
-  struct Eight {
-    char bytes_[8];
-  };
-  Vector<Eight> plain;
+  Vector<double> plain;
   Vector<Counted> counted;
   Counted::reset();
-  plain.add(Eight());
+  plain.add(1);
   counted.add(1);
   for (const unsigned n : {0x10000001u, 0x20000000u, 0x20000001u, 0x80000001u, NONE}) {
     plain.sizeTo(n);
@@ -255,9 +249,6 @@ TEST(Vector, BlanksWhatNumbersAndPointersLeave) {
   vector.add(items.data(), 5);
   vector.removeAt(0);
   EXPECT_EQ(vector.data_[4], nullptr);
-  vector.removeAt(1, 9);
-  EXPECT_EQ(vector.compare(&items[1], 1), 0);
-  EXPECT_EQ(vector.data_[1], nullptr);
   std::fill(vector.data_, vector.data_ + 8, items[0]);
   vector.sizeTo(0);
   EXPECT_EQ(std::count(vector.data_, vector.data_ + 8, nullptr), 8) << "up to the capacity";

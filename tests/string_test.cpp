@@ -35,9 +35,7 @@ constexpr unsigned REP = sizeof(StringRep);
 
 std::string textOf(const String& s) { return std::string(s.begin(), s.end()); }
 unsigned sizeOf(const std::string& s) { return static_cast<unsigned>(s.size()); }
-unsigned positionOf(std::size_t i) {
-  return i == std::string::npos ? NOT_FOUND : static_cast<unsigned>(i);
-}
+unsigned positionOf(std::size_t i) { return static_cast<unsigned>(i); }  // npos is NOT_FOUND
 int signOf(int value) { return (value > 0) - (value < 0); }
 
 // The effect of the operations on a text, a capacity and its holders.

@@ -24,9 +24,10 @@ SWAPS = [(" == ", " != "), (" < ", " <= "), (" <= ", " < "), (" > ", " >= "), ("
 SKIPPED = ("#", "static_assert", "template", "using", "namespace", "typedef", "friend")
 STATEMENT = re.compile(r"\s+(\*?[\w.\->\[\]:()]+ (=|\+=|-=|\|=|&=) .*|[\w.\->:]+\(.*\));$")
 
-# The test programs of a folder's or a source's own module; all the others run after them.
-FIRST = {"memory": "alloc membank", "text": "string", "logging": "log log_config", "sync": "locker",
-         "trees": "wtree atree", "base": "life", "ysys": "ysys fork", "linux": "ysys fork"}
+# The test programs of a source or folder that are not named as it is; all the others run after them.
+FIRST = {"alloc": "arena damage", "membank": "arena damage", "memory": "arena damage",
+         "text": "string", "logging": "log log_config", "sync": "locker", "trees": "wtree atree",
+         "base": "life", "process_allocator": "allocator", "ysys": "ysys fork", "linux": "ysys fork"}
 
 Mutant = collections.namedtuple("Mutant", "path line old new kind")
 
@@ -131,7 +132,7 @@ class Workshop:
 
     def own_tests(self, path):
         stem, folder = pathlib.Path(path).stem, pathlib.Path(path).parent.name
-        words = f"{stem} {FIRST.get(folder, '')}".split()
+        words = f"{FIRST.get(stem, stem)} {FIRST.get(folder, '')}".split()
         return [name for name in (f"{word}_test" for word in words) if name in self.tests]
 
     def verdict(self, path):

@@ -8,7 +8,6 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <thread>
@@ -211,16 +210,13 @@ TEST(Fork, HandlersMayUseTheLocksAndMakeObjects) {
 
 // --- Task ids ---
 
-// Runs three tasks at once. When all have put their ids to the set, the first one calls `step`.
-void inThreeTasks(std::multiset<unsigned long>& ids, const std::function<void()>& step) {
-  std::mutex guard;
+// Runs three tasks at once. When all have stored their ids, the first one calls `step`.
+void inThreeTasks(unsigned long* ids, const std::function<void()>& step) {
   std::atomic<int> arrived{0};
   std::vector<std::jthread> tasks;
   for (int i = 0; i < 3; ++i) {
     tasks.emplace_back([&, i] {
-      std::unique_lock<std::mutex> guarded(guard);
-      ids.insert(YIF_CurrentTaskIdCoop());
-      guarded.unlock();
+      ids[i] = YIF_CurrentTaskIdCoop();
       for (++arrived; arrived < 3;) std::this_thread::yield();
       if (i == 0) step();
       for (++arrived; arrived < 6;) std::this_thread::yield();
@@ -241,14 +237,14 @@ int forkWhereNumbersBeginAgain(const std::function<int()>& body) {
 // The new tasks of the child have the numbers of the forking task and of those that stayed in the
 // parent.
 int useNumbersAgain() {
-  std::multiset<unsigned long> ids = {YIF_CurrentTaskIdCoop()};
+  unsigned long ids[7] = {YIF_CurrentTaskIdCoop()};
   int result = -1;
-  inThreeTasks(ids, [&] {
+  inThreeTasks(ids + 1, [&] {
     const unsigned long mine = YIF_CurrentTaskIdCoop();
     result = forkWhereNumbersBeginAgain([&] {
       if (YIF_CurrentTaskIdCoop() != mine || YIF_CurrentTaskId() != 1) return 1;
-      inThreeTasks(ids, [] {});
-      return std::set<unsigned long>(ids.begin(), ids.end()).size() == 7 ? 0 : 2;
+      inThreeTasks(ids + 4, [] {});
+      return std::set<unsigned long>(ids, ids + 7).size() == 7 ? 0 : 2;
     });
   });
   return result;
@@ -264,26 +260,23 @@ TEST(Fork, NewTasksHaveIdsOfTheirOwnThoughTheirNumbersComeBack) {
 
 // Each process forks the next one and ends; ids may come back after 511 of them.
 TEST(Fork, NestedOnesKeepTheIdAndGiveNewOnes) {
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
+  prctl(PR_SET_CHILD_SUBREAPER, 1);  // all of them become children of this process
   const unsigned long mine = YIF_CurrentTaskIdCoop();
-  EXPECT_EQ(waitForChild(startChild([&] {
-              std::set<unsigned long> given;
-              for (int depth = 0; depth < 540; ++depth) {
-                if (fork() != 0) _exit(0);
-                unsigned long id = 0;
-                std::thread([&] { id = YIF_CurrentTaskIdCoop(); }).join();
-                const bool isNew = given.insert(id).second || depth >= 511;
-                const bool isOther = id >> 22 != mine >> 22 && id < 0x80000000u;
-                if (!isNew || !isOther || YIF_CurrentTaskIdCoop() != mine) return 1;
-              }
-              return write(ends[1], "y", 1) == 1 ? 0 : 2;
-            })),
-            0);
-  close(ends[1]);
-  char answer;
-  EXPECT_EQ(read(ends[0], &answer, 1), 1);
-  close(ends[0]);
+  startChild([&] {
+    std::set<unsigned long> given;
+    for (int depth = 0; depth < 540; ++depth) {
+      if (fork() != 0) return 0;
+      unsigned long id = 0;
+      std::thread([&] { id = YIF_CurrentTaskIdCoop(); }).join();
+      const bool isNew = given.insert(id).second || depth >= 511;
+      const bool isOther = id >> 22 != mine >> 22 && id < 0x80000000u;
+      if (!isNew || !isOther || YIF_CurrentTaskIdCoop() != mine) return 1;
+    }
+    return 0;
+  });
+  int ended = 0;
+  for (int status = 0; wait(&status) != -1; ++ended) EXPECT_EQ(status, 0);
+  EXPECT_EQ(ended, 541);
 }
 
 }  // namespace

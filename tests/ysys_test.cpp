@@ -34,8 +34,6 @@
 
 namespace {
 
-using testing::HasSubstr;
-using testing::MatchesRegex;
 using namespace std::chrono_literals;
 
 [[maybe_unused]] const unsigned _watchdog = alarm(120);  // a test that hangs ends by a signal
@@ -169,8 +167,9 @@ TEST(Locks, AreLeftByTheirHolderOnly) {
     kind.enter(lock);
     Tasks(1, [&](unsigned) { kind.exit(lock); });
     kind.exit(lock);
-    EXPECT_THAT(testing::internal::GetCapturedStderr(),
-                MatchesRegex("assertion failed: held by the calling task, ysys/lock:[0-9]+\n"));
+    EXPECT_THAT(
+        testing::internal::GetCapturedStderr(),
+        testing::MatchesRegex("assertion failed: held by the calling task, ysys/lock:[0-9]+\n"));
     kind.destroy(lock);
   }
 }
@@ -804,7 +803,7 @@ TEST(Message, AsksOnTheTerminalUnlessFromItsBackground) {
     std::string shown;
     for (char byte; shown.find(expected) == std::string::npos && read(terminal, &byte, 1) == 1;)
       shown += byte;
-    EXPECT_THAT(shown, HasSubstr(expected));
+    EXPECT_THAT(shown, testing::HasSubstr(expected));
     std::this_thread::sleep_for(30ms);
     if (isInFront) {
       EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0);

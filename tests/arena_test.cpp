@@ -35,9 +35,15 @@ struct OnScriptedChunks : testing::Test {
     EXPECT_THAT(recorder_.take(), IsEmpty());
   }
 
+  void* filled() {
+    for (volatile char& each : room_) each = 'x';
+    return room_;
+  }
+
   AssertionRecorder recorder_;
   ScriptedParent parent_;
-  ArenaType arena_{&parent_};
+  alignas(ArenaType) char room_[sizeof(ArenaType)];
+  ArenaType& arena_ = *::new (filled()) ArenaType(&parent_);
 };
 
 // --- Both arenas ---

@@ -268,6 +268,7 @@ TEST(Hub, UsesTheSinkThatWasSetLast) {
 TEST(Categories, CompareByName) {
   const LogCat a("a"), same("a"), other("b");
   EXPECT_TRUE(a == same && !(a == other));
+  EXPECT_EQ(a.level_ + static_cast<int>(a.verbosity_) + a.enabled_, 0);
 }
 
 // --- The content of a line ---

@@ -2,11 +2,12 @@
 // The general-purpose arena allocator.
 //
 // Cuts blocks from chunks of a parent allocator and never frees a chunk. A request of up to 504
-// bytes gets a small block: a power of two from 32 to 512 bytes, cut from a page; free ones are in
-// one last-in, first-out list per size. Any larger request gets a large block of at least 1024
-// bytes: the best fit (the smallest, of several such the lowest) in a weight-balanced tree of the
-// free ones. It is split if at least 1024 bytes remain, and merged with its free neighbours when it
-// is freed. All bookkeeping lies in the blocks.
+// bytes gets a small block: its size is a power of two from 32 to 512 bytes, and it is cut from a
+// page, a busy block of at least 10240 bytes. The free small blocks of each size are in a last-in,
+// first-out list. Any larger request gets a large block of at least 1024 bytes: the best fit (the
+// smallest that is large enough, of several such the one at the lowest address) in a
+// weight-balanced tree of the free ones. It is split if at least 1024 bytes remain, and merged with
+// its free neighbours when it is freed. All bookkeeping lies in the blocks.
 //
 // A block of S bytes begins with its head word at an address h that is 4 more than a multiple of 8;
 // the caller's memory begins at h + 4. The bytes of a large block:
@@ -30,13 +31,14 @@
 // a block, the chain is cut: everything still allocates and frees, but size, color, valid and the
 // walk know only the blocks from firstHead_ to endHead_.
 //
-// Bytes are counted by block size, in 32-bit totals. Thread safety: as in allocator.h.
+// The totals are 32-bit sums of whole blocks. Thread safety: as in allocator.h.
 //
 // Damage. If a program overwrites this bookkeeping, nothing outside of the arena is read or
-// written. A block whose words disagree is reported and left alone: it fails an assertion, which
-// stops the process by default, and its memory is lost. Damage after which the words still agree is
-// not noticed: another colour, or the head word of another small size in a small block. In a chain
-// that was cut, a head that lies outside of the arena is not recognised as such.
+// written. A block whose words disagree is left alone, and its memory is lost: it is reported on
+// the debugger channel (platform.h), and an assertion fails, which stops the process by default.
+// Damage after which the words still agree is not noticed: another colour, or the head word of
+// another small size in a small block. In a chain that was cut, a head that lies outside of the
+// arena is not recognised as such.
 #pragma once
 
 #include <cstddef>
@@ -53,8 +55,8 @@ struct YUTILS_EXPORT MemHeadBase {
   unsigned sizeandcolor_;
 };
 
-// The first words of a free block; a busy one has only the head word. Packed, because the node
-// after the 4-byte head word is aligned to 8 only if h is 4 more than a multiple of 8.
+// The first words of a free block; a busy one has only the head word. Packed, so that the node
+// lies directly after the 4-byte head word: h is 4 more than a multiple of 8, which aligns it.
 #pragma pack(push, 4)
 struct YUTILS_EXPORT MemHead : MemHeadBase, WTreeNodeBase {
   MemHead() {}
@@ -77,14 +79,15 @@ struct YUTILS_EXPORT MemoryAllocator : Allocator {
   // Borrows the parent; null stands for YIF_MemAlloc.
   explicit MemoryAllocator(Allocator* parent);
 
-  // Returns null if the request exceeds 67108848 bytes. Returns null, nothing changed, if the
-  // parent has no memory; a small request then also fails the assertion "h", which stops the
-  // process only if YSYS_ASSERT is "stop" (YfAssert__ in ysys.h).
+  // Returns null if the request exceeds 67108848 bytes. Returns null, nothing changed, if no free
+  // block is large enough and the parent has no memory. A small request for which there is no
+  // memory for a page fails the assertion "h", which stops the process only if YSYS_ASSERT is
+  // "stop" (YfAssert__ in ysys.h), and then gets a large block if one is free.
   void* alloc(unsigned size, unsigned color) override;
   void* alloc(unsigned size) override;
   // Does nothing for null. If `mem` is not the memory of a busy block of this arena, or the program
-  // has written past the end of a large block, reports that, fails an assertion and changes
-  // nothing.
+  // has written past the end of a large block, reports that, fails an assertion (which stops the
+  // process by default) and changes nothing.
   void free(void* mem) override;
 
   // size(), color() and valid() return 0, 0 and false for null, for an address outside of the
@@ -102,7 +105,7 @@ struct YUTILS_EXPORT MemoryAllocator : Allocator {
   void adjustColorMemory(unsigned color, int delta) override;
   virtual ~MemoryAllocator();  // frees no chunk; never runs for the process allocator
 
-  // Allocates from the process allocator, for callers outside of the library, too. Returns null if
+  // Allocates from the process allocator, also for callers outside of the library. Returns null if
   // there is no memory.
   static void* operator new(std::size_t size) noexcept;
   static void* operator new(std::size_t size, void* place) noexcept;
@@ -121,18 +124,18 @@ struct YUTILS_EXPORT MemoryAllocator : Allocator {
   static bool busy(std::nullptr_t) { return false; }
 
   // The walk over the chain, which includes pages and gaps: return the memory of the first and of
-  // the next block, null after the last. A block whose tail disagrees with its head is reported and
-  // fails an assertion; if its size is impossible the walk ends there.
+  // the next block, null after the last. If the tail of the block at `mem` disagrees with its head,
+  // that is reported and an assertion fails; if its size is impossible the walk ends there.
   void* firstBlock() const;
   void* nextBlock(const void* mem) const;
   // Checks the chain, then the tree, the lists of small blocks and the totals of free memory, and
-  // ends after the first of these that is damaged. A damaged block is reported and fails an
-  // assertion. Takes time linear in the number of blocks, and n log n for n free ones.
+  // ends after the first of these that is damaged. Damage is reported, and an assertion fails.
+  // Takes time linear in the number of blocks, and n log n for n free ones.
   void checkArena() const;
 
   // Prints a table of the chain to standard output, one row for each power of two of the block
-  // size: the logarithm (Arena), the number of blocks, the bytes in busy and in free ones, the
-  // largest. Then prints the totals in KiB.
+  // size: its binary logarithm (column Arena), the number of blocks, the bytes in busy and in free
+  // ones, the size of the largest. Then prints the totals in KiB.
   void report();
 
  protected:

@@ -1,19 +1,20 @@
 // SPDX-License-Identifier: MIT
 // The interface of every memory source, the process allocator, and two simple sources.
 //
-// All memory of the library comes from `Allocator::theAllocator()`, the process allocator, which is
-// a MemoryAllocator (alloc.h). HostAllocator passes requests on to the system layer,
-// AllocationLimiter cuts them from one pool; neither reuses memory that is freed.
+// The library allocates from `Allocator::theAllocator()`, the process allocator, which is a
+// MemoryAllocator (alloc.h), except where a header names another source. HostAllocator passes
+// requests on to the system layer (ysys.h), AllocationLimiter serves them from one pool; neither
+// reuses memory that is freed.
 //
-// A memory colour is a label from 0 to 63 that an arena allocator stores in each busy block and
-// counts bytes by, so that a program can see how much memory each of its parts holds. It has no
-// influence on where memory comes from. Colours are reduced to six bits (value & 63) when they are
-// used.
+// A busy block is one that was allocated and not yet freed. A memory colour is a label from 0 to 63
+// that an arena allocator stores in each busy block; it counts the bytes of each colour, so that a
+// program can see how much memory each of its parts holds. A colour has no influence on where
+// memory comes from. Colours are reduced to six bits (value & 63) when they are used.
 //
 // Sizes, totals and colours are 32-bit on every platform. Nothing here throws.
 //
-// Thread safety: the caller serialises all calls on one allocator, questions too. Most of the
-// library allocates from the process allocator and is therefore serialised as well.
+// Thread safety: the caller serialises all calls on one allocator, also those that only read. Most
+// of the library allocates from the process allocator, so the caller serialises that as well.
 #pragma once
 
 #include <cstddef>
@@ -23,8 +24,8 @@
 
 namespace Utils {
 
-// The comments are the contract for implementations. An operation that is not pure has a default
-// for sources without colours; "Default:" says where that differs.
+// The comments are the contract of every implementation. An operation that is not pure has a
+// default implementation, for sources without colours; "Default:" says where that differs.
 struct YUTILS_EXPORT Allocator {
   // Returns the process allocator, which is built at the first call, even if that is before the
   // library's static objects are constructed. Never null. Valid until the process ends: no
@@ -50,8 +51,8 @@ struct YUTILS_EXPORT Allocator {
   virtual unsigned setColor(void* mem, unsigned color);  // RESULT_NOT_IMPLEMENTED, in arenas too
   virtual bool valid(const void* mem) const;  // true for a well-formed busy block. Default: false
 
-  // Sets the colour of alloc(size), stores the former one in `oldColor` unless that is null, and
-  // returns 0. Default: returns RESULT_NOT_IMPLEMENTED and stores nothing.
+  // Sets the default colour, that of the blocks of alloc(size), stores the former one in `oldColor`
+  // unless that is null, and returns 0. Default: returns RESULT_NOT_IMPLEMENTED and stores nothing.
   virtual unsigned setDefaultColor(unsigned color, unsigned* oldColor);
   virtual unsigned defaultColor() const;  // as it was set, not reduced. Default: 0
 
@@ -68,7 +69,7 @@ struct YUTILS_EXPORT Allocator {
 
 // Memory directly from the system layer. If that has no memory, alloc() fails the assertion "m" and
 // then returns null; the assertion stops the process only if YSYS_ASSERT is "stop" (YfAssert__ in
-// ysys.h). All questions return 0.
+// ysys.h). size(), color() and all totals return 0, valid() returns false.
 struct YUTILS_EXPORT HostAllocator : Allocator {
   using Allocator::alloc;
   void* alloc(unsigned size) override;
@@ -76,15 +77,16 @@ struct YUTILS_EXPORT HostAllocator : Allocator {
   unsigned size(const void* mem) const override;
   unsigned allocatedMemory() const override;
   unsigned internalFree() const override;
-  virtual void* alloc(unsigned size, char unused);  // alloc(size)
+  virtual void* alloc(unsigned size, char unused);  // the same as alloc(size)
   void* alloc(unsigned size, int color) { return alloc(size, static_cast<unsigned>(color)); }
 };
 
-// Cuts requests one after the other from a pool of a fixed size, neither rounded nor aligned. A
-// request that does not fit comes from the system layer, and the rest of the pool stays for smaller
-// ones. The pool is allocated at the first request and never freed. A copy continues in the same
-// pool with a cursor of its own. All questions return 0: the rest of the pool does not count as
-// free.
+// Serves requests one after the other from a pool of a fixed size; their sizes are not rounded, and
+// the memory is not aligned. A request that does not fit is served by the system layer, and the
+// rest of the pool stays for smaller requests. The pool is allocated at the first request and never
+// freed. A copy that is made after that has the same pool, but a position of its own in it: both
+// may return the same bytes. size(), color() and all totals return 0, valid() returns false: the
+// rest of the pool does not count as free.
 struct YUTILS_EXPORT AllocationLimiter : Allocator {
   AllocationLimiter(unsigned poolSize);
 
@@ -93,13 +95,14 @@ struct YUTILS_EXPORT AllocationLimiter : Allocator {
 
   using Allocator::alloc;
   // Null if neither the pool nor the system layer has memory. If the pool itself cannot be
-  // allocated, a request of up to its size returns null, and the next request tries again.
+  // allocated, a request of up to its size returns null; the next request tries to allocate it
+  // again.
   void* alloc(unsigned size) override;
   void free(void* mem) override;  // does nothing
   unsigned size(const void* mem) const override;
   unsigned allocatedMemory() const override;
   unsigned internalFree() const override;
-  virtual void* alloc(unsigned size, char unused);  // alloc(size)
+  virtual void* alloc(unsigned size, char unused);  // the same as alloc(size)
   void* alloc(unsigned size, int color) { return alloc(size, static_cast<unsigned>(color)); }
 
  private:

@@ -3,20 +3,21 @@
 //
 // Cuts blocks from chunks of a parent allocator like MemoryAllocator (alloc.h) and has the same
 // head words, tails, chain, colours and totals. It differs in how free blocks are found: there are
-// no pages of small blocks and no tree, but a list for each power of two, the bins. A request takes
-// the first block of the lowest bin in which all blocks are large enough: this costs a constant
-// number of steps, and fits less tightly. The bin of the request's own size is searched last,
-// before a new chunk is requested, and only while tryHard() is true. No part of the library uses a
-// MemoryBank.
+// no pages of small blocks and no tree, but a list for each power of two: the bins. A request takes
+// the first block of the lowest bin that has blocks and lies above the bin of the request's own
+// size: every block there is large enough, so this costs a constant number of steps, and fits less
+// tightly. The bin of the own size is searched last, before a new chunk is requested, and only
+// while tryHard() is true. No part of the library uses a MemoryBank.
 //
-// Every block has a tail and at least 32 bytes; a remainder of 32 bytes is split off. The bytes of
-// a free block of S bytes, at h:
+// Every block has a tail and at least 32 bytes; a remainder of 32 bytes or more is split off. The
+// bytes of a free block of S bytes, at h:
 //
 //   from h, 32-bit (64-bit)   0 head word: S   4 next of its bin   8 (12) previous   12 (20) label
 //                             S - 4 tail word: S + 1
 //
 // A free block of 48 bytes is in bin 5, which has the blocks of 32 to 63 bytes. Example: the first
-// alloc(0) gets a chunk of 131072 bytes and takes 32 of them; the remaining 131032 go to bin 16.
+// alloc(0) gets a chunk of 131072 bytes, of which 8 are the words before the first block and after
+// the last; it takes 32 of the others, and the remaining 131032 go to bin 16.
 //
 // Thread safety: as in allocator.h.
 #pragma once
@@ -62,8 +63,8 @@ struct YUTILS_EXPORT MemoryBank : Allocator {
 
   unsigned color(void* mem, unsigned color);
 
-  // Whether an allocation searches the bin of its own size before it requests a new chunk;
-  // initially true. The search visits the blocks of that bin: the only step whose cost is not
+  // While true, as it is initially, an allocation searches the bin of its own size before it
+  // requests a new chunk. The search visits the blocks of that bin: the only step whose cost is not
   // constant.
   bool tryHard() const { return tryHard_; }
   void tryHard(bool hard) { tryHard_ = hard; }

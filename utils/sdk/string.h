@@ -1,18 +1,19 @@
 // SPDX-License-Identifier: MIT
 // Text as a value, shared between its copies, and views of ranges of it.
 //
-// A String is one pointer to a counted StringRep, or null: an empty string without an allocation.
-// Copies share the representation. An operation that changes a text first makes the representation
-// private, so no change is visible through another String. Reading never copies, not even through
-// the proxy that [] returns. A SubString shares a range of a text as it was when the view was
-// created.
+// A String is one pointer: to a reference-counted StringRep, or null for an empty string without an
+// allocation. Copies share the representation. An operation that changes a text copies a shared
+// representation first, so no change is visible through another String. Reading never copies, not
+// even through the StringChar that [] returns. A SubString shares a range of a text as it was when
+// the view was created.
 //
 // A text is bytes, with its length stored and a NUL after it. Operations that take a count copy
-// embedded NULs; comparisons and searches stop at the first NUL.
+// embedded NULs; comparisons and searches stop at the first NUL, except searches by a set of
+// characters, which treat a NUL as a character of the set.
 //
 //   String ──> StringRep: size_ 3, capacity_ 16, refCount_ 1, text_ ──> "abc\0" and 12 bytes
 //
-// is String("abc") and counts 24 + 16 bytes of string memory (16 + 16 with pointers of 4 bytes).
+// is String("abc"), of 24 + 16 bytes in YfTotalStringMemory() (16 + 16 with pointers of 4 bytes).
 // Capacity is the smallest power of two, at least 16, above the size that the last reallocation
 // asked for. A buffer adopted by consume() has exactly size_ + 1 bytes.
 //
@@ -20,15 +21,15 @@
 // memory, an operation leaves the string unchanged, and a String or SubString that cannot be
 // created is empty, without a representation. The same holds for a text of more than 33554431
 // bytes: the next capacity, 67108864 bytes, is larger than the largest block (alloc.h). Only an
-// adopted text may be longer, up to the largest block. A source may lie in the very text that
-// changes.
+// adopted text may be longer, up to the largest block. The source of an operation may lie in the
+// text that it changes.
 //
-// Thread safety: the caller serialises all strings that share a representation, and everything that
-// allocates or frees. Reference counts and the total are plain numbers.
+// Thread safety: the caller serialises all operations on strings that share a representation, and
+// all that allocate or free. Reference counts and the total of string memory are not atomic.
 #pragma once
 
-// <string_view> is two thirds of what this header includes. Templates that take every view could do
-// without it, but not for types that convert to a std::string_view.
+// <string_view> is two thirds of the text that this header includes. Templates could accept a
+// std::string_view without it, but not the types that convert to one.
 #include <cstddef>
 #include <cstring>
 #include <string_view>
@@ -50,10 +51,10 @@ struct SubString;
 struct YUTILS_EXPORT String {
   constexpr String() : rep_(nullptr) {}
   String(const String& s);
-  String(const char* text);
+  String(const char* text);  // null counts as empty
   String(char c);
-  String(const char* text, unsigned count);
-  String(char c, unsigned count);
+  String(const char* text, unsigned count);  // null counts as empty
+  String(char c, unsigned count);            // count times c
   explicit String(std::string_view text);
   String(int i) : rep_(nullptr) { *this += i; }
   String(float f) : rep_(nullptr) { *this += static_cast<double>(f); }
@@ -117,33 +118,37 @@ struct YUTILS_EXPORT String {
   template <class Integer, class = std::enable_if_t<std::is_integral_v<Integer>>>
   StringChar operator[](Integer i);
 
-  // Valid until a String that shares the text changes.
+  // Valid until a String that shares the text changes or is destroyed.
   const char* begin() const { return *this; }
   const char* end() const { return begin() + size(); }
 
-  // Return a position or 0xffffffff. Only index(c, from) and rindex find the terminator.
+  // Return a position or 0xffffffff. If c is NUL, index(c, from) and rindex find the terminator,
+  // the others nothing.
   unsigned index(char c) const;
   unsigned strchr(char c) const { return index(c); }
   unsigned index(char c, unsigned from) const;
-  unsigned nthIndex(unsigned n, char c) const;  // n counts from 1; returns 0 for 0
+  unsigned nthIndex(unsigned n, char c) const;  // the nth c, counted from 1; returns 0 for n = 0
   unsigned index(const char* search, unsigned from) const;
   unsigned index(std::nullptr_t, unsigned) const = delete;
   // Return the first position at or after `from`, or the last at or before it, whose character is
-  // in the set. NUL is in every set. rindexChar takes 0xffffffff for the end.
+  // in the set. NUL is in every set. For rindexChar, 0xffffffff stands for the end.
   unsigned indexChar(const char* set, unsigned from) const;
   unsigned indexChar(std::nullptr_t, unsigned) const = delete;
   unsigned rindexChar(const char* set, unsigned from) const;
   unsigned rindexChar(std::nullptr_t, unsigned) const = delete;
   unsigned rindex(char c) const;
   unsigned strrchr(char c) const { return rindex(c); }
-  // Finds the next token at or after `from`, the characters from start to end - 1. The search for
-  // the one after it begins at end. Returns false if there is none; start is then size(), or
-  // unchanged if `from` is not below size().
+  // Finds the next token at or after `from`, a run of characters that are neither delimiters nor
+  // NUL, and stores its range, from start to end - 1. The search for the following token begins at
+  // end. Returns false if there is no token; start is then size(), or unchanged if `from` is not
+  // below size() or there is no representation.
   bool tokSpan(const char* delimiters, unsigned from, unsigned& start, unsigned& end) const;
   bool tokSpan(std::nullptr_t, unsigned, unsigned&, unsigned&) const = delete;
 
-  // The source is the count bytes at text + from, or at position `from` of s; a null text counts as
-  // empty. Requires: the source has them. Blanks fill the gap if `at` is past the end.
+  // Overwrite the bytes from position `at` on, and lengthen the text if necessary; or insert before
+  // position `at`. The source is the count bytes at text + from, or at position `from` of s; a null
+  // text counts as empty. Requires: the source has them. Blanks fill the gap if `at` is past the
+  // end.
   String& replace(const char* text, unsigned count, unsigned from, unsigned at);
   String& replace(const String& s, unsigned count, unsigned from, unsigned at);
   String& insert(const char* text, unsigned count, unsigned from, unsigned at);
@@ -151,39 +156,41 @@ struct YUTILS_EXPORT String {
   void insert(char c, int at) { insert(&c, 1, 0, static_cast<unsigned>(at)); }
   String& remove(unsigned from, unsigned count);  // clips the range to the text; keeps the buffer
   String& truncate(unsigned n) { return remove(n, size()); }
-  // Returns a copy with every occurrence replaced, from left to right; the inserted texts are not
-  // searched. An empty search has no occurrence.
+  // Returns a copy, up to the first NUL, with every occurrence replaced, from left to right; the
+  // inserted texts are not searched. An empty `search` has no occurrence. Returns an empty string
+  // if there is no memory.
   String substitute(const char* search, const char* with);
   String substitute(std::nullptr_t, const char*) = delete;
   String substitute(const char*, std::nullptr_t) = delete;
-  String reverse();
+  String reverse();  // returns a copy; empty if there is no memory
   String& toUpper();
   String& toLower();
   String& rotateLeft(unsigned n);
   String& trim();  // removes white space at both ends
 
   unsigned size() const;
-  // Never null. Valid until a String that shares the text changes.
+  // Never null. Valid until a String that shares the text changes or is destroyed.
   operator const char*() const;
   operator std::string_view() const { return {begin(), size()}; }
-  // As the conversion, but null if there is no representation. Requires: i <= size().
+  // Returns the address of character i in the text that the conversion returns. Null if there is no
+  // representation. Requires: i <= size().
   const char* textAt(unsigned i) const;
   void expandTo(unsigned n);  // appends blanks up to n characters
-  // Reallocates to the capacity for n and truncates the text to n. Does nothing if the capacity is
-  // right already, even if the text is longer than n. 0 frees the buffer.
+  // Reallocates the buffer to the capacity for n characters and truncates the text to n. Does
+  // nothing if it has that capacity already, even if the text is longer than n. 0 frees the buffer.
   void resizeFor(unsigned n);
-  // Hands the buffer to the caller, who owns it and frees it with theAllocator()->free, and empties
-  // the string. If size() is 0 there is nothing to own: a buffer is freed, and the result is a
-  // static empty text that must not be freed, so ask size() first. Returns null, the string
-  // unchanged, without a representation, or if a shared text cannot be copied for lack of memory.
+  // Returns the buffer, which the caller owns and frees with theAllocator()->free, and empties the
+  // string. If size() is 0 there is nothing to own: a buffer is freed, and the result is a static
+  // empty text that must not be freed, so test size() first. Returns null, and changes nothing, if
+  // there is no representation, or if the text is shared and there is no memory for a copy.
   char* donate();
-  // Adopts a text allocated with theAllocator(). The caller keeps ownership if the text is null or
-  // empty, if it has 0x80000000 bytes or more, or if there is no memory; in the last two cases the
-  // string is unchanged.
+  // Replaces the string by a text that theAllocator() has allocated, without a copy, and owns it.
+  // If the text is null or empty, the string becomes empty and the caller keeps the text. If it has
+  // 0x80000000 bytes or more, or if there is no memory, nothing changes.
   void consume(char* text);
   static const String& null();  // without a representation; valid until the process ends
 
-  // A view of the range, clipped to the text.
+  // Return a view of the range, clipped to the text.
   SubString operator()(unsigned index, unsigned size);
   SubString operator()(unsigned index);
 
@@ -223,7 +230,7 @@ struct YUTILS_EXPORT StringChar {
   StringChar(const StringChar&) = default;
 
   operator char() const;
-  // Returns the string. Blanks fill the gap if the index is past the end.
+  // Writes c and returns the string. Blanks fill the gap if the index is past the end.
   String& operator=(char c);
   String& operator=(const StringChar& other) { return *this = static_cast<char>(other); }
 
@@ -243,7 +250,8 @@ YUTILS_EXPORT String operator+(const char* a, const String& b);
 template <class T>
 struct IsNumber : std::bool_constant<std::is_integral_v<T> && !std::is_same_v<T, char>> {};
 
-// A literal 0 would be a null text; every other number is ambiguous.
+// Numbers are refused: a literal 0 would be a null text, and any other number could also be added
+// to the address that a String converts to.
 template <class Number, class = std::enable_if_t<IsNumber<Number>::value>, class = void>
 String operator+(const String& a, Number b) = delete;
 template <class Number, class = std::enable_if_t<IsNumber<Number>::value>, class = void>
@@ -277,7 +285,7 @@ struct StringOperand {
   const String string_;
 };
 
-// As strcmp; b ends at its first NUL.
+// Returns as strcmp does; b ends at its first NUL, if it has one.
 YUTILS_EXPORT int compareText(const char* a, std::string_view b);
 
 // Comparison of a String with other types, in both orders, by the rule of String::compare. A

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The inline members of String, those that a call would slow down.
 //
-// A part of string.h, which programs include instead.
+// A part of string.h, which programs include instead. Thread safety: as in string.h.
 #pragma once
 
 #include <cstring>

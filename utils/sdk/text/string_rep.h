@@ -2,7 +2,7 @@
 // The representation that copies of a String share: a buffer, its sizes, a reference count, and
 // every operation on a text that one String holds alone.
 //
-// A part of string.h, which programs include instead.
+// A part of string.h, which programs include instead. Thread safety: as in string.h.
 #pragma once
 
 #include <cstddef>
@@ -12,8 +12,8 @@
 
 namespace Utils {
 
-// Requires for every change: refCount_ is at most 1; this is not checked. Operations that return
-// bool return false, and change nothing, if there is no memory or the text would be too long.
+// Requires: refCount_ is at most 1 before a change; this is not checked. Changes that return bool
+// return false, and change nothing, if there is no memory or the text would be too long.
 struct YUTILS_EXPORT StringRep {
  protected:
   friend struct String;
@@ -23,7 +23,7 @@ struct YUTILS_EXPORT StringRep {
 
   static unsigned lengthOf(const char* text);  // 0 for null; at most SIZE_LIMIT
 
-  // Empty if there is no memory. The reference count is 0; the creator raises it.
+  // Create an empty text if there is no memory. The reference count is 0; the creator raises it.
   StringRep();
   StringRep(const char* text);  // null counts as empty
   StringRep(char c);
@@ -33,8 +33,9 @@ struct YUTILS_EXPORT StringRep {
   StringRep& operator=(const StringRep&) = delete;
   ~StringRep();
 
-  // Creates a representation for a String: on the heap, in the total, with a reference count of 1.
-  // Returns null if there is no memory. destroy() does not test the count.
+  // Creates a representation for a String: in memory of the process allocator, counted in the total
+  // of string memory, with a reference count of 1. Returns null if there is no memory. destroy()
+  // destroys it without a test of the count.
   static StringRep* create(const char* text = nullptr, unsigned count = 0);
   static void destroy(StringRep* rep);
   static char* donateAndDestroy(StringRep* rep);
@@ -50,12 +51,12 @@ struct YUTILS_EXPORT StringRep {
   void size(unsigned n) { size_ = n; }  // does not write the terminator
   char* text() { return text_; }
 
-  // Reallocates to the capacity for n and truncates the text to n. Does nothing if the capacity is
-  // right already, even if the text is longer than n. 0 frees the buffer.
+  // Reallocates the buffer to the capacity for n characters and truncates the text to n. Does
+  // nothing if it has that capacity already, even if the text is longer than n. 0 frees the buffer.
   bool resizeFor(unsigned n);
   int expandTo(unsigned n);  // appends blanks up to n; 1 if the size is then n or more
 
-  void operator=(const char* text);  // null counts as empty; unchanged if no memory
+  void operator=(const char* text);  // null counts as empty; changes nothing without memory
   void operator=(char c);
   bool append(const char* text);  // null appends nothing
   bool append(StringRep* other);
@@ -71,12 +72,12 @@ struct YUTILS_EXPORT StringRep {
   void toLower();
   void rotateLeft(unsigned n);
   void trim();
-  // Hands the buffer to the caller, who owns it, and subtracts it from the total. Returns the
-  // static empty text, which nobody owns, if capacity_ is 0; a text of size 0 with a capacity has a
+  // Returns the buffer, which the caller owns, and subtracts it from the total. Returns the static
+  // empty text, which must not be freed, if capacity_ is 0; a text of size 0 with a capacity has a
   // buffer. Returns null if the text is inline and there is no memory for a buffer of its own.
   char* donate();
-  // Adopts a text allocated with theAllocator() and adds it to the total. The caller keeps
-  // ownership if the text is null, empty or too long.
+  // Owns a text that theAllocator() has allocated, and adds it to the total. The caller keeps a
+  // text that is null, empty or too long.
   void consume(char* text);
 
   // Every search is written here, on a text that exists. String forwards to it, inline for index()

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Views of ranges of a text, and their shared representation.
 //
-// A part of string.h, which programs include instead.
+// A part of string.h, which programs include instead. Thread safety: as in string.h.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@
 
 namespace Utils {
 
-// A range of a text, shared by the SubStrings that view it. Holds the text by a String.
+// A range of a text, shared by the SubStrings that view it. A String member keeps the text alive.
 struct YUTILS_EXPORT SubStringRep {
  protected:
   friend struct String;

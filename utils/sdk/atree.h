@@ -9,9 +9,9 @@
 // compare keys, create nodes and forward.
 //
 // A tree owns its nodes; each entry is one block of the process allocator. A node, with its key and
-// value, keeps its address until its entry is removed. Requires: K has a copy constructor, == and
-// >, a strict total order; V has a copy constructor, and a default constructor if intern(), [] or
-// the conversion of an iterator to V is used.
+// value, keeps its address until its entry is removed. Requires: K has a copy constructor, and ==
+// and > that are a strict total order; V has a copy constructor, and a default constructor if
+// intern(), [] or the conversion of an iterator to V is used.
 //
 //   bytes, 32-bit   0 balance_   4 parent_    8 left_  12 right_  16 key_, value_
 //   bytes, 64-bit   0 balance_   8 parent_   16 left_  24 right_  32 key_, value_
@@ -19,8 +19,11 @@
 // Example: after the keys 3, 1, 2 the root is 2 with balance 0, above 1 and 3. After the removal of
 // 1 its balance is 1, since its right subtree is one higher than its left one.
 //
-// Thread safety: the caller serialises all operations on a tree. A change through one iterator
-// invalidates all others of that tree: they must be set again before they are used.
+// Thread safety: the caller serialises all operations on a tree, and those that allocate or free
+// with all others that do so (allocator.h).
+//
+// An insertion or a removal through one iterator invalidates all others of that tree: they must be
+// set again, by top() or find(), before they are used.
 #pragma once
 
 #include <cstddef>
@@ -52,9 +55,9 @@ struct YUTILS_EXPORT AVLTreeBase {};
 
 // A place in a tree, and all work on the structure. `pos_` is the current node, or null.
 // `insertAddr_` is the address of a link: the link that leads to pos_, or the null link below pos_
-// at which a sought key belongs. Operations that do not mention the link leave insertAddr_
-// unchanged. Requires: the iterator is bound to a tree (not needed where an operation does nothing
-// for a null pos_).
+// at which a sought key belongs. Operations whose comments do not mention the link leave
+// insertAddr_ unchanged. Requires: the iterator is bound to a tree, unless pos_ is null and the
+// operation does nothing in that case.
 struct YUTILS_EXPORT AVLTreeIterBase {
   AVLTreeIterBase() { init(); }
 
@@ -82,9 +85,10 @@ struct YUTILS_EXPORT AVLTreeIterBase {
   void bump(bool forward);  // moves to the next key or to the previous one; null if there is none
   void invalidate() { pos_ = nullptr; }
 
-  // The retracing of an insertion, which has attached a node at insertAddr_, a link of pos_.
-  // adjustBalance does one step of it and returns true if the subtree at pos_ has grown, so that
-  // the parent needs the same step. settle does all steps.
+  // Restore the balance after an insertion that has attached a node at insertAddr_, a link of pos_.
+  // adjustBalance does one step and returns true if the subtree at pos_ has become higher, so that
+  // the parent needs the same step. settle does all steps, and leaves pos_ and insertAddr_ anywhere
+  // on the path to the root.
   bool adjustBalance();
   void settle();
 
@@ -97,8 +101,8 @@ struct YUTILS_EXPORT AVLTreeIterBase {
   void rotateLeft();
   void rotateRight();
 
-  // Unlinks the node at pos_ and hands it to the caller, its child links null. Returns null if pos_
-  // is null. Invalidates the iterator.
+  // Unlinks the node at pos_ and returns it, its child links null; the caller owns it. Returns null
+  // if pos_ is null. Invalidates the iterator.
   AVLTreeNodeBase* remove();
 
   // Returns the node with the next or the previous key, null if there is none. Requires: `node` is
@@ -231,9 +235,9 @@ struct YUTILS_EXPORT AVLTreeIter : AVLTreeIterBase {
   Node* pos() const { return static_cast<Node*>(pos_); }
   bool valid() const { return pos_ != nullptr; }
 
-  // Searches the subtree at pos_. Returns true and moves to the key, insertAddr_ to the link that
-  // leads to it, if it is there; else pos_ is the last node visited and insertAddr_ the null link
-  // below it at which the key belongs. Returns false if pos_ is null.
+  // Searches the subtree at pos_. If the key is there, moves to its node, insertAddr_ to the link
+  // that leads to it, and returns true. Else returns false: pos_ is then the last node visited, and
+  // insertAddr_ the null link below it at which the key belongs. Changes nothing if pos_ is null.
   bool find(const K& key);
 
   // Attaches a new node at insertAddr_, as find() has set it, without balancing; settle() balances.
@@ -248,9 +252,9 @@ struct YUTILS_EXPORT AVLTreeIter : AVLTreeIterBase {
   }
 
   V& value() const { return pos()->value_; }  // Requires: valid()
-  // V() if pos_ is null.
+  // Returns a copy of the value; V() if pos_ is null.
   operator V() const { return pos_ ? pos()->value_ : V(); }
-  // Does nothing if pos_ is null. Returns v.
+  // Assigns v to the value; does nothing if pos_ is null. Returns v.
   const V& operator=(const V& v) {
     if (pos_) pos()->value_ = v;
     return v;
@@ -325,8 +329,8 @@ struct YUTILS_EXPORT AVLTree : AVLTreeBase {
     return locate(it, key) && it.remove();
   }
 
-  // Returns the entry of the key, and inserts it with V() if there is none. Returns an invalid
-  // iterator if there is no memory.
+  // Returns an iterator at the entry of the key, which is inserted with V() if there is none.
+  // Returns an invalid iterator if there is no memory.
   Iter intern(const K& key) {
     Iter it;
     if (locate(it, key)) return it;
@@ -342,7 +346,8 @@ struct YUTILS_EXPORT AVLTree : AVLTreeBase {
   }
   Iter operator[](const K& key) { return intern(key); }
 
-  // Iterates over the entries in the order of their keys. Requires: none is removed meanwhile.
+  // Iterates over the entries in the order of their keys. Requires: no entry is removed while it
+  // iterates.
   template <class Entry>
   struct Walk {
     Entry& operator*() const { return *static_cast<Entry*>(node_); }

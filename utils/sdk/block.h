@@ -1,16 +1,18 @@
 // SPDX-License-Identifier: MIT
-// The locks of the library: four empty ones that never block, and two that do.
+// The locks of the library: two empty ones that never block, with their lockers, and two that
+// block.
 //
 // YtBLock, YtReadWriteBLock and their scoped lockers have the operations of locks, all of them
 // empty: they exclude nothing, have no state (not even the name), allocate nothing and call
-// nothing. The allocators have a YtBLock at the places of a real lock; the caller of an allocator
-// serialises. They may be used before any constructor has run.
+// nothing. They may be used before any constructor has run. The allocators have a YtBLock where a
+// real lock would be; the caller of an allocator serialises.
 //
 // YtLightBLock is a recursive lock on a cooperative event; taking a free lock and releasing it are
 // one operation of the event each, taking it again none. YtHeavyBLock is a critical section of the
 // system. In the child of a fork the task that forked holds the locks that it held; a lock that
 // another task held is free, may be taken and may be destroyed. A copy refers to the same system
-// object, and the last one destroys it.
+// object, and the last one destroys it; a copy of a YtLightBLock has a count and an owner of its
+// own, so a task that holds the one must not take the other.
 //
 //   YtLightBLock, held twice by task 2480, 64-bit: name_ 8 bytes, count_ 2, owner_ 2480, event_
 //   clear. Free: count_ 0, owner_ (unsigned long)-1, event_ set.

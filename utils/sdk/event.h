@@ -8,7 +8,8 @@
 //
 // Thread safety: set, reset and the waits may be called from any task while the event lives. Any
 // task may create and destroy events; with the lines on, no task may change the hub at the same
-// time (log.h). The caller serialises copying, destroying copies, and creating and destroying Refs.
+// time (log.h). The caller serialises copying, destroying copies, creating and destroying Refs, and
+// new and delete (allocator.h).
 #pragma once
 
 #include "utils/sdk/export.h"
@@ -26,7 +27,8 @@ struct YUTILS_EXPORT WaitableEvent : Object {
   void set() { YIF_SetEvent(event_); }
   void reset() { YIF_ResetEvent(event_); }
   void wait() { YIF_WaitEvent(event_); }
-  // Waits for at most `limit` seconds. Returns true if the event released this task.
+  // Waits for at most `limit` seconds. Returns true if the event released this task, false if the
+  // time ran out.
   bool wait(double limit) { return YIF_WaitEventTimed(event_, limit) != 0; }
 
  private:

@@ -2,8 +2,9 @@
 // Locks that can log each of their steps, and Locker, which holds one for a scope.
 //
 // A Mutex and a CriticalSection are one system object each. Both are recursive: a task may enter a
-// lock that it holds, and leaves it as often as it entered. With the category "utils" enabled for
-// debug messages, level 0 logs that locks are created and destroyed, level 2 each use:
+// lock that it holds, and exits it as often as it entered. While the category "utils" is enabled
+// for debug messages, its level 0 logs that locks are created and destroyed, level 2 also each use,
+// with the numbers of the task and of the lock:
 //
 //   debug[2]|utils|2480 Waiting for mutex 268435456
 //   debug[2]|utils|2480 Got mutex 268435456
@@ -16,7 +17,8 @@
 // destroyed destroys it.
 //
 // Thread safety: enter and exit may be called from any task; with the lines on, no task may change
-// the hub at the same time (log.h). The caller serialises copying, and destroying copies.
+// the hub at the same time (log.h). The caller serialises copying, destroying copies, and new and
+// delete (allocator.h).
 #pragma once
 
 #include <cstddef>
@@ -75,9 +77,11 @@ struct YUTILS_EXPORT CriticalSection : Lock {
 
 // Holds a lock for a scope. Requires: the task that created it destroys it.
 struct YUTILS_EXPORT Locker {
-  // Borrows the lock and the name of the source file. Name and line are shown in the log.
+  // Enters the lock; the destructor exits it. Borrows the lock and the name of the source file.
+  // Name and line are shown in the log.
   Locker(Lock* lock, const char* file, unsigned line);
-  // Copies the fields only: leaves no lock and enters none. Do not assign to a live locker.
+  // Copies the fields only: exits no lock and enters none. Do not assign lockers: the former lock
+  // stays held, and both destructors exit the other one.
   Locker& operator=(const Locker&) = default;
   Locker(const Locker&) = delete;
   ~Locker();

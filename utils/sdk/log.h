@@ -4,8 +4,10 @@
 //
 // A message has a class (how bad), a category (which part of the program, by name or number), a
 // level (how much detail) and a place in the source. The hub filters the message, puts a header
-// before it and passes it to the sink of its class. Only debug messages are filtered, by the flag
-// and the level of their category; each class counts the messages that pass. At verbosity 0, 1, 2:
+// before it and passes it to the sink of its class. Only debug messages are filtered: they pass if
+// the flag of their category is set and their level is not above that of the category. Each class
+// counts the messages that pass. The hub's verbosity selects the header. Lines at 0, 1 and 2 (from
+// 2 on with the time and the number of the task):
 //
 //   debug[2]|net|3 bytes came
 //   debug[2]|net|net.cpp:49|3 bytes came
@@ -41,8 +43,8 @@ enum MessageClass { Error, Warning, Info, Debug };
 
 // --- Sinks ---
 
-// The sink of one or more classes. Created with new; owned by the Refs to it, as those in the hub.
-// A sink of your own needs one operation:
+// The sink of one or more classes. Created with new; owned by the Refs to it, such as those in the
+// hub. A sink of your own needs one operation:
 //
 //   struct ConsoleLogger : Utils::Logger {
 //     void print(Utils::MessageClass, const char* format, std::va_list args) override {
@@ -52,7 +54,7 @@ enum MessageClass { Error, Warning, Info, Debug };
 //   };
 //   Utils::Log::theLog()->setLogger(new ConsoleLogger);
 //
-// Thread safety: several tasks may be in print at once, if several tasks print.
+// Thread safety: several tasks may call print at once, if several tasks print to the hub.
 struct YUTILS_EXPORT Logger : Object {
   ~Logger() override;
 
@@ -61,8 +63,9 @@ struct YUTILS_EXPORT Logger : Object {
   virtual void print(MessageClass cls, const char* format, std::va_list args) = 0;
 
  protected:
-  // An expanded line, cut after 478 characters, and its end, a literal of at most 2. It lies on the
-  // stack and takes no memory of the process allocator. Restores `errno` when it is destroyed.
+  // An expanded line, cut after 478 characters, and its end, a literal of at most 2 characters. It
+  // lies on the stack and takes no memory of the process allocator. Its destructor restores
+  // `errno`.
   struct BoundedLine {
     template <unsigned N>
     BoundedLine(const char* format, std::va_list args, const char (&end)[N])
@@ -88,19 +91,21 @@ struct YUTILS_EXPORT Logger : Object {
     char text_[LONGEST_TEXT + LONGEST_END + 1];
   };
 
-  // As vsnprintf, and quicker for plain %s, %d, %u, %ld and %lu. Returns the length of `text` up to
-  // its first NUL, or -1 if the format cannot be expanded or `size` is 0. Leaves `errno` as it was.
+  // Expands as vsnprintf does, quicker for plain %s, %d, %u, %ld and %lu. Returns the length of
+  // `text` up to its first NUL, or -1 if the format cannot be expanded or `size` is 0. Leaves
+  // `errno` as it was.
   static int expand(char* text, unsigned size, const char* format, std::va_list args);
 };
 
 extern template struct YUTILS_EXPORT Ref<Logger>;
 
+// Drops every line.
 struct YUTILS_EXPORT NullLogger : Logger {
   ~NullLogger() override;
   void print(MessageClass cls, const char* format, std::va_list args) override;
 };
 
-// Writes to a file. Lines are cut after 478 characters and end in "\r\n". Each is handed to the
+// Writes to a file. Lines are cut after 478 characters and end in "\r\n". Each is passed to the
 // system in one write, before print returns: several processes may append to one file.
 struct YUTILS_EXPORT FileLogger : Logger {
   enum OpenMode { Replace, Append };
@@ -133,7 +138,7 @@ struct YUTILS_EXPORT StdLogger : Logger {
 // Writes to the debugger channel (platform.h). Lines are cut after 478 characters. The name is
 // written before each line, and in a line of its own when the sink is created and destroyed.
 struct YUTILS_EXPORT SystemLogger : Logger {
-  SystemLogger(const char* name);  // copies the name; null for none
+  SystemLogger(const char* name);  // copies it to memory of the runtime library; null for none
   SystemLogger(const SystemLogger&) = delete;
   SystemLogger& operator=(const SystemLogger&) = delete;
   ~SystemLogger() override;
@@ -151,6 +156,7 @@ struct YUTILS_EXPORT DialogLogger : Logger {
 
 // --- The records of the hub ---
 
+// A category. `enabled_` and `level_` filter its debug messages.
 struct YUTILS_EXPORT LogCat {
   LogCat(const char* name);  // copies the name; name_ is null if there is no memory
   LogCat(const LogCat&) = delete;
@@ -169,6 +175,7 @@ struct YUTILS_EXPORT LogCat {
   unsigned verbosity_;  // kept for the caller; lines use that of the hub
 };
 
+// A message class.
 struct YUTILS_EXPORT LogClass {
   LogClass();                  // no sink, no name
   LogClass(const char* name);  // the default sink; borrows the name
@@ -185,9 +192,11 @@ struct YUTILS_EXPORT LogClass {
 // --- The hub ---
 
 struct YUTILS_EXPORT Log : Object {
-  // Never null. While there is no memory for the hub, returns one that lets no message pass.
+  // Never null. While there is no memory for the hub, returns one that no message passes. Valid
+  // until the process ends.
   static Log* theLog() { return theLog_ ? theLog_ : makeTheLog(); }
-  // A StdLogger on standard error; empty if there is no memory for it.
+  // Returns the sink with which a hub starts, a StdLogger on standard error; empty if there is no
+  // memory for it.
   static Ref<Logger> theDefaultLogger();
 
   Log();
@@ -195,9 +204,9 @@ struct YUTILS_EXPORT Log : Object {
   Log& operator=(const Log&) = delete;
   ~Log() override;
 
-  // Returns the number of a category. A new name adds one, with the hub's settings. Numbers count
-  // from 0 and stay valid. Returns (unsigned)-1, which is never the number of a category, if there
-  // is no memory. Names are case-sensitive.
+  // Returns the number of a category; a new name adds a category, with the hub's settings. Numbers
+  // count from 0 and stay valid. Returns (unsigned)-1, which is never the number of a category, if
+  // there is no memory. Names are case-sensitive; a null name counts as empty.
   unsigned getCategory(const char* name);
   // The same, and sets the category's level, flag and verbosity, even if it existed before.
   unsigned getCategory(const char* name, int level, bool enabled, unsigned verbosity);
@@ -212,7 +221,7 @@ struct YUTILS_EXPORT Log : Object {
   void print(MessageClass cls, const char* category, int level, const char* file, unsigned line,
              const char* format, ...) __attribute__((format(printf, 7, 8)));
 
-  // Returns whether such a message would pass.
+  // Returns true if such a message would pass.
   bool willPrint(MessageClass cls, unsigned cat, int level) {
     if (__builtin_expect(cat >= categories_.size(), false)) return false;
     const LogCat& category = *categories_[cat];
@@ -220,14 +229,15 @@ struct YUTILS_EXPORT Log : Object {
       return false;
     return cls < classes_.size() && classes_[cls].logger_.valid();
   }
-  bool willPrint(MessageClass cls, const char* category, int level);
+  bool willPrint(MessageClass cls, const char* category, int level);  // adds a new name, too
 
-  // The sink of all classes, or of one; null for none.
+  // Set the sink of all classes, or of one; null for none. The hub owns it by Refs.
   void setLogger(Logger* logger);
   void setLogger(MessageClass cls, Logger* logger);
 
-  // Without a category number: sets the default for new categories and overwrites all existing
-  // ones. With an unknown number, setters do nothing and getters return the hub's value.
+  // Setters without a category number set the hub's value, which new categories get, and that of
+  // all existing categories. With an unknown number, setters do nothing and getters return the
+  // hub's value.
   void setLevel(int level);
   void setLevel(unsigned cat, int level);
   int level() const { return level_; }
@@ -236,7 +246,7 @@ struct YUTILS_EXPORT Log : Object {
   void setEnabled(unsigned cat, bool enabled);
   bool enabled() const { return enabled_; }
   bool enabled(unsigned cat) const;
-  void setVerbosity(unsigned verbosity);  // also that of the lines
+  void setVerbosity(unsigned verbosity);  // the hub's value also selects the header of the lines
   void setVerbosity(unsigned cat, unsigned verbosity);
   unsigned verbosity() const { return verbosity_; }
   unsigned verbosity(unsigned cat) const;

@@ -6,10 +6,11 @@
 // of an object takes the count of its source, and an assignment overwrites the count: do not copy
 // or assign an object that a Ref holds.
 //
-// No operation reports a failure.
+// Only new reports a failure: it returns null if there is no memory.
 //
-// Thread safety: counts are plain numbers; the caller serialises every copy, assignment and
-// destruction of a Ref to one object.
+// Thread safety: counts are not atomic; the caller serialises the creation, copying, assignment and
+// destruction of all Refs to one object. new and delete use the process allocator, whose calls the
+// caller serialises (allocator.h).
 #pragma once
 
 #include <cstddef>
@@ -32,12 +33,12 @@ struct YUTILS_EXPORT Countable {
   ~Countable() {}
 
  private:
-  friend struct SinkHold;  // the one that counts atomically (log.cpp)
+  friend struct SinkHold;  // changes the count atomically (log.cpp)
 
   unsigned refCount_;
 };
 
-// Uses the memory of the process allocator, also if a program outside the library creates it.
+// An object created with new lies in memory of the process allocator, also in a program's own code.
 struct YUTILS_EXPORT Object : Countable {
   Object() {}
   Object(const Object&) = default;

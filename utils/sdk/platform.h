@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
-// The services that the library calls beside the system interface of ysys.h.
+// The services of the system layer that the library calls beside those of ysys.h.
 //
 // Their names and argument lists are part of the library's design; `ysys/` implements them for
 // Linux. No service uses the library's allocation operators, and none is a cancellation point.
 //
-// Thread safety: all may be called from any task.
+// Thread safety: all services may be called from several tasks at once.
 #pragma once
 
 #include <cstdarg>
@@ -19,15 +19,16 @@ extern "C" {
 void OutputDebugStringA(const char* text) noexcept;
 
 // Shows a message and returns 1 when it was answered. Uses a dialog if there is a display and one
-// of the usual dialog programs; else asks on the controlling terminal and waits for Enter; else
-// prints to standard error and returns at once. `owner` and `type` are ignored.
+// of the usual dialog programs; else, in the foreground of a controlling terminal, asks there and
+// waits for Enter; else prints to standard error and returns at once. `owner` and `type` are
+// ignored.
 int MessageBoxA(void* owner, const char* text, const char* caption, unsigned int type) noexcept;
 
 // Prints the format with its arguments and a line end to a stream of the runtime library, and
 // flushes the stream. A line is written whole, also to a pipe that does not block: the call waits
-// for room. Only a line of more than 1023 bytes, for which malloc has no memory, may lose its end
-// there. A pipe without a reader and the limit on file sizes raise no signal; the rest of the line
-// is dropped.
+// for room. Only a line of more than 1023 bytes for which malloc has no memory may lose its end on
+// such a pipe. A pipe without a reader and the limit on file sizes raise no signal; the rest of the
+// line is dropped.
 void YfPrintLine(std::FILE* stream, const char* format, std::va_list args) noexcept;
 
 // Returns as strncmp does for the first `limit` bytes, with upper and lower case alike in the

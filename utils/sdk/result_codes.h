@@ -3,7 +3,7 @@
 //
 // A result code is a 32-bit number: bit 31 is set for a failure and clear for a success. Programs
 // may use any other code beside these. result.h has the texts, which the codes have from the start,
-// and the last error of each task.
+// and the last error of each task. Thread safety: constants only.
 #pragma once
 
 namespace Utils {

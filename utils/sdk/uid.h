@@ -29,8 +29,9 @@ struct YUTILS_EXPORT UID {
   UID();  // a new identifier of this machine
   UID(unsigned machineNum, unsigned timeBits, unsigned tickBits)
       : machineNum_(machineNum), timeBits_(timeBits), tickBits_(tickBits) {}
-  // Reads the text form, each word as strtoul reads it: a word ends at the first character that is
-  // not a digit, and a missing word is 0. A null `text` counts as empty, the null identifier.
+  // Reads the text form: two words of 8 characters each, and the rest as the third. Each is read as
+  // strtoul reads it, in base 16: only up to its first character that is not a digit. A missing
+  // word is 0. A null `text` counts as empty, the null identifier.
   UID(const char* text);
   UID(const UID&) = default;
   UID& operator=(const UID&) = default;
@@ -41,9 +42,9 @@ struct YUTILS_EXPORT UID {
   unsigned timeBits() const { return timeBits_; }
   unsigned tickBits() const { return tickBits_; }
   bool valid() const { return (machineNum_ | timeBits_ | tickBits_) != 0; }  // not null
-  // True if valid and of a second before 1997-08-11 17:02:55 UTC, which no clock reaches any more.
+  // True if valid and of a second before 1997-08-11 17:02:55 UTC, which no right clock shows now.
   bool isReserved() const { return valid() && timeBits_ < 0x10000000u; }
-  String asText();
+  String asText();  // returns the text form; empty if there is no memory
 
   // Returns 1 if `other` is greater, -1 if this one is, 0 if they are equal.
   int compare(const UID& other) const;
@@ -57,8 +58,8 @@ struct YUTILS_EXPORT UID {
   std::strong_ordering operator<=>(const UID& other) const { return 0 <=> compare(other); }
 #endif
 
-  // The machine number of the identifiers created from then on. 0 stands for the default,
-  // 0xC0D1F1ED.
+  // Sets the machine number of the identifiers that are created from then on. 0 stands for the
+  // default, 0xC0D1F1ED.
   static void ourMachineNum(unsigned n) { ourMachineNum_ = n; }
   static unsigned ourMachineNum() {
     if (ourMachineNum_ == 0) ourMachineNum_ = 0xC0D1F1EDu;
@@ -71,7 +72,7 @@ struct YUTILS_EXPORT UID {
  private:
   static constexpr unsigned EPOCH = 0x23EF45BFu;  // in seconds since 1970
 
-  static unsigned systemSeconds();  // since 1970, if std::time fails
+  static unsigned systemSeconds();  // since 1970; called if std::time fails
 
   // The second and running number of the latest identifier of the process. Exported data, so that
   // every library that compiles the constructor inline shares them.

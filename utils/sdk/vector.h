@@ -3,8 +3,8 @@
 //
 // All logic is in VectorBase, which knows no element type. Vector<T> has the storage and forwards;
 // a TemplOps table holds the functions that create, copy, compare and blank elements and the
-// offsets of the typed fields. Elements are values, stored consecutively in the order in which the
-// operations left them. Not sorted: a search is linear.
+// offsets of the typed fields. Elements are values, stored consecutively and never sorted: a search
+// is linear.
 //
 //   bytes, 32-bit   0 size_   4 capacity_   8 data_          12 in all
 //   bytes, 64-bit   0 size_   4 capacity_   8 data_          16 in all
@@ -13,9 +13,10 @@
 // hold no element: they are as newVec_ made them, or blank. Example: five adds to a new vector
 // leave size_ 5, capacity_ 8, and slots 5 to 7 as they were made.
 //
-// Memory comes from the process allocator. If there is none, the vector is unchanged.
+// Storage comes from the process allocator. If there is no memory, the vector is unchanged.
 //
-// Thread safety: the caller serialises all operations on a vector.
+// Thread safety: the caller serialises all operations on a vector, and those that allocate or free
+// with all others that do so (allocator.h).
 #pragma once
 
 #include <cstddef>
@@ -31,9 +32,9 @@ namespace Utils {
 // The properties of a container type that untyped code uses. Constant data, one for each type.
 struct TemplOps {
   unsigned elemSize_;  // bytes of an element
-  // Returns storage for that many elements, null if there is no memory.
+  // Returns storage with that many slots, null if there is no memory.
   void* (*newVec_)(unsigned count);
-  // Destroys all slots of such a storage and frees it. Null is allowed.
+  // Destroys all slots of a storage of newVec_ and frees it. Does nothing for null.
   void (*deleteVec_)(void* block);
   // Assigns the element at src to the slot at dst. Null for elements that are copied as bytes.
   void (*copyOp_)(void* dst, const void* src);
@@ -47,8 +48,8 @@ struct TemplOps {
 };
 
 // The untyped core. `ops` is the table of the vector, `self` the address of the typed object.
-// `item` and `items` are elements of its type, which may be in the vector itself unless stated
-// otherwise; null `items` count as no items.
+// `item` and `items` point to elements of its type, which may be in the vector itself unless stated
+// otherwise. In add, insert and remove, null `items` count as no items.
 struct YUTILS_EXPORT VectorBase {
   VectorBase() { init(); }
 
@@ -58,8 +59,8 @@ struct YUTILS_EXPORT VectorBase {
   // Makes room for n elements in all. Does nothing if there is no memory.
   void resizeFor(unsigned n, const TemplOps& ops, void* self);
 
-  // Returns true if there is an equal element. Sets `index` to that of the first one, else to
-  // size_.
+  // Returns true if there is an equal element, and sets `index` to that of the first one. Else
+  // returns false and sets it to size_.
   bool locate(const void* item, unsigned& index, const TemplOps& ops, const void* self) const;
 
   // Appends an element and returns its index. Returns (unsigned)-1, and changes nothing, if there
@@ -81,10 +82,11 @@ struct YUTILS_EXPORT VectorBase {
   bool removeAtOrdered(unsigned index, const TemplOps& ops, void* self);
   bool removeAt(unsigned from, unsigned to, const TemplOps& ops, void* self);
 
-  // Sets the number of elements; the storage never shrinks. New elements are blank or as the
-  // storage was made. Changes nothing if there is no memory.
+  // Set the number of elements. sizeTo never shrinks the storage; sizeToExact also sets the
+  // capacity to n. New elements are blank or as newVec_ made them. Change nothing if there is no
+  // memory.
   void sizeTo(unsigned n, const TemplOps& ops, void* self);
-  void sizeToExact(unsigned n, const TemplOps& ops, void* self);  // sets the capacity too
+  void sizeToExact(unsigned n, const TemplOps& ops, void* self);
 
   void purge(void* self, const TemplOps& ops);  // back to the new state; frees the storage
 
@@ -93,8 +95,8 @@ struct YUTILS_EXPORT VectorBase {
   void vectorCopyOp(const void* items, unsigned count, const TemplOps& ops, void* self);
 
   // Removes for each of the items the first element that is equal to it. Returns true if there was
-  // one for each. The vector's own storage as `items` empties the vector; no other items may be in
-  // the vector.
+  // one for each. The vector's own storage as `items` empties the vector. Requires: no other items
+  // are in the vector.
   bool remove(const void* items, unsigned count, const TemplOps& ops, void* self);
 
   unsigned size_;
@@ -116,11 +118,11 @@ struct HasEquality : std::false_type {};
 template <class T>
 struct HasEquality<T, std::void_t<decltype(anElement<T>() == anElement<T>())>> : std::true_type {};
 
-// A vector of T. Requires: T has an alignment of at most 8, a default constructor and assignment,
-// and operator== if elements are searched or compared. Class elements are constructed with the
-// storage and destroyed with it. Elements that need no construction, such as numbers and pointers,
-// have unspecified values if sizeTo or sizeToExact adds them. References and pointers to elements
-// are valid until the next operation that adds or removes elements.
+// A vector of T. Requires: T has a default constructor, assignment and an alignment of at most 8; T
+// has == if elements are searched or compared. Class elements are constructed with the storage and
+// destroyed with it. Elements that need no construction, such as numbers and pointers, have
+// unspecified values if sizeTo or sizeToExact adds them. References and pointers to elements: valid
+// until the next operation that adds, removes or replaces elements.
 template <class T>
 struct YUTILS_EXPORT Vector : VectorBase {
   Vector() { init(); }
@@ -130,7 +132,8 @@ struct YUTILS_EXPORT Vector : VectorBase {
   }
   ~Vector() { purge(); }
 
-  // Fits the capacity to the elements. Keeps the old elements if there is no memory.
+  // The new capacity is that to which appending the elements to a new vector leads: 8 for 5
+  // elements. Keeps the old elements if there is no memory.
   Vector& operator=(const Vector& other) {
     VectorBase::vectorCopyOp(other.data_, other.size_, coreOps(), this);
     return *this;
@@ -237,8 +240,8 @@ struct YUTILS_EXPORT Vector : VectorBase {
   static const TemplOps ops_;
 
  private:
-  // Bytes for the number of slots, before slots that must be destroyed one by one. 8 keeps the
-  // slots aligned.
+  // Bytes before the slots, in which their number is stored if they must be destroyed one by one. 8
+  // bytes keep the slots aligned.
   static constexpr unsigned COUNT_ROOM = 8;
 
   static constexpr TemplOps tableWith(void (*copyOp)(void*, const void*)) {

@@ -11,11 +11,14 @@
 //   bytes, 32-bit   0 weight_   4 left_   8 right_   12 key
 //   bytes, 64-bit   0 weight_   8 left_  16 right_   24 key
 //
-// A node's weight is the number of nodes in its subtree plus one; the empty subtree weighs 1. With
-// a and b the weights of a node's left and right subtree, the tree keeps a * 29 <= b * 70 and a *
-// 239 >= b * 99. Up to 237 nodes this holds without exception; in larger trees one case at the
-// exact limit can leave a node one step outside, and the depth stays logarithmic. Example: after
-// the insertion of 1 to 7 in order, 4 is the root with weight 8, above 2 and 6 with weight 4.
+// A node's weight is the number of nodes in its subtree plus one; the empty subtree weighs 1. If a
+// and b are the weights of a node's left and right subtree, then
+//
+//   a * 29 <= b * 70   and   a * 239 >= b * 99
+//
+// Up to 237 nodes this holds without exception; in larger trees one case at the exact limit can
+// leave a node one step outside, and the depth stays logarithmic. Example: after the insertion of 1
+// to 7 in order, 4 is the root with weight 8, above 2 and 6 with weight 4.
 //
 // Thread safety: the caller serialises all operations on a tree.
 #pragma once
@@ -55,19 +58,20 @@ static_assert(sizeof(WTreeNodeBase) == 3 * sizeof(void*), "the key lies directly
 
 // Operations take time logarithmic in the number of nodes, with two exceptions: size() and depth()
 // visit every node, and a range removal also visits every node that it removes. A copy shares the
-// nodes of the original: after copying, only one of the two may be changed.
+// nodes of the original. Requires: only one of the two is changed from then on.
 struct YUTILS_EXPORT WTreeBase {
   WTreeBase() : top_(nullptr) {}
 
-  // Inserts a node; the tree borrows it until it is removed. Returns false, and inserts nothing, if
-  // the tree has an equal key.
+  // Inserts a node. Borrows it until it is removed. Returns false, and inserts nothing, if the tree
+  // has an equal key.
   bool insert(WTreeNodeBase* node, WTreeCompare before);
 
   // Removes the node whose key equals that of `node`, which may be the node itself or a probe of
   // which only the key is read. Returns the removed node, null if there is none.
   WTreeNodeBase* remove(WTreeNodeBase* node, WTreeCompare before);
 
-  // Does the same with the first node whose key is not before that of `node`: the best fit.
+  // Removes and returns the first node whose key is not before that of `node`: the best fit. Null
+  // if there is none.
   WTreeNodeBase* removesup(WTreeNodeBase* node, WTreeCompare before);
 
   // Returns the first node after the key of `node`, which need not be in the tree; null if there is
@@ -82,12 +86,12 @@ struct YUTILS_EXPORT WTreeBase {
  protected:
   friend struct WTreeSteps;
 
-  // Each of these works on the subtree at `link`, the address of top_ or of a child link.
+  // Operations with a `link` work on the subtree there: it is the address of top_ or a child link.
 
   static unsigned wt(const WTreeNodeBase* node) { return node ? node->weight_ : 1; }
 
-  // Restores the weight and balance of the node at `link` after one node was inserted or removed
-  // below it, by at most one single or double rotation. Requires: *link is not null.
+  // Restores the weight and the balance of the node at `link`, by at most one single or double
+  // rotation, after one node was inserted or removed below it. Requires: *link is not null.
   static void adjust(WTreeNodeBase** link);
   static void lrot(WTreeNodeBase** link);  // raises the right child; Requires: there is one
   static void rrot(WTreeNodeBase** link);  // raises the left child; Requires: there is one

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
-// The system interface, through which alone the library uses the operating system.
+// The system interface: the library uses the operating system only through it, the services of
+// platform.h and the runtime library.
 //
 // 29 plain functions in nine families and one assertion report. `ysys/` implements them for Linux;
-// a system that keeps these contracts runs the whole library. No operation logs, throws, or uses
-// the library's allocation operators. All operations work from the moment the library is loaded.
+// the library runs on every system for which these contracts are kept. No operation logs, throws,
+// or uses the library's allocation operators. All operations work from the moment the library is
+// loaded.
 //
 // In the child of a fork the task that forked keeps its identity and all that it held, as often as
 // it had entered; scopes may span the fork, and handlers of pthread_atfork may enter before it and
@@ -72,7 +74,7 @@ int YIF_WaitEventTimed(YIF_Handle event, double seconds) noexcept;
 // The same for cooperative events, which have no reset and no timed wait. A task that starts to
 // wait may be released before one that waits already. A cooperative event that is created with the
 // arguments 0 and 1 is the ticket of a lock: in the child of a fork it is clear only if the task
-// that forked was released and no task has set the event since.
+// that forked was the last that it released and no task has set it since.
 YIF_Handle YIF_CreateEventCoop(int manualReset, int initiallySet) noexcept;
 void YIF_DestroyEventCoop(YIF_Handle event) noexcept;
 void YIF_SetEventCoop(YIF_Handle event) noexcept;
@@ -80,15 +82,16 @@ void YIF_WaitEventCoop(YIF_Handle event) noexcept;
 
 // --- Raw memory ---
 
-// Reserves the address window from which memory is allocated; further calls do nothing. The
-// argument is 0.
+// Reserves the address window from which memory is allocated; further calls do nothing. The first
+// YIF_MemAlloc reserves it if this was not called. The argument is 0.
 void YIF_MemInit(unsigned int flags) noexcept;
 
 // Returns `size` zero-filled bytes, aligned to 16 and never freed; null if there is no memory.
 // Sizes are rounded up to 16 (0 counts as 1). Up to 2^26 bytes come from the window, each request
 // directly after the one before; a larger request gets a mapping of its own, so that it never lies
-// between two chunks. The window takes at most half of the addresses that a limit leaves when it is
-// reserved, and at most 4 GiB (1 GiB with 32-bit pointers); it does not grow.
+// between two chunks. The window takes at most half of the addresses that a limit on the address
+// space leaves when it is reserved, and at most 4 GiB (1 GiB with 32-bit pointers); it does not
+// grow.
 void* YIF_MemAlloc(unsigned int size) noexcept;
 
 // --- Configuration ---
@@ -136,7 +139,7 @@ void YIF_Close(YIF_Handle file) noexcept;
 // --- Assertion ---
 
 // Reports on standard error that `condition` does not hold at `line` of `file`, and stops the
-// process. The caller calls it if its test failed. Two conditions report that memory has run out,
+// process. The caller has tested the condition. Two conditions report that memory has run out,
 // "m" of utils/sdk/allocator and "h" of utils/sdk/alloc: for each of them only the first call
 // prints, and every call returns. If the environment variable YSYS_ASSERT is "continue", every call
 // prints and returns; if it is "stop", every call prints and stops the process.

@@ -12,17 +12,16 @@
 //   3. The blocks in the lists of small blocks are free, and have the size of their list.
 //   4. The totals of free memory are the sums of the free blocks.
 //   5. A free block of the chain has at least 1024 bytes (MemoryBank: 32).
-//   6. In the first 64 MiB of a chain no two neighbours are free. Later in the chain their sum may
-//   be
-//      or may have been too large for a head word.
+//   6. In the first 64 MiB of a chain no two neighbours are free. Later in the chain two may be:
+//      their sum can be too large for a head word, or can have been when they were freed.
 //   7. The tree (the bins) holds no block twice, and only free blocks of the chain.
 //   8. The tree is balanced (wtree.h).
 //   9. The lists of small blocks hold no block twice, and each lies in a page: a busy block of the
 //      chain of at least 10240 bytes.
 //
-// checkArena() checks 1 to 4, except for the lowest bit of the tails: it reports a damaged block
-// and fails an assertion, which stops the process by default. The functions below call it, then
-// check the rest. In a chain that was cut (alloc.h) they check 1 to 4 and 8 only.
+// checkArena() checks 1 to 4, except for the lowest bit of the tails: it reports a damaged block,
+// and an assertion fails, which stops the process by default. The functions below call it, then
+// check the rest. In a chain that was cut (alloc.h) they check only 1 to 4, and 8.
 //
 // Header-only, independent of any test framework; allocates from the program's own heap. Takes
 // n log n steps for n blocks. Thread safety: the caller serialises, as for every call on the arena.

@@ -10,11 +10,13 @@
 //
 // While an object lives, the storage of the process allocator holds an allocator of a derived class
 // with the same state: the chunks, the blocks, the totals and every operation are those of the
-// process allocator, and blocks that it gave out before are freed as usual. Only alloc() may fail.
+// process allocator, and blocks that were allocated before are freed as usual. Only alloc() may
+// fail.
 //
-// Requires: one object at a time; one task uses the library as long as it lives. A program calls
-// theAllocator() anew after the object is created or destroyed, and does not use a pointer from
-// before.
+// Requires: one object lives at a time. A program calls theAllocator() anew after the object is
+// created or destroyed, and does not use a pointer from before.
+//
+// Thread safety: one task alone uses the library while an object lives.
 #pragma once
 
 #include <new>
@@ -32,12 +34,13 @@ struct FailingAllocator {
   FailingAllocator(const FailingAllocator&) = delete;
   FailingAllocator& operator=(const FailingAllocator&) = delete;
 
-  // Requests from the nth on, or the nth alone, return null. Counted from 1, from now; 0 for none.
+  // Let the requests from the nth on, or the nth alone, return null. The next request is the first;
+  // 0 lets none fail.
   void failFrom(unsigned nth) { fail(nth, false); }
   void failOnly(unsigned nth) { fail(nth, true); }
 
-  bool failed() const { return asked_ >= nth_ && nth_ != 0; }  // whether the nth was reached
-  unsigned asked() const { return asked_; }                    // requests since the last change
+  bool failed() const { return asked_ >= nth_ && nth_ != 0; }  // true if the nth was reached
+  unsigned asked() const { return asked_; }  // requests since the last failFrom or failOnly
 
  private:
   struct Counting : MemoryAllocator {

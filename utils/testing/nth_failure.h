@@ -12,13 +12,15 @@
 //   assert(rounds == 2);  // one request, which fails in the first round
 //
 // Not bound to an allocator: attempt decides which requests it counts, and how they fail.
+//
+// Thread safety: that of attempt; the loop has no state of its own.
 #pragma once
 
 namespace Utils::Testing {
 
-// Calls attempt(1), attempt(2), ... until it returns true, at most `most` times. Attempt runs the
-// operation with its nth request and all later ones failing, and returns whether it met no failure.
-// Returns the number of calls, or 0 if none returned true.
+// Calls attempt(1), attempt(2), ... until it returns true, at most `most` times. attempt(n) runs
+// the operation, lets its nth request fail, and returns true if no request failed. Returns the
+// number of calls, or 0 if none returned true.
 template <class Attempt>
 unsigned failEveryNth(unsigned most, Attempt attempt) {
   for (unsigned n = 1; n <= most; n++) {

@@ -4,13 +4,13 @@
 //   const Utils::Ref<Utils::Testing::RecordingSink> sink(new Utils::Testing::RecordingSink);
 //   Utils::Log::theLog()->setLogger(sink.operator->());
 //   Utils::raiseError(0x80040001);
-//   const auto lines = sink->take();  // {{Utils::Error, "error|utils|Raising error: File not
-//   found"}}
+//   const auto lines = sink->take();
+//   // lines is {{Utils::Error, "error|utils|Raising error: File not found"}}
 //
 // The lines lie in memory of the program's own operator new, not of the process allocator, so they
 // are kept while a FailingAllocator (failing_allocator.h) lives.
 //
-// Thread safety: the caller serialises, so only one task may print.
+// Thread safety: the caller serialises all operations on a sink, print included.
 #pragma once
 
 #include <cerrno>
@@ -36,7 +36,7 @@ struct RecordingSink : Logger {
     const int size = std::vsnprintf(nullptr, 0, format, again);
     va_end(again);
     std::string text(size > 0 ? static_cast<std::size_t>(size) : 0, '\0');
-    errno = error;  // which %m reads
+    errno = error;  // %m in the format expands to it
     if (size > 0) std::vsnprintf(text.data(), text.size() + 1, format, args);
     lines_.emplace_back(cls, std::move(text));
     errno = error;

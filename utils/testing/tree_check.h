@@ -6,8 +6,8 @@
 //
 //   EXPECT_EQ(Utils::Testing::brokenInvariant(tree), "");
 //
-// Damaged links may lead anywhere, so a check finds wrong links, not dangling ones: every link must
-// be null or lead to a node. A cycle ends the visit at the bound on the depth.
+// A check finds links that lead to a wrong node. Requires: every link is null or leads to a node. A
+// visit that follows a cycle ends at the bound on the depth.
 //
 // Thread safety: the caller serialises, as for every operation on the tree.
 #pragma once
@@ -119,7 +119,7 @@ struct WTreeVisit : TreeVisit {
   const WTreeNodeBase* last_ = nullptr;  // visited last, in order
 };
 
-// `before` is the comparison that the tree was built with.
+// Requires: `before` is the comparison with which the nodes were inserted.
 inline std::string brokenInvariant(const WTreeBase& tree, WTreeCompare before) {
   WTreeVisit check(before);
   check.visit(tree.top());

@@ -219,8 +219,6 @@ TEST_F(Arena, NumbersOfAFirstChunk) {
   void* mem = arena_.alloc(1);
   EXPECT_THAT(parent_.sizes_, ElementsAre(131072u));
   EXPECT_EQ(arena_.size(mem), 32u);
-  EXPECT_EQ(arena_.list(5).size(), 318u);
-  EXPECT_EQ(arena_.allocatedMemory(), 10280u);
   EXPECT_EQ(arena_.internalFree(), 130992u);
   arena_.free(arena_.alloc(100000));
   EXPECT_EQ(reportOf(arena_),
@@ -253,22 +251,12 @@ TEST_F(Arena, StepsOfSmallAndLostBlocks) {
 using BankNumbers = OnScriptedChunks<OpenBank>;
 
 TEST_F(BankNumbers, OfAFirstChunk) {
-  void* mem = arena_.alloc(0);
+  arena_.alloc(0);
   EXPECT_THAT(parent_.sizes_, ElementsAre(131072u));
-  EXPECT_EQ(arena_.size(mem), 32u);
-  EXPECT_EQ(arena_.bin(16).size(), 1u);
   EXPECT_EQ(reportOf(arena_),
             "Arenas: \nArena Count  Used       Free Biggest\n"
             "    5      1      32       0 32\n"
             "   16      1       0  131032 131032\n");
-  arena_.free(mem);
-  EXPECT_THAT(arena_.bin(16), ElementsAre(mem));
-  arena_.alloc(131056);
-  EXPECT_EQ(parent_.sizes_.size(), 1u) << "the own bin has a block of just that size";
-  arena_.alloc(131056);
-  EXPECT_EQ(parent_.sizes_.back(), 131088u);
-  EXPECT_EQ(arena_.internalFree(), 0u)
-      << "of 131088 bytes 24 more than asked for are not split off";
 }
 
 // With free blocks that checkArena() accepts: beside another one, and inside a busy block.

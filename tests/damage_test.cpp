@@ -4,7 +4,6 @@
 // overlap, and the walk must name the damaged block.
 #include <cstdio>
 #include <cstring>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -34,18 +33,19 @@ constexpr unsigned LABEL = sizeof(Utils::MemHead) - 4;
 
 // Of a free block, at that offset from its head.
 Word wordOf(const char* head, unsigned offset, Kind kind, bool isOfChain, unsigned bytes = 4) {
-  return {const_cast<char*>(head) + offset, head, kind, isOfChain, OpenArena::wordAt(head), bytes};
+  return {const_cast<char*>(head) + offset, head, kind, isOfChain,
+          ChainBlocks::wordAt(head),        bytes};
 }
 
 // The words that the arena keeps beside heads and tails.
 void addOwnWords(std::vector<Word>& words, const OpenArena& arena) {
-  for (const auto& block : arena.chain()) {
-    if (block.busy()) continue;
-    words.push_back(wordOf(block.head_, 4, Kind::LINK, true));
-    words.push_back(wordOf(block.head_, 4 + POINTER, Kind::LINK, true, POINTER));
-    words.push_back(wordOf(block.head_, 4 + 2 * POINTER, Kind::LINK, true, POINTER));
-    words.push_back(wordOf(block.head_, LABEL, Kind::LABEL, true));
-    words.push_back(wordOf(block.head_, LABEL + 4, Kind::HINT, true, POINTER));
+  for (const auto& [head, word] : arena.chain()) {
+    if (ChainBlocks::isBusy(word)) continue;
+    words.push_back(wordOf(head, 4, Kind::LINK, true));
+    words.push_back(wordOf(head, 4 + POINTER, Kind::LINK, true, POINTER));
+    words.push_back(wordOf(head, 4 + 2 * POINTER, Kind::LINK, true, POINTER));
+    words.push_back(wordOf(head, LABEL, Kind::LABEL, true));
+    words.push_back(wordOf(head, LABEL + 4, Kind::HINT, true, POINTER));
   }
   for (unsigned k = 5; k < 10; k++) {
     const auto list = arena.list(k);
@@ -58,11 +58,11 @@ void addOwnWords(std::vector<Word>& words, const OpenArena& arena) {
 }
 
 void addOwnWords(std::vector<Word>& words, const OpenBank& bank) {
-  for (const auto& block : bank.chain()) {
-    if (block.busy()) continue;
-    words.push_back(wordOf(block.head_, 4, Kind::LINK, true, POINTER));
-    words.push_back(wordOf(block.head_, 4 + POINTER, Kind::LINK, true, POINTER));
-    words.push_back(wordOf(block.head_, 4 + 2 * POINTER, Kind::LABEL, true));
+  for (const auto& [head, word] : bank.chain()) {
+    if (ChainBlocks::isBusy(word)) continue;
+    words.push_back(wordOf(head, 4, Kind::LINK, true, POINTER));
+    words.push_back(wordOf(head, 4 + POINTER, Kind::LINK, true, POINTER));
+    words.push_back(wordOf(head, 4 + 2 * POINTER, Kind::LABEL, true));
   }
 }
 
@@ -104,17 +104,17 @@ struct Damage : testing::Test {
 
   std::vector<Word> words() const {
     std::vector<Word> all;
-    std::set<const char*> heads;
-    for (const auto& block : arena_.chain()) {
-      char* head = const_cast<char*>(*heads.insert(block.head_).first);
-      all.push_back({head, head, Kind::HEAD, true, block.size()});
-      all.push_back({head + block.size() - 4, head, Kind::TAIL, true, block.size()});
+    const auto chain = arena_.chain();
+    for (const auto& [head, word] : chain) {
+      const unsigned size = ChainBlocks::sizeOf(word);
+      all.push_back({const_cast<char*>(head), head, Kind::HEAD, true, size});
+      all.push_back({const_cast<char*>(head) + size - 4, head, Kind::TAIL, true, size});
     }
-    all.push_back({parent_.base_ + CHUNK - 4, *heads.rbegin(), Kind::HEAD, true});
+    all.push_back({parent_.base_ + CHUNK - 4, chain.rbegin()->first, Kind::HEAD, true});
     all.push_back({parent_.base_, nullptr, Kind::HINT, true});
     for (const Held& held : held_) {
       char* head = held.mem_ - 4;
-      if (heads.count(head) == 0) all.push_back({head, head, Kind::HEAD, false});
+      if (chain.count(head) == 0) all.push_back({head, head, Kind::HEAD, false});
     }
     addOwnWords(all, arena_);
     return all;

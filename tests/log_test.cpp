@@ -19,10 +19,10 @@
 #include "gmock/gmock.h"
 #include "support/child_process.h"
 #include "support/huge_text.h"
-#include "support/recording_sink.h"
 #include "support/seed.h"
 #include "support/temporary_directory.h"
 #include "utils/testing/failing_allocator.h"
+#include "utils/testing/recording_sink.h"
 
 namespace {
 
@@ -42,6 +42,13 @@ std::string randomText(Random& random, std::size_t size) {
 
 const std::string _errnoFormat = "%m, %s";  // pedantic compilers know no such literal
 const std::string _noEntry = std::string(std::strerror(ENOENT)) + ", end";
+
+// Counted when it is destroyed.
+struct RecordingSink : Testing::RecordingSink {
+  ~RecordingSink() override { ended_++; }
+
+  static inline int ended_ = 0;  // sinks of this class
+};
 
 unsigned held() { return Allocator::theAllocator()->allocatedMemory(); }
 

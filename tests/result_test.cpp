@@ -8,15 +8,15 @@
 #include <vector>
 
 #include "gmock/gmock.h"
-#include "support/recording_sink.h"
 #include "utils/testing/failing_allocator.h"
+#include "utils/testing/recording_sink.h"
 
 namespace {
 
 using namespace Utils;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using Utils::Testing::FailingAllocator;
+using namespace Utils::Testing;
 
 static_assert(succeeded(0) && succeeded(0x7fffffff));
 static_assert(!succeeded(0x80000000) && !succeeded(0xffffffff));

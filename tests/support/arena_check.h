@@ -3,39 +3,25 @@
 #pragma once
 
 #include <cstring>
+#include <map>
 #include <vector>
 
 #include "gtest/gtest.h"
 #include "utils/testing/arena_check.h"
 
+using Utils::Testing::Internal::ChainBlocks;
+
 template <class Arena>
 struct OpenChain : Arena {
   using Arena::Arena;
 
-  struct Block {
-    const char* head_;
-    unsigned word_;
-
-    bool busy() const { return (word_ & 1) != 0; }
-    unsigned size() const { return word_ & 0x3fffffe; }
-  };
-
-  static unsigned wordAt(const char* address) {
-    unsigned word;
-    std::memcpy(&word, address, sizeof word);
-    return word;
-  }
-
   void check() const { EXPECT_EQ(Utils::Testing::brokenInvariant(*this), ""); }
 
-  // The chain as the walk shows it.
-  std::vector<Block> chain() const {
-    std::vector<Block> blocks;
-    for (void* mem = this->firstBlock(); mem; mem = this->nextBlock(mem)) {
-      const char* head = static_cast<const char*>(mem) - 4;
-      blocks.push_back({head, wordAt(head)});
-    }
-    return blocks;
+  // The chain as the walk shows it: the head word of each block. Requires: the tails are whole.
+  std::map<const char*, unsigned> chain() const {
+    ChainBlocks blocks;
+    blocks.collect(*this, 0);
+    return blocks.all_;
   }
 };
 
@@ -75,18 +61,4 @@ struct OpenBank : OpenChain<Utils::MemoryBank> {
   using MemoryBank::MemHead;
   using MemoryBank::splitBlock;
   using OpenChain::OpenChain;
-
-  // The memory of the blocks of a bin, in order.
-  std::vector<void*> bin(unsigned k) const {
-    std::vector<void*> blocks;
-    for (MemHead* h = bins_[k]; h && blocks.size() < 1000000; h = h->next_) {
-      EXPECT_EQ(h->prev_, blocks.empty() ? nullptr : headOf(blocks.back()));
-      blocks.push_back(reinterpret_cast<char*>(h) + 4);
-    }
-    return blocks;
-  }
-
-  static MemHead* headOf(void* mem) {
-    return reinterpret_cast<MemHead*>(static_cast<char*>(mem) - 4);
-  }
 };

@@ -59,7 +59,7 @@ struct ArenaRun {
     if (areaStride != 0 && usedAreas_ < AREAS && random_.below(50) == 0)
       parent_.placeAt(std::size_t{usedAreas_++ * areaStride % AREAS} * (10 << 20));
     if (random_.below(20) == 0) parent_.skip(16 * random_.below(1000));
-    parent_.failFrom(random_.below(30) == 0 ? 1 : 0);
+    parent_.fails_ = random_.below(30) == 0;
   }
 
   unsigned someSize(unsigned bits) {

@@ -12,16 +12,14 @@
 struct Counted {
   Counted() : Counted(0) {}
   Counted(int value) : self_(this), value_(value) {
-    constructed_++;
     live_++;
     held(1);
   }
-  Counted(const Counted& other) : Counted(other.value()) { copied_++; }
+  Counted(const Counted& other) : Counted(other.value()) {}
   Counted& operator=(const Counted& other) {
     held(-1);
     value_ = other.value();
     held(1);
-    copied_++;
     return *this;
   }
   ~Counted() {
@@ -39,11 +37,9 @@ struct Counted {
   static void reset() {
     EXPECT_EQ(live_, 0);
     EXPECT_EQ(holding_, 0);
-    constructed_ = copied_ = live_ = holding_ = 0;
+    live_ = holding_ = 0;
   }
 
-  static inline int constructed_ = 0;  // in any way
-  static inline int copied_ = 0;       // by construction or assignment
   static inline int live_ = 0;
   static inline int holding_ = 0;  // live and not blank
 

@@ -18,9 +18,7 @@ ScriptedParent::~ScriptedParent() { munmap(base_ - GUARD, range_ + 2 * GUARD); }
 
 void* ScriptedParent::alloc(unsigned size) {
   sizes_.push_back(size);
-  asked_++;
-  const bool fails = (failFrom_ != 0 && asked_ >= failFrom_) ||
-                     size > static_cast<std::size_t>(base_ + range_ - next_);
+  const bool fails = fails_ || size > static_cast<std::size_t>(base_ + range_ - next_);
   chunks_.push_back(fails ? nullptr : next_);
   if (fails) return nullptr;
   std::memset(next_, 0xa5, std::min(size, 4096u));  // nobody has promised cleared memory

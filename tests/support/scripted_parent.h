@@ -2,8 +2,8 @@
 // A parent allocator that does what the test says.
 //
 // Returns chunks from a reserved range of its own, by default each directly after the one before,
-// and counts the requests. `skip` and `placeAt` decide where the next chunk lies, `failFrom` which
-// requests return null; so does one for which the range has no room.
+// and counts the requests. `skip` and `placeAt` decide where the next chunk lies. A request for
+// which the range has no room returns null.
 #pragma once
 
 #include <cstddef>
@@ -17,8 +17,7 @@ struct ScriptedParent : Utils::Allocator {
 
   explicit ScriptedParent(std::size_t range = RANGE);
   ~ScriptedParent();
-  ScriptedParent(const ScriptedParent&) = delete;
-  ScriptedParent& operator=(const ScriptedParent&) = delete;
+  ScriptedParent& operator=(ScriptedParent&&) = delete;
 
   using Allocator::alloc;
   void* alloc(unsigned size) override;
@@ -29,17 +28,11 @@ struct ScriptedParent : Utils::Allocator {
 
   void skip(std::size_t bytes) { next_ += bytes; }
   void placeAt(std::size_t offset) { next_ = base_ + offset; }
-  // Requests from the nth on, counted from 1 and from now, return null; 0 for none.
-  void failFrom(unsigned nth) {
-    failFrom_ = nth;
-    asked_ = 0;
-  }
 
   const std::size_t range_;
   char* base_;
   char* next_;
-  unsigned failFrom_ = 0;
-  unsigned asked_ = 0;           // requests since failFrom
+  bool fails_ = false;           // then requests return null
   unsigned freed_ = 0;           // must stay 0
   std::vector<unsigned> sizes_;  // every request
   std::vector<char*> chunks_;    // what each was given

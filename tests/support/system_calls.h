@@ -23,8 +23,7 @@ struct SystemCalls {
     noting_ = false;
     take();
   }
-  SystemCalls(const SystemCalls&) = delete;
-  SystemCalls& operator=(const SystemCalls&) = delete;
+  SystemCalls& operator=(SystemCalls&&) = delete;
 
   // The notes since the last call, in order.
   static std::vector<std::string> take() { return std::exchange(notes_, {}); }
@@ -81,6 +80,5 @@ struct TracedUpTo {
     Utils::Log::theLog()->getCategory("utils", 0, false);
     Utils::Log::theLog()->setLogger(nullptr);
   }
-  TracedUpTo(const TracedUpTo&) = delete;
-  TracedUpTo& operator=(const TracedUpTo&) = delete;
+  TracedUpTo& operator=(TracedUpTo&&) = delete;
 };

@@ -16,8 +16,7 @@ class TemporaryDirectory {
     path_ = mkdtemp(pattern.data());
   }
   ~TemporaryDirectory() { std::filesystem::remove_all(path_); }
-  TemporaryDirectory(const TemporaryDirectory&) = delete;
-  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(TemporaryDirectory&&) = delete;
 
   std::string pathOf(const std::string& name) const { return (path_ / name).string(); }
 

@@ -5,12 +5,8 @@
 namespace {
 
 struct First {
-  First() { tell(); }
-  ~First() { tell(); }
-  static void tell() {
-    Life::say(Utils::resultToString(0x80040004));
-    Life::say("\n");
-  }
+  First() { Life::say(Utils::resultToString(0x80040004)); }
+  ~First() { Life::say(Utils::resultToString(0x80040004)); }
 };
 
 [[gnu::init_priority(101)]] First _first;

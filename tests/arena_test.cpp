@@ -287,10 +287,8 @@ TEST(ArenaCheck, NamesTheBrokenInvariant) {
 
 #if defined(__i386__)
 // The 32-bit layout is the design's own.
-static_assert(sizeof(Utils::MemHead) == 20);
 static_assert(sizeof(Utils::MemoryAllocator) ==
               4 * (1 + 1 + 1 + 2 + 1 + 10 + 1 + 1 + 1 + 64 + 64 + 1));
-static_assert(sizeof(OpenBank::MemHead) == 16);
 static_assert(sizeof(Utils::MemoryBank) == 4 * (1 + 1 + 27 + 2 + 1 + 1 + 1 + 1 + 64 + 64 + 1));
 #endif
 

@@ -10,10 +10,7 @@
 
 namespace {
 
-using Utils::Allocator;
-using Utils::Object;
-using Utils::Problem;
-using Utils::Ref;
+using namespace Utils;
 using Utils::Testing::FailingAllocator;
 
 struct Probe : Object {

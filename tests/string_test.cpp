@@ -23,11 +23,7 @@
 
 namespace {
 
-using Utils::Allocator;
-using Utils::String;
-using Utils::StringRep;
-using Utils::SubString;
-using Utils::YfTotalStringMemory;
+using namespace Utils;
 using Utils::Testing::FailingAllocator;
 
 constexpr unsigned NOT_FOUND = 0xffffffffu;

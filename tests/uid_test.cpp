@@ -4,12 +4,11 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
-#include <memory>
 #include <string>
 #include <tuple>
 #include <type_traits>
+#include <vector>
 
 #include "gtest/gtest.h"
 #include "support/seed.h"
@@ -43,9 +42,8 @@ std::string textOf(UID uid) { return std::string(static_cast<const char*>(uid.as
 
 // In a block that ends with the terminator, so that a sanitizer sees a step beyond it.
 Words wordsIn(const std::string& text) {
-  const std::unique_ptr<char[]> block(new char[text.size() + 1]);
-  std::memcpy(block.get(), text.c_str(), text.size() + 1);
-  return wordsOf(UID(block.get()));
+  const std::vector<char> block(text.c_str(), text.c_str() + text.size() + 1);
+  return wordsOf(UID(block.data()));
 }
 
 unsigned anyWord(Random& random) {

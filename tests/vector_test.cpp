@@ -18,8 +18,7 @@ template struct Utils::Vector<Counted>;
 
 namespace {
 
-using Utils::Allocator;
-using Utils::Vector;
+using namespace Utils;
 using Utils::Testing::FailingAllocator;
 
 using Values = std::vector<unsigned>;

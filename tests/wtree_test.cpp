@@ -14,8 +14,7 @@
 
 namespace {
 
-using Utils::WTreeBase;
-using Utils::WTreeNodeBase;
+using namespace Utils;
 
 struct Node : WTreeNodeBase {
   explicit Node(int key) : key_(key) {}

@@ -5,7 +5,6 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <poll.h>
@@ -23,6 +22,7 @@
 #include <cmath>
 #include <functional>
 #include <map>
+#include <memory>
 #include <set>
 #include <thread>
 #include <utility>
@@ -76,17 +76,11 @@ class Tasks {
   std::vector<std::jthread> threads_;
 };
 
-class Variable {
- public:
-  Variable(const char* name, const std::string& value) : name_(name) {
-    setenv(name, value.c_str(), 1);
-  }
-  ~Variable() { unsetenv(name_); }
-  Variable& operator=(Variable&&) = delete;
-
- private:
-  const char* name_;
-};
+// Sets a variable of the environment until the result is destroyed.
+std::shared_ptr<const char> variable(const char* name, const std::string& value) {
+  setenv(name, value.c_str(), 1);
+  return {name, unsetenv};
+}
 
 // The handler of the stop may use the layer.
 void expectStop(const std::function<void()>& action, const std::string& message) {
@@ -160,7 +154,7 @@ TEST(Locks, LikeTicketsLetOneTaskIn) {
 }
 
 TEST(Locks, AreLeftByTheirHolderOnly) {
-  const Variable goOn("YSYS_ASSERT", "continue");
+  const auto goOn = variable("YSYS_ASSERT", "continue");
   for (const LockKind& kind : {LOCKS[0], LOCKS[1]}) {
     const YIF_Handle lock = kind.create();
     testing::internal::CaptureStderr();
@@ -192,7 +186,6 @@ TEST(Handles, OfLivingObjectsDifferAndOldOnesDoNotComeBackSoon) {
       seen, [&](YIF_Handle each) { return each % (1u << 22) == event % (1u << 22); });
   ASSERT_NE(formerlyInItsPlace, seen.end());
   expectStop([&] { YIF_SetEvent(*formerlyInItsPlace); }, "ysys: YIF_SetEvent: 0x3");
-  for (YIF_Handle each : living) YIF_DestroyEvent(each);
 }
 
 TEST(Handles, StaleAndForeignOnesAreCaught) {
@@ -208,8 +201,6 @@ TEST(Handles, StaleAndForeignOnesAreCaught) {
   expectStop([&] { YIF_WaitEvent(coop); }, "ysys: YIF_WaitEvent: 0x4");
   expectStop([&] { YIF_SetEventCoop(0); }, "ysys: YIF_SetEventCoop: 0x0 is no handle");
   expectStop([] { YIF_Write(YIF_NO_FILE, "x", 1); }, "ysys: YIF_Write: 0xffffffff is no handle");
-  YIF_DestroyCriticalSection(section);
-  YIF_DestroyEventCoop(coop);
 }
 
 TEST(Handles, AreRefusedWithoutMemoryForThem) {
@@ -465,7 +456,7 @@ TEST(Config, FileIsReadLineByLine) {
       "  \nPrefix.More = 1\nEmpty =\nEmpty.Spaces =   \nNoValue\nEquals = a=b#c\n" + blanks +
       "Far = end\r\nLast = no line end";
   text.insert(0, (1025 - text.size() % 1024) % 1024, '\n');  // the last byte is read alone
-  const Variable file("YSYS_CONFIG", directory.write("settings", text));
+  const auto file = variable("YSYS_CONFIG", directory.write("settings", text));
   std::string texts;
   for (const char* key :
        {"Plain", "Spaced", "Prefix.More", "Empty", "Empty.Spaces", "Equals", "Far", "Last"})
@@ -483,17 +474,17 @@ TEST(Config, FileIsReadLineByLine) {
 
 TEST(Config, EnvironmentGoesBeforeTheFileTheExactNameFirstAndNoFileIsWaitedFor) {
   const TemporaryDirectory directory;
-  const Variable file("YSYS_CONFIG", directory.write("settings", "Test.Order.One = file\n"));
+  const auto file = variable("YSYS_CONFIG", directory.write("settings", "Test.Order.One = file\n"));
   EXPECT_EQ(textOf("Test.Order.One"), "file");
-  const Variable underscored("Test_Order_One", " underscored ");
+  const auto underscored = variable("Test_Order_One", " underscored ");
   EXPECT_EQ(textOf("Test.Order.One"), " underscored ");
-  const Variable exact("Test.Order.One", "");
+  const auto exact = variable("Test.Order.One", "");
   EXPECT_EQ(textOf("Test.Order.One"), "");
 }
 
 TEST(Config, FileIsARegularOneAndMayBeginWithAByteOrderMark) {
   const TemporaryDirectory directory;
-  const Variable marked("YSYS_CONFIG", directory.write("settings", "\xef\xbb\xbfKey = 5"));
+  const auto marked = variable("YSYS_CONFIG", directory.write("settings", "\xef\xbb\xbfKey = 5"));
   EXPECT_EQ(textOf("Key"), "5");
   const std::string fifo = directory.pathOf("fifo"), notRegular = "it is not a regular file";
   mkfifo(fifo.c_str(), 0600);
@@ -515,7 +506,7 @@ TEST(Config, WhatDoesNotFitIsToldOnceAndAbsent) {
   const TemporaryDirectory directory;
   const std::string errors = expectInChild([&] {
     const auto expectNumber = [](const std::string& text, int expected) {
-      const Variable variable("A_B", text);
+      const auto setting = variable("A_B", text);
       int value = -777;
       EXPECT_EQ(YIF_GetConfigNumber("A.B", &value) != 0, expected == -777) << text;
       EXPECT_EQ(value, expected) << text;
@@ -525,8 +516,8 @@ TEST(Config, WhatDoesNotFitIsToldOnceAndAbsent) {
     for (const char* text : {"2147483648", "-2147483649", "99999999999999999999999", "", " ", "-",
                              "+-1", "0x10", "1 2", "3a", "- 1"})
       expectNumber(text, -777);
-    const Variable file("YSYS_CONFIG", directory.write("settings", "In.File = 1234567\n"));
-    const Variable variable("In.Environment", "1234567");
+    const auto file = variable("YSYS_CONFIG", directory.write("settings", "In.File = 1234567\n"));
+    const auto setting = variable("In.Environment", "1234567");
     for (const char* key : {"In.File", "In.Environment"}) {
       int value = 0;
       EXPECT_EQ(YIF_GetConfigNumber(key, &value) + value, 1234567);
@@ -635,8 +626,8 @@ TEST(Files, WritesThatAreRefusedRaiseNoSignal) {
     const YIF_Handle file = YIF_Open(directory.pathOf("file").c_str(), YIF_OPEN_APPEND, 1);
     writeText(file, "12345");
     expectNoSignal(file, SIGXFSZ);
-    const Variable goOn("YSYS_ASSERT", "continue"),
-        channel("YSYS_DEBUG_CHANNEL", directory.pathOf("debug"));
+    const auto goOn = variable("YSYS_ASSERT", "continue");
+    setenv("YSYS_DEBUG_CHANNEL", directory.pathOf("debug").c_str(), 1);
     dup2(open(directory.pathOf("out").c_str(), O_WRONLY | O_CREAT, 0600), STDOUT_FILENO);
     writeEverywhere();
     for (int each : {STDOUT_FILENO, STDERR_FILENO}) dup2(stream, each);
@@ -653,7 +644,7 @@ TEST(Assertion, StopsTheProcessUnlessAskedToGoOn) {
   expectStop([] { YfAssert__("a < b", "some/file", 17); },
              "assertion failed: a < b, some/file:17\n");
   expectStop([] { _assert("b < c", "file", 18); }, "assertion failed: b < c, file:18\n");
-  const Variable goOn("YSYS_ASSERT", "continue");
+  const auto goOn = variable("YSYS_ASSERT", "continue");
   testing::internal::CaptureStderr();
   YfAssert__("a < b", "some/file", 17);
   _assert(nullptr, nullptr, UINT_MAX);
@@ -701,7 +692,7 @@ TEST(Files, InterruptedWritesAreFinished) {
     timer_t timer;
     timer_create(CLOCK_MONOTONIC, &tick, &timer);
     const YIF_Handle file = YIF_Open(fifo.path().c_str(), YIF_OPEN_APPEND, 1);
-    const Variable goOn("YSYS_ASSERT", "continue");
+    const auto goOn = variable("YSYS_ASSERT", "continue");
     for (bool isInterrupted : {false, true}) {
       if (isInterrupted) timer_settime(timer, 0, &often, nullptr);
       const int flag = isInterrupted ? 0 : O_NONBLOCK;
@@ -735,7 +726,7 @@ std::string debugOutputToStandardError(const char* text) {
 TEST(DebugChannel, NeverWaitsForTheReaderOfAFifo) {
   EXPECT_EQ(debugOutputToStandardError(nullptr), "");
   Fifo fifo;
-  const Variable channel("YSYS_DEBUG_CHANNEL", fifo.path());
+  const auto channel = variable("YSYS_DEBUG_CHANNEL", fifo.path());
   EXPECT_EQ(debugOutputToStandardError("no reader"), "no reader");
   fifo.openReader();
   EXPECT_EQ(debugOutputToStandardError("read"), "");

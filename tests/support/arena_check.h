@@ -58,7 +58,6 @@ struct OpenBank : OpenChain<Utils::MemoryBank> {
   using MemoryBank::busy;
   using MemoryBank::coalesce;
   using MemoryBank::freeLoser;
-  using MemoryBank::MemHead;
   using MemoryBank::splitBlock;
   using OpenChain::OpenChain;
 };

@@ -6,6 +6,7 @@
 // find the arena whole.
 #pragma once
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -115,11 +116,9 @@ struct ArenaRun {
   }
 
   static bool intact(const Live& l) {
-    const unsigned n = std::min(l.size_, MARKED);
-    for (unsigned i = 0; i < n; i++) {
-      if (l.mem_[i] != l.pattern_ || l.mem_[l.size_ - 1 - i] != l.pattern_) return false;
-    }
-    return true;
+    const std::vector<unsigned char> marks(std::min(l.size_, MARKED), l.pattern_);
+    return std::equal(marks.begin(), marks.end(), l.mem_) &&
+           std::equal(marks.begin(), marks.end(), l.mem_ + l.size_ - marks.size());
   }
 
   void free(std::size_t index) {

@@ -15,7 +15,6 @@ namespace {
 
 using testing::Each;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 char* bytes(void* mem) { return static_cast<char*>(mem); }
 
@@ -32,7 +31,7 @@ template <class ArenaType>
 struct OnScriptedChunks : testing::Test {
   void TearDown() override {
     arena_.check();
-    EXPECT_THAT(recorder_.take(), IsEmpty());
+    EXPECT_THAT(recorder_.take(), testing::IsEmpty());
   }
 
   void* filled() {

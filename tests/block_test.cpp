@@ -20,7 +20,6 @@ namespace {
 
 using namespace Utils;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 // --- The empty ones ---
 
@@ -63,7 +62,7 @@ TEST(LightLock, TouchesTheEventOnlyWhenItIsTakenAndFreed) {
     EXPECT_THAT(calls.take(), ElementsAre("wait"));
     lock.unlock();
     lock.unlock();
-    EXPECT_THAT(calls.take(), IsEmpty());
+    EXPECT_THAT(calls.take(), testing::IsEmpty());
     lock.unlock();
     EXPECT_THAT(calls.take(), ElementsAre("set"));
     {

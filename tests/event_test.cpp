@@ -17,7 +17,6 @@ namespace {
 
 using namespace Utils;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 std::string line(const char* step) {
   char text[100];
@@ -42,7 +41,7 @@ TEST(Events, AreTracedAtBirthAndEnd) {
         const auto begun = std::chrono::steady_clock::now();
         EXPECT_FALSE(event->wait(0.01));
         EXPECT_GE((std::chrono::steady_clock::now() - begun).count(), 10000000);
-        EXPECT_THAT(calls.take(), IsEmpty());
+        EXPECT_THAT(calls.take(), testing::IsEmpty());
       }
       EXPECT_THAT(calls.take(), ElementsAre(line("Destroying"), "destroy"));
     }

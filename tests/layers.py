@@ -1,13 +1,8 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""Holds the includes of the library to the two tables of ARCHITECTURE.md.
-
-The table of floors names every source and header once. An include leads to a lower floor or stays in
-its room, the library includes nothing of the system layer's folder, and headers of the system are
-included in ysys/linux alone. The private parts that public headers include are the ones that
-CMakeLists.txt installs. Each public header compiles alone as C++17 with every compiler named, for each
-pointer size that it can compile for. With the first one and 64 bits its weight, in lines after the
-preprocessor, is the one that the table of weights has, or up to a tenth more or a fifth less.
+"""Holds the files of the library, their includes and the weights of the public headers to the rules and
+the two tables of ARCHITECTURE.md. Each public header compiles alone as C++17 with every compiler named,
+for each pointer size that it can compile for; weights are those of the first one and 64 bits.
 
 Usage: tests/layers.py COMPILER...
 """

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The hub of the process: how its settings make it, and without memory for it. It is made once, so
 // each case runs in a process of its own.
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <cstdlib>
 #include <sstream>
@@ -105,7 +103,6 @@ TEST(Settings, MakeTheHub) {
       {"Categories=a:" + longName, "0 0 off; a 0 0 on; " + longName + " 0 0 on; later 0 0 off"},
       {"Categories=aa:" + longName, none, STDERR, told("Categories", tooLong)},
       // Where the lines go.
-      {"Logger=stdout", none},
       {"Logger=File;Filename=log", none},
       {"Filename=log;FileOpenMode=replace", none},
       {"Logger=file;FileOpenMode=replace", none},

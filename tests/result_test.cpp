@@ -14,8 +14,6 @@
 namespace {
 
 using namespace Utils;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using namespace Utils::Testing;
 
 static_assert(succeeded(0) && succeeded(0x7fffffff));
@@ -101,7 +99,7 @@ TEST_F(Raising, LogsThenStoresThenTells) {
   EXPECT_EQ(raiseError(0), 0u);
   EXPECT_EQ(lastError(), 0u);
   removeResultListener(&listener);
-  EXPECT_THAT(sink_->errors_, ElementsAre(0u, CODE));
+  EXPECT_THAT(sink_->errors_, testing::ElementsAre(0u, CODE));
   const auto lines = sink_->take();
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(lines[0].first, Error);
@@ -152,7 +150,7 @@ TEST_F(Raising, GoesThroughAListThatItsListenersChange) {
   removeResultListener(&a);
   called.clear();
   raiseError(1);
-  EXPECT_THAT(called, IsEmpty());
+  EXPECT_EQ(called, "");
 }
 
 TEST_F(Raising, GoesOnWithoutMemory) {

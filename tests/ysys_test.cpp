@@ -534,9 +534,9 @@ TEST(Config, WhatDoesNotFitIsToldOnceAndAbsent) {
 // --- Time ---
 
 TEST(Clock, TellsTheTimeOfDayWithAFraction) {
+  using Seconds = std::chrono::duration<double>;
   const auto now = [] {
-    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
+    return Seconds(std::chrono::system_clock::now().time_since_epoch()).count();
   };
   const double before = now(), asked = YIF_CurrentTime();
   EXPECT_LE(before - 1e-6, asked);

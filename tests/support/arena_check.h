@@ -13,7 +13,14 @@ using Utils::Testing::Internal::ChainBlocks;
 
 template <class Arena>
 struct OpenChain : Arena {
+  using Arena::_alloc;
+  using Arena::_free;
+  using Arena::allocCandidate;
   using Arena::Arena;
+  using Arena::busy;
+  using Arena::coalesce;
+  using Arena::freeLoser;
+  using Arena::splitBlock;
 
   void check() const { EXPECT_EQ(Utils::Testing::brokenInvariant(*this), ""); }
 
@@ -26,18 +33,9 @@ struct OpenChain : Arena {
 };
 
 struct OpenArena : OpenChain<Utils::MemoryAllocator> {
-  using MemHead = Utils::MemHead;
-  using MemoryAllocator::_alloc;
-  using MemoryAllocator::_free;
-  using MemoryAllocator::allocCandidate;
   using MemoryAllocator::allocSmall;
-  using MemoryAllocator::busy;
-  using MemoryAllocator::coalesce;
-  using MemoryAllocator::freeLoser;
   using MemoryAllocator::freeSmall;
   using MemoryAllocator::removeMe;
-  using MemoryAllocator::setBusy;
-  using MemoryAllocator::splitBlock;
   using OpenChain::OpenChain;
 
   std::vector<const char*> list(unsigned k) const {
@@ -52,12 +50,5 @@ struct OpenArena : OpenChain<Utils::MemoryAllocator> {
 };
 
 struct OpenBank : OpenChain<Utils::MemoryBank> {
-  using MemoryBank::_alloc;
-  using MemoryBank::_free;
-  using MemoryBank::allocCandidate;
-  using MemoryBank::busy;
-  using MemoryBank::coalesce;
-  using MemoryBank::freeLoser;
-  using MemoryBank::splitBlock;
   using OpenChain::OpenChain;
 };

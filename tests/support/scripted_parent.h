@@ -6,7 +6,12 @@
 // which the range has no room returns null.
 #pragma once
 
+#include <sys/mman.h>
+
+#include <algorithm>
 #include <cstddef>
+#include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include "utils/sdk/allocator.h"
@@ -15,13 +20,26 @@ struct ScriptedParent : Utils::Allocator {
   static constexpr std::size_t RANGE = std::size_t{320} << 20;
   static constexpr std::size_t GUARD = std::size_t{64} << 20;  // on both sides, never readable
 
-  explicit ScriptedParent(std::size_t range = RANGE);
-  ~ScriptedParent();
+  explicit ScriptedParent(std::size_t range = RANGE) : range_(range) {
+    void* map = mmap(nullptr, range + 2 * GUARD, PROT_NONE,
+                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    base_ = next_ = static_cast<char*>(map) + GUARD;
+    if (map == MAP_FAILED || mprotect(base_, range, PROT_READ | PROT_WRITE) != 0) std::abort();
+  }
+  ~ScriptedParent() { munmap(base_ - GUARD, range_ + 2 * GUARD); }
   ScriptedParent& operator=(ScriptedParent&&) = delete;
 
   using Allocator::alloc;
-  void* alloc(unsigned size) override;
-  void free(void* mem) override;
+  void* alloc(unsigned size) override {
+    sizes_.push_back(size);
+    const bool fails = fails_ || size > static_cast<std::size_t>(base_ + range_ - next_);
+    chunks_.push_back(fails ? nullptr : next_);
+    if (fails) return nullptr;
+    std::memset(next_, 0xa5, std::min(size, 4096u));  // nobody has promised cleared memory
+    next_ += size;
+    return chunks_.back();
+  }
+  void free(void*) override { freed_++; }
   unsigned size(const void*) const override { return 0; }
   unsigned allocatedMemory() const override { return 0; }
   unsigned internalFree() const override { return 0; }

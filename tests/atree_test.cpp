@@ -60,9 +60,7 @@ struct MapRun {
       if (!it.valid()) return;
       EXPECT_EQ(it.pos()->key(), key);
       EXPECT_EQ(*it.insertAddr_, it.pos_);
-      if (!there) {
-        EXPECT_TRUE(it.value() == V());
-      }
+      EXPECT_TRUE(there || it.value() == V());
       it = V(value);
       remember(key, value);
     } else if (kind < 5) {

@@ -199,11 +199,8 @@ struct Damage : testing::Test {
     for (unsigned i = 0; i < 3; i++) alloc(std::max(word.size_, 40u) - 8);
     for (unsigned i = 0; i < 20 && word.size_ > 10000; i++) alloc(500);
     for (unsigned i = 0; i < 30; i++) {
-      if (!held_.empty() && random_.below(2) == 0) {
-        free(random_.below(unsigned(held_.size())));
-      } else {
-        alloc();
-      }
+      const bool frees = !held_.empty() && random_.below(2) == 0;
+      frees ? free(random_.below(unsigned(held_.size()))) : alloc();
     }
     arena_.checkArena();
     EXPECT_LE(arena_.internalFree(), CHUNK);

@@ -62,8 +62,7 @@ struct Category {
   bool operator==(const Category&) const = default;
 };
 
-class HubRun {
- public:
+struct HubRun {
   HubRun(Random& random, FailingAllocator& memory) : random_(random), memory_(memory) {
     hub_.setLogger(sinks_[0]);
   }
@@ -84,7 +83,6 @@ class HubRun {
     check();
   }
 
- private:
   MessageClass someClass() { return CLASSES[random_.below(4)]; }
   bool someFlag() { return random_.below(2) == 1; }
   int someLevel() {

@@ -54,8 +54,7 @@ bool isAsleep(unsigned long task) {
 }
 
 // Threads that all do the same, each with its number; they are joined at the end.
-class Tasks {
- public:
+struct Tasks {
   Tasks(unsigned count, const std::function<void(unsigned)>& body) : ids_(count) {
     for (unsigned i = 0; i < count; ++i) {
       threads_.emplace_back([this, i, body] {
@@ -71,7 +70,6 @@ class Tasks {
     });
   }
 
- private:
   std::vector<std::atomic<unsigned long>> ids_;
   std::vector<std::jthread> threads_;
 };
@@ -221,8 +219,7 @@ TEST(Handles, AreRefusedWithoutMemoryForThem) {
 
 // --- Events ---
 
-class Event {
- public:
+struct Event {
   Event(int manualReset, int initiallySet) : handle_(YIF_CreateEvent(manualReset, initiallySet)) {}
   ~Event() { YIF_DestroyEvent(handle_); }
   Event& operator=(Event&&) = delete;
@@ -231,7 +228,6 @@ class Event {
   void wait() { YIF_WaitEvent(handle_); }
   int wait(double seconds) { return YIF_WaitEventTimed(handle_, seconds); }
 
- private:
   YIF_Handle handle_;
 };
 
@@ -550,11 +546,9 @@ void writeText(YIF_Handle file, const std::string& text) {
 }
 
 // A FIFO with a reader that does not wait.
-class Fifo {
- public:
+struct Fifo {
   Fifo() { mkfifo(path_.c_str(), 0600); }
   ~Fifo() { close(reader_); }
-  const std::string& path() const { return path_; }
   int openReader() { return reader_ = open(path_.c_str(), O_RDONLY | O_NONBLOCK); }
   void closeReader() { close(std::exchange(reader_, -1)); }
   std::string read() {
@@ -562,7 +556,6 @@ class Fifo {
     return {part, static_cast<size_t>(std::max<ssize_t>(::read(reader_, part, sizeof part), 0))};
   }
 
- private:
   TemporaryDirectory directory_;
   std::string path_ = directory_.pathOf("fifo");
   int reader_ = -1;
@@ -617,8 +610,8 @@ TEST(Files, WritesThatAreRefusedRaiseNoSignal) {
   const std::string errors = expectInChild([&] {
     Fifo fifo;
     fifo.openReader();
-    const YIF_Handle pipe = YIF_Open(fifo.path().c_str(), YIF_OPEN_APPEND, 1);
-    const int stream = open(fifo.path().c_str(), O_WRONLY);
+    const YIF_Handle pipe = YIF_Open(fifo.path_.c_str(), YIF_OPEN_APPEND, 1);
+    const int stream = open(fifo.path_.c_str(), O_WRONLY);
     fifo.closeReader();
     expectNoSignal(pipe, SIGPIPE);
     const rlimit limit = {4, 4};
@@ -691,12 +684,12 @@ TEST(Files, InterruptedWritesAreFinished) {
     tick.sigev_signo = SIGVTALRM;
     timer_t timer;
     timer_create(CLOCK_MONOTONIC, &tick, &timer);
-    const YIF_Handle file = YIF_Open(fifo.path().c_str(), YIF_OPEN_APPEND, 1);
+    const YIF_Handle file = YIF_Open(fifo.path_.c_str(), YIF_OPEN_APPEND, 1);
     const auto goOn = variable("YSYS_ASSERT", "continue");
     for (bool isInterrupted : {false, true}) {
       if (isInterrupted) timer_settime(timer, 0, &often, nullptr);
       const int flag = isInterrupted ? 0 : O_NONBLOCK;
-      dup2(open(fifo.path().c_str(), O_WRONLY | flag), STDERR_FILENO);
+      dup2(open(fifo.path_.c_str(), O_WRONLY | flag), STDERR_FILENO);
       writeText(file, text);
       YfAssert__(text.c_str(), "file", 1);
       OutputDebugStringA((text + "\n").c_str());
@@ -726,7 +719,7 @@ std::string debugOutputToStandardError(const char* text) {
 TEST(DebugChannel, NeverWaitsForTheReaderOfAFifo) {
   EXPECT_EQ(debugOutputToStandardError(nullptr), "");
   Fifo fifo;
-  const auto channel = variable("YSYS_DEBUG_CHANNEL", fifo.path());
+  const auto channel = variable("YSYS_DEBUG_CHANNEL", fifo.path_);
   EXPECT_EQ(debugOutputToStandardError("no reader"), "no reader");
   fifo.openReader();
   EXPECT_EQ(debugOutputToStandardError("read"), "");
@@ -748,15 +741,14 @@ void expectDialogs(const std::map<std::string, std::string>& scripts, const std:
   const TemporaryDirectory directory;
   for (const auto& [program, script] : scripts)
     chmod(directory.write(program, "#!/bin/sh\n" + script + "\n").c_str(), 0755);
-  const auto child = runInChild([&] {
+  const std::string errors = expectInChild([&] {
     setsid();
     setenv("PATH", directory.pathOf("").c_str(), 1);
     setenv("RECORD", directory.pathOf("record").c_str(), 1);
     setenv("DISPLAY", ":77", 1);
-    return MessageBoxA(nullptr, _message.c_str(), "Caption", 0);
+    EXPECT_EQ(MessageBoxA(nullptr, _message.c_str(), "Caption", 0), 1);
   });
-  EXPECT_EQ(child.status, 1);
-  EXPECT_EQ(child.errorOutput, printed);
+  EXPECT_EQ(errors, printed);
   EXPECT_EQ(directory.read("record"), recorded);
 }
 

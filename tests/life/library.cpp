@@ -16,13 +16,6 @@ extern "C" {
 [[gnu::visibility("default")]] unsigned lifeHeld() {
   return Utils::Allocator::theAllocator()->allocatedMemory();
 }
-// Bytes that one entry of a table of results takes.
-[[gnu::visibility("default")]] unsigned lifeEntrySize() {
-  Utils::AVLTree<unsigned, const char*> tree;
-  const unsigned before = lifeHeld();
-  tree.insert(1, "text");
-  return lifeHeld() - before;
-}
 [[gnu::visibility("default")]] void lifeLeaveText() {
   const_cast<Utils::String&>(Utils::String::null()) = "left behind";
 }

@@ -72,13 +72,9 @@ struct ArenaRun {
 
   void alloc(unsigned size) {
     const unsigned color = random_.below(80);
-    void* mem;
-    if (random_.below(2) == 0) {
-      mem = arena_.alloc(size, color);
-    } else {
-      arena_.setDefaultColor(color, nullptr);
-      mem = arena_.alloc(size);
-    }
+    const bool isDefault = random_.below(2) == 0;
+    arena_.setDefaultColor(isDefault ? color : random_.below(80), nullptr);
+    void* mem = isDefault ? arena_.alloc(size) : arena_.alloc(size, color);
     const auto head = model_.alloc(size, color);
     ASSERT_EQ(addressOf(mem), head == 0 ? 0 : head + 4) << "size " << size;
     if (!mem) return;

@@ -9,8 +9,7 @@
 
 #include <stdlib.h>
 
-class TemporaryDirectory {
- public:
+struct TemporaryDirectory {
   TemporaryDirectory() {
     std::string pattern = (std::filesystem::temp_directory_path() / "yutils-XXXXXX").string();
     path_ = mkdtemp(pattern.data());
@@ -31,6 +30,5 @@ class TemporaryDirectory {
     return {std::istreambuf_iterator<char>(file), {}};
   }
 
- private:
   std::filesystem::path path_;
 };

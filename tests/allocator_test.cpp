@@ -150,7 +150,6 @@ TEST(TheAllocator, DoesWithoutItsReservation) {
     std::exit(testing::Test::HasFailure() ? 1 : 0);
   };
   EXPECT_EXIT(useIt(), testing::ExitedWithCode(0), "");
-  GTEST_FLAG_SET(death_test_style, "fast");
   unsetenv("SYSTEM_MEMORY_FAILS_AT_LOAD");
 }
 

@@ -167,11 +167,8 @@ struct VectorRun {
       EXPECT_EQ(vector_.data_, data);
     } else {
       const Vector<T> copy(vector_);
-      if (allocator_.failed()) {
-        EXPECT_EQ(copy.size(), 0u);
-      } else {
-        vector_ = copy;
-      }
+      EXPECT_EQ(copy.size(), allocator_.failed() ? 0 : old);
+      if (!allocator_.failed()) vector_ = copy;
       capacity_ = 0;
       growTo(old);
     }

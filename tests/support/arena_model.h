@@ -73,10 +73,9 @@ struct ChainModel {
     allocatedColor_[b.color_] -= b.size_;
   }
 
-  void count(const Block& b, int sign) {
-    const unsigned delta = sign > 0 ? b.size_ : 0 - b.size_;
-    internalFree_ += delta;
-    freeColor_[b.color_] += delta;
+  void count(const Block& b, unsigned sign) {  // 1, or the largest number for -1
+    internalFree_ += sign * b.size_;
+    freeColor_[b.color_] += sign * b.size_;
   }
 
   void makeFree(Address h) {
@@ -89,7 +88,7 @@ struct ChainModel {
   void makeBusy(Address h) {
     Block& b = chain_.at(h);
     drop(h, b.size_);
-    count(b, -1);
+    count(b, 0u - 1);
     b.busy_ = true;
   }
 
@@ -164,8 +163,7 @@ struct ArenaModel : ChainModel {
   Address alloc(unsigned size, unsigned color) {
     if (size > LARGEST_REQUEST) return 0;
     unsigned amt = amountFor(size);
-    Address h = 0;
-    if (amt <= 512) h = allocSmall(std::bit_ceil(amt));
+    Address h = amt <= 512 ? allocSmall(std::bit_ceil(amt)) : 0;
     if (amt < 1024) amt = 1024;
     if (!h) h = bestFit(amt);
     if (!h) h = newChunk(amt);
@@ -175,11 +173,7 @@ struct ArenaModel : ChainModel {
   void free(Address h) {
     const Block b = at(h);
     takeBack(b);
-    if (b.size_ <= 512) {
-      pushSmall(h, b.size_, b.color_);
-    } else {
-      giveBack(h);
-    }
+    b.size_ <= 512 ? pushSmall(h, b.size_, b.color_) : giveBack(h);
   }
 
   Block& at(Address h) {
@@ -211,7 +205,7 @@ struct ArenaModel : ChainModel {
     const Address h = list.back();
     list.pop_back();
     Block& b = small_.at(h);
-    count(b, -1);
+    count(b, 0u - 1);
     b.busy_ = true;
     return h;
   }

@@ -102,9 +102,7 @@ struct MapRun {
       ++expected;
     }
     EXPECT_EQ(expected, model_.end());
-    if constexpr (std::is_same_v<V, Counted>) {
-      EXPECT_EQ(Counted::live_, static_cast<int>(model_.size()));
-    }
+    EXPECT_EQ(Counted::live_, (std::is_same_v<V, Counted>) ? static_cast<int>(model_.size()) : 0);
   }
 
   // Backwards, and off the end; compare() walks forwards.

@@ -38,9 +38,7 @@ TEST(Ref, OwnsFromTheFirstToTheLast) {
     EXPECT_EQ(p->refCount(), 1u);
     Ref<Probe> b(a);
     EXPECT_EQ(b->refCount(), 2u);
-    Ref<Probe> empty(nullptr);
-    EXPECT_FALSE(empty.valid());
-    a = empty;
+    a = Ref<Probe>(nullptr);
     EXPECT_FALSE(a.valid());
     const Ref<Probe>& same = b;
     b = same;

@@ -25,7 +25,6 @@
 #include <memory>
 #include <set>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "tests/support/child_process.h"
@@ -221,8 +220,6 @@ TEST(Handles, AreRefusedWithoutMemoryForThem) {
 
 struct Event {
   Event(int manualReset, int initiallySet) : handle_(YIF_CreateEvent(manualReset, initiallySet)) {}
-  ~Event() { YIF_DestroyEvent(handle_); }
-  Event& operator=(Event&&) = delete;
   void set() { YIF_SetEvent(handle_); }
   void reset() { YIF_ResetEvent(handle_); }
   void wait() { YIF_WaitEvent(handle_); }
@@ -548,9 +545,8 @@ void writeText(YIF_Handle file, const std::string& text) {
 // A FIFO with a reader that does not wait.
 struct Fifo {
   Fifo() { mkfifo(path_.c_str(), 0600); }
-  ~Fifo() { close(reader_); }
   int openReader() { return reader_ = open(path_.c_str(), O_RDONLY | O_NONBLOCK); }
-  void closeReader() { close(std::exchange(reader_, -1)); }
+  void closeReader() { close(reader_); }
   std::string read() {
     char part[10000];
     return {part, static_cast<size_t>(std::max<ssize_t>(::read(reader_, part, sizeof part), 0))};

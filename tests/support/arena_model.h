@@ -212,11 +212,8 @@ struct ArenaModel : ChainModel {
 
   void fill(unsigned size) {
     Address page = 0;
-    for (const auto& [h, b] : chain_) {
-      if (b.busy_ || b.size_ < 10248) continue;
-      page = h;
-      break;
-    }
+    for (const auto& [h, b] : chain_)
+      if (page == 0 && !b.busy_ && b.size_ >= 10248) page = h;
     unsigned payload = 10240;
     if (page) {
       makeBusy(page);

@@ -9,6 +9,7 @@
 #include "gmock/gmock.h"
 #include "support/assertion_recorder.h"
 #include "support/system_calls.h"
+#include "utils/sdk/alloc.h"
 #include "utils/sdk/object.h"
 #include "utils/sdk/platform.h"
 #include "utils/sdk/result.h"
@@ -133,6 +134,31 @@ TEST(TheAllocator, IsBuiltOnceWithItsReservation) {
   Utils::Object::operator delete(nullptr);
   EXPECT_EQ(SystemMemory::inits_, 0u);
   EXPECT_THAT(SystemMemory::sizes_, IsEmpty());
+}
+
+// Requests of others between two chunks leave gaps, more than one page of notes holds.
+TEST(TheAllocator, VisitsAllBusyBlocksAndNoGap) {
+  SystemMemory::reset();
+  auto* arena = static_cast<Utils::MemoryAllocator*>(Allocator::theAllocator());
+  for (unsigned color = 0; color < 200; color++) {
+    YIF_MemAlloc(16);
+    arena->alloc(300000, color);
+    arena->alloc(color, color);
+  }
+  struct Sums {
+    unsigned colors_[64], gaps_, countedPages_;
+  } sums = {};
+  const auto add = [](const Utils::BlockInfo& block, void* context) {
+    Sums& all = *static_cast<Sums*>(context);
+    if (block.kind == Utils::BlockInfo::BUSY) all.colors_[block.color] += block.size;
+    if (block.kind == Utils::BlockInfo::COUNTED_PAGE) all.countedPages_ += block.size;
+    if (block.kind == Utils::BlockInfo::GAP) all.gaps_++;
+  };
+  EXPECT_TRUE(arena->visitBlocks(add, &sums));
+  EXPECT_GT(sums.gaps_, 62u);
+  EXPECT_EQ(sums.colors_[0] + sums.countedPages_, arena->allocatedColorMemory(0));
+  for (unsigned color = 1; color < 64; color++)
+    EXPECT_EQ(sums.colors_[color], arena->allocatedColorMemory(color)) << color;
 }
 
 // The child begins anew, and its library is loaded without memory.

@@ -51,6 +51,7 @@ struct ChainModel {
   bool triesHard_ = true;
   unsigned allocated_ = 0;
   unsigned internalFree_ = 0;
+  unsigned gaps_ = 0;
   unsigned allocatedColor_[64] = {};
   unsigned freeColor_[64] = {};
 
@@ -115,6 +116,7 @@ struct ChainModel {
       size = need;
     } else if (c > end_ && gap < LIMIT) {
       chain_[end_] = {static_cast<unsigned>(gap), true, 0};
+      gaps_ += static_cast<unsigned>(gap);
     } else {
       isCut_ = true;
     }

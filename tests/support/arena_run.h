@@ -134,10 +134,43 @@ struct ArenaRun {
       ASSERT_EQ(arena_.allocatedColorMemory(c), model_.allocatedColor_[c]) << "colour " << c;
       ASSERT_EQ(arena_.freeColorMemory(c + 64), model_.freeColor_[c]) << "colour " << c;
     }
+    ASSERT_TRUE(model_.isCut_ || visitedSums() == modelSums());
     const std::size_t blocks = arena_.chain().size();
     ASSERT_TRUE(model_.isCut_ || blocks == model_.chain_.size());
     arena_.check();
     arena_.checkArena();
+  }
+
+  // The bytes of the busy blocks by their colours, and the free bytes.
+  struct Sums {
+    bool operator==(const Sums&) const = default;
+
+    unsigned busy_[64] = {};
+    unsigned free_ = 0;
+  };
+
+  Sums visitedSums() {
+    Sums sums;
+    EXPECT_TRUE(arena_.visitBlocks(
+        [](const Utils::BlockInfo& block, void* context) {
+          Sums& all = *static_cast<Sums*>(context);
+          if (block.kind == Utils::BlockInfo::BUSY) all.busy_[block.color] += block.size;
+          if (block.kind == Utils::BlockInfo::FREE) all.free_ += block.size;
+        },
+        &sums));
+    return sums;
+  }
+
+  // The words of a gap block are those of a busy one.
+  Sums modelSums() {
+    Sums sums;
+    sums.free_ = model_.internalFree_;
+    sums.busy_[0] = model_.gaps_;
+    for (const Live& l : live_) {
+      const auto& block = model_.at(addressOf(l.mem_) - 4);
+      sums.busy_[block.color_] += block.size_;
+    }
+    return sums;
   }
 
   std::uintptr_t chunkFor(unsigned need) {

@@ -24,13 +24,14 @@ struct AllocTraits {
   static constexpr unsigned LEAST_FREE = SMALLEST_LARGE;
   static constexpr unsigned CHUNK_EXTRA = 8;
   static constexpr char SOURCE[] = "utils/sdk/alloc";
+  static constexpr bool HAS_PAGES = true;
 };
 
 constexpr unsigned LARGEST_SMALL = 512;
 constexpr unsigned LARGEST_SMALL_REQUEST = LARGEST_SMALL - OVERHEAD;
-constexpr unsigned PAGE = 10240;
 constexpr unsigned CLASSES = std::bit_width(LARGEST_SMALL);  // by log2 of the block size
 
+static_assert(CLASSES == SmallBlocks::LARGEST_CLASS + 1);
 static_assert(offsetof(MemTail, size) == 0 && sizeof(MemTail) == 4);
 
 MemHead* headAt(void* address) { return static_cast<MemHead*>(address); }
@@ -581,6 +582,8 @@ void AllocSteps::fillClass(MemoryAllocator& a, unsigned k) {
   unsigned payload = page ? cutPage(a, page) : 0;
   char* mem = static_cast<char*>(payload != 0 ? offsetBy(page, 4) : a._alloc(PAGE, 0));
   if (!mem) return;
+  if (addressOf(mem) % ALIGN == 0)
+    wordAt(mem) = markOfPage(payload != 0 ? PAGE_MARK : COUNTED_PAGE_MARK, mem, k);
   if (payload == 0) payload = PAGE;
   const unsigned size = 1u << k;
   const unsigned unaligned = static_cast<unsigned>(addressOf(mem) & (ALIGN - 1));
@@ -759,6 +762,10 @@ void* MemoryAllocator::nextBlock(const void* mem) const {
 }
 
 void MemoryAllocator::checkArena() const { AllocSteps::check(*this); }
+
+bool MemoryAllocator::visitBlocks(void (*visit)(const BlockInfo&, void*), void* context) const {
+  return AllocSteps::visitBlocks(*this, [=](const BlockInfo& block) { visit(block, context); });
+}
 
 void MemoryAllocator::report() {
   AllocSteps::chain(*this).report(AllocSteps::SOURCE);

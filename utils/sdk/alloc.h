@@ -133,6 +133,11 @@ struct YUTILS_EXPORT MemoryAllocator : Allocator {
   // Takes time linear in the number of blocks, and n log n for n free ones.
   void checkArena() const;
 
+  // Calls visit(block, context) for each block of the chain in ascending order, and after a page
+  // for its small blocks. Reports no damage: returns false if the walk ends at a block whose size
+  // is impossible. Requires: `visit` calls no operation that changes the arena.
+  bool visitBlocks(void (*visit)(const BlockInfo& block, void* context), void* context) const;
+
   // Prints a table of the chain to standard output, one row for each power of two of the block
   // size: its binary logarithm (column Arena), the number of blocks, the bytes in busy and in free
   // ones, the size of the largest. Then prints the totals in KiB.

@@ -67,6 +67,22 @@ struct YUTILS_EXPORT Allocator {
   static Allocator* buildTheAllocator();  // returns the same one at every call
 };
 
+// A block of an arena, as a visitor gets it.
+struct BlockInfo {
+  enum Kind : unsigned char {
+    BUSY,          // allocated by a caller
+    FREE,          // `color` is that of the block that was freed
+    PAGE,          // holds small blocks, which follow; in no total
+    COUNTED_PAGE,  // the same, but its bytes are in allocatedMemory()
+    GAP            // fills the space between two chunks; in no total
+  };
+
+  const void* memory;  // the first byte for callers
+  unsigned size;       // its bookkeeping included
+  unsigned color;
+  Kind kind;
+};
+
 // Memory directly from the system layer. If that has no memory, alloc() fails the assertion "m" and
 // then returns null; the assertion stops the process only if YSYS_ASSERT is "stop" (YfAssert__ in
 // ysys.h). size(), color() and all totals return 0, valid() returns false.

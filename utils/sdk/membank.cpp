@@ -19,6 +19,7 @@ struct BankTraits {
   static constexpr unsigned LEAST_FREE = SMALLEST_BLOCK;
   static constexpr unsigned CHUNK_EXTRA = 12;
   static constexpr char SOURCE[] = "utils/sdk/membank";
+  static constexpr bool HAS_PAGES = false;
 };
 
 int binOf(unsigned size) { return static_cast<int>(std::bit_width(size)) - 1; }
@@ -383,6 +384,10 @@ void* MemoryBank::nextBlock(const void* mem) const {
 }
 
 void MemoryBank::checkArena() const { BankSteps::check(*this); }
+
+bool MemoryBank::visitBlocks(void (*visit)(const BlockInfo&, void*), void* context) const {
+  return BankSteps::visitBlocks(*this, [=](const BlockInfo& block) { visit(block, context); });
+}
 
 void MemoryBank::report() { BankSteps::chain(*this).report(BankSteps::SOURCE); }
 

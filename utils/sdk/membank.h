@@ -75,7 +75,8 @@ struct YUTILS_EXPORT MemoryBank : Allocator {
   void* firstBlock() const;
   void* nextBlock(const void* mem) const;
   void checkArena() const;  // walks the chain and the bins, then compares the totals; linear
-  void report();            // without the totals in KiB
+  bool visitBlocks(void (*visit)(const BlockInfo& block, void* context), void* context) const;
+  void report();  // without the totals in KiB
 
  protected:
   // The first words of a free block; a busy one has only the head word. Packed as in alloc.h.

@@ -17,6 +17,7 @@
 #include "utils/sdk/alloc.h"
 #include "utils/sdk/allocator.h"
 #include "utils/sdk/base/late_immortal.h"
+#include "utils/sdk/memory/gaps.h"
 #include "utils/sdk/platform.h"
 #include "utils/sdk/ysys.h"
 
@@ -42,6 +43,7 @@ Allocator* Allocator::buildTheAllocator() {
   if (built) return built;
   YIF_MemInit(0);
   MemoryAllocator* arena = &_arena.make(&_host.make());
+  noteGapsOf(arena);
   YfWithoutExhaustionReport(reserve, arena);
   return built = arena;
 }

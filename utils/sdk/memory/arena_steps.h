@@ -14,6 +14,7 @@
 //   CHUNK_EXTRA   bytes that it requests from the parent beside the block that it needs; 8 of them
 //                 are for the words before the first and after the last block
 //   SOURCE        the module's name in failed assertions
+//   HAS_PAGES     whether busy blocks can be pages of small blocks
 //
 // A step that can fail an assertion takes its `line` from the caller, so that SOURCE and line name
 // the call in the arena's own source.
@@ -29,9 +30,12 @@
 #include <algorithm>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
 #include "utils/sdk/allocator.h"
 #include "utils/sdk/memory/chain.h"
+#include "utils/sdk/memory/gaps.h"
+#include "utils/sdk/memory/page.h"
 #include "utils/sdk/ysys.h"
 
 namespace Utils {
@@ -88,7 +92,10 @@ struct ArenaSteps {
     if ((addressOf(candidate) & (CHUNK_ALIGN - 1)) != 0)
       YfAssert__("((unsigned long)candidate & (CHUNK_ALIGN - 1)) == 0", SOURCE, line);
     const unsigned used = std::min(need, BLOCK_LIMIT);
+    const bool wasCut = std::exchange(a.cut_, false);
     Head* h = static_cast<Head*>(joinChunk(a.endHead_, candidate, used, a.cut_));
+    if (a.endHead_ && h != a.endHead_ && !a.cut_) noteGap(&a, a.endHead_);
+    a.cut_ |= wasCut;
     a.endHead_ = static_cast<Head*>(offsetBy(h, sizeOf(h->sizeandcolor_)));
     if (!a.firstHead_) a.firstHead_ = h;
     h->color_ = 0;
@@ -242,6 +249,46 @@ struct ArenaSteps {
   static void countFree(Arena& a, unsigned size, unsigned label) {
     a.internalFree_ += size;
     a.freeColorMemory_[label & COLOR_MASK] += size;
+  }
+
+  // --- The visit of all blocks, without reports ---
+
+  // Calls visit(info) for each block of the chain. Returns false if it ends at a damaged block.
+  template <class Visit>
+  static bool visitBlocks(const Arena& a, const Visit& visit) {
+    const Chain blocks = chain(a);
+    for (const void* head = a.firstHead_; head && head != a.endHead_;) {
+      if (a.cut_ && wordAt(head) == SEAM) return true;
+      if (!blocks.canBeHead(head)) return false;
+      const unsigned size = sizeOf(wordAt(head));
+      if constexpr (Traits::HAS_PAGES) {
+        visitPage(head, size, visit);
+      } else {
+        visit(infoOf(head, size));
+      }
+      head = offsetBy(head, size);
+    }
+    return true;
+  }
+
+  // Visits a block that may be a page, and then its small blocks.
+  template <class Visit>
+  static void visitPage(const void* page, unsigned size, const Visit& visit) {
+    BlockInfo info = infoOf(page, size);
+    const SmallBlocks smalls(info.memory, info.kind == BlockInfo::BUSY ? size : 0);
+    if (smalls.count_ != 0)
+      info.kind = smalls.isCounted_ ? BlockInfo::COUNTED_PAGE : BlockInfo::PAGE;
+    visit(info);
+    for (unsigned i = 0; i < smalls.count_; i++)
+      visit(infoOf(offsetBy(smalls.first_, std::size_t{i} * smalls.size_), smalls.size_));
+  }
+
+  static BlockInfo infoOf(const void* head, unsigned size) {
+    const unsigned word = wordAt(head);
+    const void* mem = offsetBy(head, 4);
+    if (!isBusy(word))
+      return {mem, size, static_cast<const Head*>(head)->color_ & COLOR_MASK, BlockInfo::FREE};
+    return {mem, size, colorOf(word), isGap(head) ? BlockInfo::GAP : BlockInfo::BUSY};
   }
 
   // --- After damage ---

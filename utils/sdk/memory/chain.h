@@ -123,6 +123,8 @@ struct Chain {
   // size.
   const void* after(const void* head) const;
   bool leadsTo(const void* head) const;  // whether the walk reaches `head`
+  // Returns whether the head word can be that of a block in this place. Requires: it can be read.
+  bool canBeHead(const void* head) const;
 
   void* first_;
   void* end_;
@@ -131,7 +133,6 @@ struct Chain {
  private:
   bool holds(const void* head) const;
   bool holdsBusy(const void* mem) const;
-  bool canBeHead(const void* head) const;
   const void* next(const void* head, const char* source, unsigned line, bool& isWhole) const;
 };
 

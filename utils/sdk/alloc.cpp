@@ -13,6 +13,7 @@
 
 #include "utils/sdk/memory/arena_steps.h"
 #include "utils/sdk/memory/free_tree.h"
+#include "utils/sdk/memory/watched_steps.h"
 #include "utils/sdk/ysys.h"
 
 namespace Utils {
@@ -119,6 +120,8 @@ struct AllocSteps : ArenaSteps<AllocTraits> {
   static void pushSmall(MemoryAllocator& a, MemHead* h, unsigned k, unsigned size, unsigned color);
   static unsigned releaseLarge(MemoryAllocator& a, void* mem);
   static void releaseAndCount(MemoryAllocator& a, void* mem);
+  static unsigned release(MemoryAllocator& a, void* mem);
+  static bool isWhole(const MemoryAllocator& a, const void* mem);
 
   static MemHead* findFit(FreePath& path, unsigned amt, const WTreeNodeBase*& lower);
   static MemHead* takeFit(MemoryAllocator& a, FreePath& path, unsigned amt);
@@ -154,6 +157,10 @@ struct AllocSteps : ArenaSteps<AllocTraits> {
   static bool checkList(const MemoryAllocator& a, unsigned k, FreeSums& sums);
 };
 
+using Watched = WatchedSteps<AllocSteps>;
+using Reading = Watched::Reading;
+using Quiet = Sight::Quiet;
+
 // --- Construction ---
 
 MemoryAllocator::MemoryAllocator() : parent_(nullptr), lock_("allocator") { init(); }
@@ -162,7 +169,10 @@ MemoryAllocator::MemoryAllocator(Allocator* parent) : parent_(parent), lock_("al
   init();
 }
 
-MemoryAllocator::~MemoryAllocator() {}
+MemoryAllocator::~MemoryAllocator() {
+  if (slow_) [[unlikely]]
+    Watched::destroy(*this);
+}
 
 void MemoryAllocator::init() {
   static_assert(sizeof smallFree_ == CLASSES * sizeof(MemHead*));
@@ -181,7 +191,7 @@ void MemoryAllocator::operator delete(void* mem) noexcept { ::operator delete(me
 // --- Allocation and freeing ---
 
 inline void* AllocSteps::allocate(MemoryAllocator& a, unsigned request, unsigned color) {
-  if (request > LARGEST_SMALL_REQUEST) [[unlikely]]
+  if ((request | a.slow_) > LARGEST_SMALL_REQUEST) [[unlikely]]
     return allocateLarge(a, request, color);
   const unsigned half = halfClassOf(request);
   if (MemHead* h = popSmall(a, half + 1, 2u << half)) return handOver(a, h, 2u << half, color);
@@ -220,6 +230,8 @@ inline MemHead* AllocSteps::popSmall(MemoryAllocator& a, unsigned k, unsigned si
 
 [[gnu::noinline]] void* AllocSteps::allocateLarge(MemoryAllocator& a, unsigned request,
                                                   unsigned color) {
+  if (a.slow_) [[unlikely]]
+    return Watched::allocate(a, request, color);
   if (request > LARGEST_REQUEST) return nullptr;
   const unsigned amt = std::max(blockSize(request), SMALLEST_LARGE);
   MemHead* h = takeFit(a, amt);
@@ -231,7 +243,7 @@ inline MemHead* AllocSteps::popSmall(MemoryAllocator& a, unsigned k, unsigned si
 // Frees a small block and stores its size. Returns false, nothing changed, if `mem` is no busy
 // small block; null is none.
 inline bool AllocSteps::releaseSmall(MemoryAllocator& a, void* mem, unsigned& size) {
-  if (!isInChain(a, mem) || addressOf(mem) % ALIGN != 0) [[unlikely]]
+  if (a.slow_ || !isInChain(a, mem) || addressOf(mem) % ALIGN != 0) [[unlikely]]
     return false;
   return releaseSmall(a, headAt(headOfMemory(mem)), size);
 }
@@ -261,12 +273,22 @@ inline void AllocSteps::pushSmall(MemoryAllocator& a, MemHead* h, unsigned k, un
 // which is reported. Small blocks come here only if they lie outside of a chain that was cut.
 inline unsigned AllocSteps::releaseLarge(MemoryAllocator& a, void* mem) {
   if (!mem) return 0;
+  if (a.slow_) [[unlikely]]
+    return Watched::release(a, mem);
   unsigned size;
   if (a.cut_ && addressOf(mem) % ALIGN == 0 && releaseSmall(a, headAt(headOfMemory(mem)), size))
     return size;
   const Returned block = takeBack(a, mem, "s+1 == TAIL(h)->size");
   if (block.head_) joinFree(a, block.head_, block.size_, block.color_);
   return block.size_;
+}
+
+// Returns whether release() takes a busy block without a report.
+bool AllocSteps::isWhole(const MemoryAllocator& a, const void* mem) {
+  const void* head = headOfMemory(mem);
+  const unsigned size = sizeOf(wordAt(head));
+  if (size == SMALL_SIZES.of_[classOfSize(size)]) return true;
+  return chain(a).fits(head, size, SMALLEST_LARGE) && wordAt(offsetBy(head, size - 4)) == size + 1;
 }
 
 [[gnu::noinline]] void AllocSteps::releaseAndCount(MemoryAllocator& a, void* mem) {
@@ -302,10 +324,12 @@ void* MemoryAllocator::_alloc(unsigned size, unsigned color) {
   return AllocSteps::allocate(*this, size, color);
 }
 
-unsigned MemoryAllocator::_free(void* mem) {
+unsigned AllocSteps::release(MemoryAllocator& a, void* mem) {
   unsigned size;
-  return AllocSteps::releaseSmall(*this, mem, size) ? size : AllocSteps::releaseLarge(*this, mem);
+  return releaseSmall(a, mem, size) ? size : releaseLarge(a, mem);
 }
+
+unsigned MemoryAllocator::_free(void* mem) { return AllocSteps::release(*this, mem); }
 
 // --- Large blocks ---
 
@@ -710,19 +734,27 @@ bool AllocSteps::checkList(const MemoryAllocator& a, unsigned k, FreeSums& sums)
 
 // --- Questions ---
 
-unsigned MemoryAllocator::size(const void* mem) const { return AllocSteps::chain(*this).size(mem); }
+unsigned MemoryAllocator::size(const void* mem) const {
+  const Quiet quiet(slow_ != 0);
+  return AllocSteps::chain(*this).size(mem);
+}
 
 unsigned MemoryAllocator::allocatedMemory() const { return allocatedMemory_; }
 
-unsigned MemoryAllocator::internalFree() const { return internalFree_; }
+unsigned MemoryAllocator::internalFree() const {
+  const Reading reading(*this);
+  return internalFree_;
+}
 
 unsigned MemoryAllocator::color(const void* mem) const {
+  const Quiet quiet(slow_ != 0);
   return AllocSteps::chain(*this).color(mem);
 }
 
 // Small blocks have no tail, and are recognised by their size.
 bool MemoryAllocator::valid(const void* mem) const {
   const unsigned bytes = size(mem);
+  const Quiet quiet(slow_ != 0);
   if (bytes > LARGEST_SMALL) return AllocSteps::chain(*this).valid(mem);
   return bytes >= SMALLEST_BLOCK && std::has_single_bit(bytes);
 }
@@ -740,6 +772,7 @@ unsigned MemoryAllocator::allocatedColorMemory(unsigned color) const {
 }
 
 unsigned MemoryAllocator::freeColorMemory(unsigned color) const {
+  const Reading reading(*this);
   return freeColorMemory_[color & COLOR_MASK];
 }
 
@@ -748,26 +781,40 @@ void MemoryAllocator::adjustColorMemory(unsigned color, int delta) {
 }
 
 unsigned MemoryAllocator::color(void* mem, unsigned color) {
+  const Quiet quiet(slow_ != 0);
   return AllocSteps::chain(*this).setColor(mem, color, allocatedColorMemory_);
 }
 
-bool MemoryAllocator::busy(const void* mem) { return mem && isBusy(wordAt(headOfMemory(mem))); }
+bool MemoryAllocator::busy(const void* mem) {
+  const Quiet quiet(Sight::isOn_);
+  return mem && isBusy(wordAt(headOfMemory(mem)));
+}
 
 // --- The chain ---
 
-void* MemoryAllocator::firstBlock() const { return AllocSteps::chain(*this).firstBlock(); }
+void* MemoryAllocator::firstBlock() const {
+  const Reading reading(*this);
+  return AllocSteps::chain(*this).firstBlock();
+}
 
 void* MemoryAllocator::nextBlock(const void* mem) const {
+  const Quiet quiet(slow_ != 0);
   return AllocSteps::chain(*this).nextBlock(mem, AllocSteps::SOURCE);
 }
 
-void MemoryAllocator::checkArena() const { AllocSteps::check(*this); }
+void MemoryAllocator::checkArena() const {
+  const Reading reading(*this);
+  AllocSteps::check(*this);
+}
 
 bool MemoryAllocator::visitBlocks(void (*visit)(const BlockInfo&, void*), void* context) const {
+  const Reading reading(*this);
   return AllocSteps::visitBlocks(*this, [=](const BlockInfo& block) { visit(block, context); });
 }
 
 void MemoryAllocator::report() {
+  const Reading reading(*this);
+
   AllocSteps::chain(*this).report(AllocSteps::SOURCE);
   const unsigned long long used = allocatedMemory_;
   const unsigned long long free = internalFree_;

@@ -167,6 +167,8 @@ struct YUTILS_EXPORT MemoryAllocator : Allocator {
   friend struct AllocSteps;
   template <class Traits>
   friend struct ArenaSteps;
+  template <class Steps>
+  friend struct WatchedSteps;
 
   Allocator* parent_;
   WTreeBase tree_;      // the free large blocks
@@ -176,7 +178,8 @@ struct YUTILS_EXPORT MemoryAllocator : Allocator {
   MemHead* smallFree_[10];  // by log2 of the block size; 0 to 4 stay null
   unsigned allocatedMemory_;
   bool tryHard_;
-  bool cut_;  // some chunks lie outside of the chain
+  bool cut_;             // some chunks lie outside of the chain
+  unsigned short slow_;  // 0 unless each request takes a slower path (memory/sight.h)
   unsigned defaultColor_;
   unsigned allocatedColorMemory_[64];
   unsigned freeColorMemory_[64];

@@ -8,6 +8,7 @@
 #include <new>
 
 #include "utils/sdk/memory/arena_steps.h"
+#include "utils/sdk/memory/watched_steps.h"
 #include "utils/sdk/ysys.h"
 
 namespace Utils {
@@ -39,6 +40,10 @@ struct BankSteps : ArenaSteps<BankTraits> {
     int bin_;
   };
 
+  static void* allocate(MemoryBank& b, unsigned request, unsigned color);
+  static unsigned release(MemoryBank& b, void* mem);
+  static bool isWhole(const MemoryBank& b, const void* mem) { return chain(b).valid(mem); }
+
   static MemHead* takeFit(MemoryBank& b, unsigned amt);
   static int lowestBin(const MemoryBank& b, int bin);
   static Place findFit(const MemoryBank& b, unsigned amt);
@@ -61,13 +66,20 @@ struct BankSteps : ArenaSteps<BankTraits> {
   static bool checkBin(const MemoryBank& b, int bin, FreeSums& sums);
 };
 
+using Watched = WatchedSteps<BankSteps>;
+using Reading = Watched::Reading;
+using Quiet = Sight::Quiet;
+
 // --- Construction ---
 
 MemoryBank::MemoryBank() : parent_(nullptr), lock_("membank") { init(); }
 
 MemoryBank::MemoryBank(Allocator* parent) : parent_(parent), lock_("membank") { init(); }
 
-MemoryBank::~MemoryBank() {}
+MemoryBank::~MemoryBank() {
+  if (slow_) [[unlikely]]
+    Watched::destroy(*this);
+}
 
 void MemoryBank::init() {
   static_assert(sizeof bins_ == BINS * sizeof(MemHead*));
@@ -106,18 +118,30 @@ void MemoryBank::free(void* mem) {
   lock_.unlock();
 }
 
+inline void* BankSteps::allocate(MemoryBank& b, unsigned request, unsigned color) {
+  if (request > LARGEST_REQUEST) return nullptr;
+  const unsigned amt = blockSize(request);
+  MemHead* h = takeFit(b, amt);
+  if (!h) h = newChunk(b, amt);
+  return h ? handOverChecked(b, h, color) : nullptr;
+}
+
+inline unsigned BankSteps::release(MemoryBank& b, void* mem) {
+  const auto block = takeBack(b, mem, "s == TAIL(h)->size");
+  if (block.head_) joinFree(b, block.head_, block.size_, block.color_);
+  return block.size_;
+}
+
 void* MemoryBank::_alloc(unsigned size, unsigned color) {
-  if (size > LARGEST_REQUEST) return nullptr;
-  const unsigned amt = blockSize(size);
-  MemHead* h = BankSteps::takeFit(*this, amt);
-  if (!h) h = BankSteps::newChunk(*this, amt);
-  return h ? BankSteps::handOverChecked(*this, h, color) : nullptr;
+  if (slow_) [[unlikely]]
+    return Watched::allocate(*this, size, color);
+  return BankSteps::allocate(*this, size, color);
 }
 
 unsigned MemoryBank::_free(void* mem) {
-  const auto block = BankSteps::takeBack(*this, mem, "s == TAIL(h)->size");
-  if (block.head_) BankSteps::joinFree(*this, block.head_, block.size_, block.color_);
-  return block.size_;
+  if (slow_) [[unlikely]]
+    return Watched::release(*this, mem);
+  return BankSteps::release(*this, mem);
 }
 
 // --- Bins ---
@@ -339,15 +363,27 @@ bool BankSteps::checkBin(const MemoryBank& b, int bin, FreeSums& sums) {
 
 // --- Questions ---
 
-unsigned MemoryBank::size(const void* mem) const { return BankSteps::chain(*this).size(mem); }
+unsigned MemoryBank::size(const void* mem) const {
+  const Quiet quiet(slow_ != 0);
+  return BankSteps::chain(*this).size(mem);
+}
 
 unsigned MemoryBank::allocatedMemory() const { return allocatedMemory_; }
 
-unsigned MemoryBank::internalFree() const { return internalFree_; }
+unsigned MemoryBank::internalFree() const {
+  const Reading reading(*this);
+  return internalFree_;
+}
 
-unsigned MemoryBank::color(const void* mem) const { return BankSteps::chain(*this).color(mem); }
+unsigned MemoryBank::color(const void* mem) const {
+  const Quiet quiet(slow_ != 0);
+  return BankSteps::chain(*this).color(mem);
+}
 
-bool MemoryBank::valid(const void* mem) const { return BankSteps::chain(*this).valid(mem); }
+bool MemoryBank::valid(const void* mem) const {
+  const Quiet quiet(slow_ != 0);
+  return BankSteps::chain(*this).valid(mem);
+}
 
 unsigned MemoryBank::setDefaultColor(unsigned color, unsigned* oldColor) {
   if (oldColor) *oldColor = defaultColor_;
@@ -362,6 +398,7 @@ unsigned MemoryBank::allocatedColorMemory(unsigned color) const {
 }
 
 unsigned MemoryBank::freeColorMemory(unsigned color) const {
+  const Reading reading(*this);
   return freeColorMemory_[color & COLOR_MASK];
 }
 
@@ -370,25 +407,40 @@ void MemoryBank::adjustColorMemory(unsigned color, int delta) {
 }
 
 unsigned MemoryBank::color(void* mem, unsigned color) {
+  const Quiet quiet(slow_ != 0);
   return BankSteps::chain(*this).setColor(mem, color, allocatedColorMemory_);
 }
 
-bool MemoryBank::busy(const void* mem) { return mem && isBusy(wordAt(headOfMemory(mem))); }
+bool MemoryBank::busy(const void* mem) {
+  const Quiet quiet(Sight::isOn_);
+  return mem && isBusy(wordAt(headOfMemory(mem)));
+}
 
 // --- The chain ---
 
-void* MemoryBank::firstBlock() const { return BankSteps::chain(*this).firstBlock(); }
+void* MemoryBank::firstBlock() const {
+  const Reading reading(*this);
+  return BankSteps::chain(*this).firstBlock();
+}
 
 void* MemoryBank::nextBlock(const void* mem) const {
+  const Quiet quiet(slow_ != 0);
   return BankSteps::chain(*this).nextBlock(mem, BankSteps::SOURCE);
 }
 
-void MemoryBank::checkArena() const { BankSteps::check(*this); }
+void MemoryBank::checkArena() const {
+  const Reading reading(*this);
+  BankSteps::check(*this);
+}
 
 bool MemoryBank::visitBlocks(void (*visit)(const BlockInfo&, void*), void* context) const {
+  const Reading reading(*this);
   return BankSteps::visitBlocks(*this, [=](const BlockInfo& block) { visit(block, context); });
 }
 
-void MemoryBank::report() { BankSteps::chain(*this).report(BankSteps::SOURCE); }
+void MemoryBank::report() {
+  const Reading reading(*this);
+  BankSteps::chain(*this).report(BankSteps::SOURCE);
+}
 
 }  // namespace Utils

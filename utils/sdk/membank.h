@@ -111,6 +111,8 @@ struct YUTILS_EXPORT MemoryBank : Allocator {
   friend struct BankSteps;
   template <class Traits>
   friend struct ArenaSteps;
+  template <class Steps>
+  friend struct WatchedSteps;
 
   Allocator* parent_;
   MemHead* bins_[27];   // by log2 of the block size, the last freed first
@@ -119,7 +121,8 @@ struct YUTILS_EXPORT MemoryBank : Allocator {
   unsigned internalFree_;
   unsigned allocatedMemory_;
   bool tryHard_;
-  bool cut_;  // some chunks lie outside of the chain
+  bool cut_;             // some chunks lie outside of the chain
+  unsigned short slow_;  // 0 unless each request takes a slower path (memory/sight.h)
   unsigned defaultColor_;
   unsigned allocatedColorMemory_[64];
   unsigned freeColorMemory_[64];

@@ -50,5 +50,37 @@ int DisableThreadLibraryCalls(void* library) noexcept;
 // The runtime library's assertion report. Does what YfAssert__ does.
 void _assert(const char* condition, const char* file, unsigned int line) noexcept;
 
+// --- Tools that check memory: the address sanitizer, and valgrind's memory checker ---
+
+// Returns 1 if such a tool observes the process, else 0. Always the same in one process. 0 if the
+// environment variable YSYS_MEMORY_TOOLS is "off".
+int YfHasMemoryTool() noexcept;
+// Returns the bytes that an arena holds back after they were freed, while a tool observes the
+// process: the number that the environment variable YSYS_QUARANTINE contains, else 262144.
+unsigned YfQuarantineBytes() noexcept;
+
+// A block of memory as the tool sees it. Without a tool these do nothing.
+//
+// YfMarkChunk: the memory belongs to an allocator, and no access is allowed. YfUnmarkChunk: all of
+// it is allowed again. YfMarkBusy: the program may use exactly these bytes; their contents are not
+// defined. YfMarkFree: the block may be used no longer; `blockSize` bytes from there are forbidden.
+// `isOutermost` is 0 if the memory lies in a block of another allocator that the tool knows: then
+// valgrind does not count it as a block of its own, which could be leaked.
+void YfMarkChunk(void* memory, std::size_t size) noexcept;
+void YfUnmarkChunk(void* memory, std::size_t size) noexcept;
+void YfMarkBusy(void* memory, std::size_t size, int isOutermost) noexcept;
+void YfMarkFree(void* memory, std::size_t blockSize, int isOutermost) noexcept;
+// Lets the tool report that memory is freed that is not busy. The sanitizer reports only an address
+// that is forbidden, and stops the process. Requires: the task has paused the tool, once.
+void YfReportWrongFree(void* memory) noexcept;
+
+// Between the two calls valgrind reports no error of the calling task. Calls may be nested.
+void YfPauseMemoryTool() noexcept;
+void YfResumeMemoryTool() noexcept;
+
+// Returns zero-filled memory from the system, which is never freed and not from YIF_MemAlloc. Null
+// if there is none.
+void* YfMapPages(std::size_t size) noexcept;
+
 }  // extern "C"
 #pragma GCC visibility pop

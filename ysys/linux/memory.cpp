@@ -6,6 +6,8 @@
 // the window at 0x7f0000000000, requests of 4 MiB and of 100 bytes return 0x7f0000000000 and
 // 0x7f0000400000, the third one 0x7f0000400070, and 5 MiB of pages are accessible.
 //
+// Core files leave the window out, except for the pages that are accessible.
+//
 // Not an allocator: nothing is freed. The first size tried is twice the wanted one; it is reduced
 // by an eighth until the system agrees, and then the upper half is unmapped, so that the host keeps
 // at least as much of the address space as the window takes: nearly 300 MB under a limit of 600 MB.
@@ -24,6 +26,7 @@
 #include "utils/sdk/ysys.h"
 #include "ysys/fork.h"
 #include "ysys/inner_lock.h"
+#include "ysys/memory_tools.h"
 #include "ysys/pages.h"
 
 namespace ysys {
@@ -64,6 +67,7 @@ void reserveWindow() {
     _window.base_ = static_cast<char*>(base);
     _window.size_ = kept;
     munmap(_window.base_ + kept, kept);
+    madvise(base, kept, MADV_DONTDUMP);
     return;
   }
 }
@@ -71,7 +75,10 @@ void reserveWindow() {
 bool openInSteps(size_t missing, size_t step) {
   const size_t steps = (missing + step - 1) / step;
   const size_t length = std::min(steps * step, _window.size_ - _window.open_);
-  if (mprotect(_window.base_ + _window.open_, length, PROT_READ | PROT_WRITE) != 0) return false;
+  char* begin = _window.base_ + _window.open_;
+  if (mprotect(begin, length, PROT_READ | PROT_WRITE) != 0) return false;
+  madvise(begin, length, MADV_DODUMP);
+  searchForLeaks(begin, length);
   _window.open_ += length;
   return true;
 }
@@ -121,5 +128,8 @@ void* YIF_MemAlloc(unsigned int size) noexcept {
   const uint64_t rounded = (atLeastOne + ALIGNMENT - 1) & ~(ALIGNMENT - 1);
   if (rounded > SIZE_MAX) return nullptr;
   const size_t bytes = static_cast<size_t>(rounded);
-  return rounded > WINDOW_REQUEST_MAX ? mapPages(bytes) : allocate(bytes);
+  if (rounded <= WINDOW_REQUEST_MAX) return allocate(bytes);
+  void* mapped = mapPages(bytes);
+  if (mapped != nullptr) searchForLeaks(mapped, bytes);
+  return mapped;
 }

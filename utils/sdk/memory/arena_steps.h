@@ -36,6 +36,7 @@
 #include "utils/sdk/memory/chain.h"
 #include "utils/sdk/memory/gaps.h"
 #include "utils/sdk/memory/page.h"
+#include "utils/sdk/memory/sight.h"
 #include "utils/sdk/ysys.h"
 
 namespace Utils {
@@ -64,6 +65,7 @@ struct ArenaSteps {
     a.internalFree_ = a.allocatedMemory_ = 0;
     a.tryHard_ = true;
     a.cut_ = false;
+    a.slow_ = Sight::isWanted() ? WATCHED : 0;
     a.defaultColor_ = 0;
     for (unsigned& total : a.allocatedColorMemory_) total = 0;
     for (unsigned& total : a.freeColorMemory_) total = 0;
@@ -91,6 +93,7 @@ struct ArenaSteps {
     if (!candidate) return nullptr;
     if ((addressOf(candidate) & (CHUNK_ALIGN - 1)) != 0)
       YfAssert__("((unsigned long)candidate & (CHUNK_ALIGN - 1)) == 0", SOURCE, line);
+    if (Sight::isOn_) Sight::addChunk(&a, candidate, need);
     const unsigned used = std::min(need, BLOCK_LIMIT);
     const bool wasCut = std::exchange(a.cut_, false);
     Head* h = static_cast<Head*>(joinChunk(a.endHead_, candidate, used, a.cut_));
@@ -145,6 +148,12 @@ struct ArenaSteps {
                                        unsigned line, const void* head) {
     report(condition, SOURCE, line, head);
     return {nullptr, 0, 0};
+  }
+
+  // Returns whether `mem` is the memory of a block that is busy. Reports nothing.
+  static bool isBusyBlock(const Arena& a, const void* mem) {
+    return addressOf(mem) % ALIGN == 0 && (a.cut_ || isInChain(a, mem)) &&
+           isBusy(wordAt(headOfMemory(mem)));
   }
 
   // Takes a busy block with a tail back from the caller: clears its colour and subtracts it from

@@ -33,8 +33,7 @@ constexpr unsigned LABEL = sizeof(Utils::MemHead) - 4;
 
 // Of a free block, at that offset from its head.
 Word wordOf(const char* head, unsigned offset, Kind kind, bool isOfChain, unsigned bytes = 4) {
-  return {const_cast<char*>(head) + offset, head, kind, isOfChain,
-          ChainBlocks::wordAt(head),        bytes};
+  return {const_cast<char*>(head) + offset, head, kind, isOfChain, peek<unsigned>(head), bytes};
 }
 
 // The words that the arena keeps beside heads and tails.

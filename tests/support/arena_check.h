@@ -10,6 +10,7 @@
 #include "utils/testing/arena_check.h"
 
 using Utils::Testing::Internal::ChainBlocks;
+using Utils::Testing::Internal::peek;
 
 template <class Arena>
 struct OpenChain : Arena {
@@ -43,7 +44,7 @@ struct OpenArena : OpenChain<Utils::MemoryAllocator> {
     const char* head = reinterpret_cast<const char*>(smallFree_[k]);
     while (head && heads.size() < 1000000) {
       heads.push_back(head);
-      std::memcpy(&head, head + 4, sizeof head);
+      head = peek<const char*>(head + 4);
     }
     return heads;
   }

@@ -23,12 +23,12 @@
 // and an assertion fails, which stops the process by default. The functions below call it, then
 // check the rest. In a chain that was cut (alloc.h) they check only 1 to 4, and 8.
 //
+// The functions work under the address sanitizer and valgrind, too: they may read the bookkeeping.
 // Header-only, independent of any test framework; allocates from the program's own heap. Takes
 // n log n steps for n blocks. Thread safety: the caller serialises, as for every call on the arena.
 #pragma once
 
 #include <cstdio>
-#include <cstring>
 #include <iterator>
 #include <map>
 #include <set>
@@ -36,6 +36,7 @@
 
 #include "utils/sdk/alloc.h"
 #include "utils/sdk/membank.h"
+#include "utils/sdk/platform.h"
 
 namespace Utils {
 namespace Testing {
@@ -53,6 +54,26 @@ inline std::string broken(const char* invariant, const void* head) {
   return std::string(invariant) + address;
 }
 
+// Read bookkeeping of an arena, to which tools that check memory allow no access.
+
+template <class Word>
+[[gnu::no_sanitize_address]] inline Word peek(const void* address) {
+  using Aliased [[gnu::may_alias]] = Word;
+  return *static_cast<const Aliased*>(address);
+}
+
+template <class Object, class Class, class Field>
+[[gnu::no_sanitize_address]] inline Field peek(const Object* object, Field Class::*field) {
+  return object->*field;
+}
+
+struct Quiet {
+  Quiet() { YfPauseMemoryTool(); }
+  ~Quiet() { YfResumeMemoryTool(); }
+  Quiet(const Quiet&) = delete;
+  Quiet& operator=(const Quiet&) = delete;
+};
+
 // The blocks of a chain by the addresses of their heads.
 struct ChainBlocks {
   static constexpr unsigned LIMIT = 1u << 26;  // every block is smaller
@@ -61,12 +82,6 @@ struct ChainBlocks {
   static bool isBusy(unsigned word) { return (word & 1) != 0; }
   static unsigned sizeOf(unsigned word) { return word & (LIMIT - 2); }
 
-  static unsigned wordAt(const char* address) {
-    unsigned word;
-    std::memcpy(&word, address, sizeof word);
-    return word;
-  }
-
   // Collects the blocks and checks the tails, 5 and 6.
   template <class Arena>
   std::string collect(const Arena& arena, unsigned leastFree) {
@@ -74,9 +89,10 @@ struct ChainBlocks {
     const char* first = static_cast<const char*>(arena.firstBlock());
     for (void* mem = arena.firstBlock(); mem; mem = arena.nextBlock(mem)) {
       const char* head = static_cast<const char*>(mem) - 4;
-      const unsigned word = wordAt(head);
+      const unsigned word = peek<unsigned>(head);
       all_[head] = word;
-      if (wordAt(head + sizeOf(word) - 4) != sizeOf(word) + 1) return broken("1. tail", head);
+      if (peek<unsigned>(head + sizeOf(word) - 4) != sizeOf(word) + 1)
+        return broken("1. tail", head);
       if (!isBusy(word)) {
         free_.insert(head);
         if (sizeOf(word) < leastFree) return broken("5. too small to be free", head);
@@ -115,7 +131,13 @@ struct ChainBlocks {
 
 struct NodeFields : WTreeNodeBase {
   static unsigned weight(const WTreeNodeBase* node) {
-    return node ? node->*(&NodeFields::weight_) : 1;
+    return node ? peek(node, &NodeFields::weight_) : 1;
+  }
+  static const WTreeNodeBase* left(const WTreeNodeBase* node) {
+    return peek(node, &NodeFields::left_);
+  }
+  static const WTreeNodeBase* right(const WTreeNodeBase* node) {
+    return peek(node, &NodeFields::right_);
   }
 };
 
@@ -131,12 +153,12 @@ struct AllocatorFields : MemoryAllocator {
     const void* head = static_cast<const MemHead*>(node);
     std::string text = isCut ? std::string() : blocks.take(head);
     if (!text.empty()) return text;
-    const unsigned a = NodeFields::weight(node->left());
-    const unsigned b = NodeFields::weight(node->right());
+    const unsigned a = NodeFields::weight(NodeFields::left(node));
+    const unsigned b = NodeFields::weight(NodeFields::right(node));
     // A larger subtree may be a step outside of the balance.
     if (a + b < 239 && (a * 29 > b * 70 || a * 239 < b * 99)) return broken("8. balance", head);
-    text = checkTree(node->left(), isCut, blocks);
-    return text.empty() ? checkTree(node->right(), isCut, blocks) : text;
+    text = checkTree(NodeFields::left(node), isCut, blocks);
+    return text.empty() ? checkTree(NodeFields::right(node), isCut, blocks) : text;
   }
 
   // Checks 9.
@@ -146,7 +168,7 @@ struct AllocatorFields : MemoryAllocator {
     for (const void* head : a.*(&AllocatorFields::smallFree_)) {
       while (head && text.empty()) {
         text = blocks.takeSmall(head, size);
-        std::memcpy(&head, static_cast<const char*>(head) + 4, sizeof head);
+        head = peek<const void*>(static_cast<const char*>(head) + 4);
       }
       size *= 2;
     }
@@ -161,7 +183,7 @@ struct BankFields : MemoryBank {
   static std::string checkBins(const MemoryBank& b, ChainBlocks& blocks) {
     std::string text;
     for (const MemHead* h : b.*(&BankFields::bins_)) {
-      for (; h && text.empty(); h = h->next_) text = blocks.take(h);
+      for (; h && text.empty(); h = peek(h, &MemHead::next_)) text = blocks.take(h);
     }
     return text;
   }
@@ -172,6 +194,7 @@ struct BankFields : MemoryBank {
 inline std::string brokenInvariant(const MemoryAllocator& arena) {
   using Fields = Internal::AllocatorFields;
   arena.checkArena();
+  const Internal::Quiet quiet;
   Internal::ChainBlocks blocks;
   const bool isCut = Fields::isCut(arena);
   std::string text = isCut ? std::string() : blocks.collect(arena, 1024);
@@ -182,6 +205,7 @@ inline std::string brokenInvariant(const MemoryAllocator& arena) {
 inline std::string brokenInvariant(const MemoryBank& bank) {
   bank.checkArena();
   if (Internal::BankFields::isCut(bank)) return {};
+  const Internal::Quiet quiet;
   Internal::ChainBlocks blocks;
   std::string text = blocks.collect(bank, 32);
   return text.empty() ? Internal::BankFields::checkBins(bank, blocks) : text;

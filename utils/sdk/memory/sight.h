@@ -31,27 +31,38 @@ namespace Utils {
 // that it serves on its fast path, one comparison as without `slow_`.
 constexpr unsigned short WATCHED = 0x400;
 
-// The blocks of one arena that are held back, the oldest first. Lives as long as the process; the
-// next arena at another address may get it when its arena was destroyed.
-struct Quarantine {
+// The notes on one watched arena: its quarantine, which is the blocks that are held back, the
+// oldest first, and its chunks, of which adjacent ones are one entry. Lives as long as the process;
+// another arena may get it after its arena was destroyed.
+struct Watch {
   static constexpr unsigned ROOM = 2048;
+  static constexpr unsigned MOST_CHUNKS = 2048;
 
   struct Held {
     void* mem_;
     unsigned size_;
   };
 
+  struct Chunk {
+    void* begin_;
+    std::size_t size_;
+  };
+
   bool isFull(unsigned limit) const { return count_ == ROOM || bytes_ > limit; }
   bool holds(const void* mem) const;
   void push(Held block);
   Held pop();
+  // Notes a chunk. Later chunks than MOST_CHUNKS are not noted, and stay forbidden for ever.
+  void add(void* chunk, std::size_t size);
 
   std::atomic<const void*> arena_;
-  Quarantine* next_;
+  Watch* next_;
   unsigned first_;
   unsigned count_;
   unsigned bytes_;
   Held held_[ROOM];
+  unsigned chunkCount_;
+  Chunk chunks_[MOST_CHUNKS];
 };
 
 struct Sight {
@@ -78,10 +89,10 @@ struct Sight {
   // Announces a new chunk of an arena.
   static void addChunk(const void* arena, void* chunk, unsigned size);
 
-  // Returns the arena's quarantine, which the first call creates. Null if there is no memory.
-  static Quarantine* quarantineOf(const void* arena);
-  static Quarantine* findQuarantine(const void* arena);  // null if none was created
-  static unsigned limit();                               // of the bytes in a quarantine
+  // Returns the notes on an arena, which the first call creates. Null if there is no memory.
+  static Watch* watchOf(const void* arena);
+  static Watch* findWatch(const void* arena);  // null if none was created
+  static unsigned limit();                     // of the bytes in a quarantine
 };
 
 }  // namespace Utils

@@ -47,9 +47,12 @@ struct WatchedSteps {
   [[gnu::cold, gnu::noinline]] static unsigned release(Arena& a, void* mem,
                                                        unsigned line = __builtin_LINE()) {
     const Unwatched plain(a);
-    if (isHeld(a, mem) || !Steps::isBusyBlock(a, mem)) YfReportWrongFree(mem);
-    if (isHeld(a, mem)) return Steps::refuse(brokenBlock, "busy(h)", line, headOfMemory(mem)).size_;
-    if (!Steps::isBusyBlock(a, mem) || !Steps::isWhole(a, mem)) return Steps::release(a, mem);
+    const bool isHeldBack = isHeld(a, mem);
+    if (isHeldBack || !Steps::isBusyBlock(a, mem) || !Steps::isWhole(a, mem)) {
+      YfReportWrongFree(mem);
+      if (!isHeldBack) return Steps::release(a, mem);
+      return Steps::refuse(brokenBlock, "busy(h)", line, headOfMemory(mem)).size_;
+    }
     const unsigned size = sizeOf(wordAt(headOfMemory(mem)));
     YfMarkFree(mem, size - 4, Sight::isOutermost(a.parent_));
     return hold(a, {mem, size});
@@ -58,10 +61,10 @@ struct WatchedSteps {
   // For operations that read the arena: releases all that is held back. Returns whether that was
   // anything.
   static bool releaseHeld(Arena& a) {
-    Quarantine* held = Sight::findQuarantine(&a);
-    if (!held || held->count_ == 0) return false;
+    Watch* watch = Sight::findWatch(&a);
+    if (!watch || watch->count_ == 0) return false;
     const Unwatched plain(a);
-    while (held->count_ != 0) releaseOldest(a, *held);
+    while (watch->count_ != 0) releaseOldest(a, *watch);
     return true;
   }
 
@@ -77,18 +80,17 @@ struct WatchedSteps {
   // Lets the program use the memory of the arena's chunks again. A copy that goes on with the
   // chunks has another address, and nothing happens when it is destroyed.
   [[gnu::cold, gnu::noinline]] static void destroy(Arena& a) {
-    Quarantine* held = Sight::findQuarantine(&a);
-    if (!held || !a.firstHead_) return;
+    Watch* watch = Sight::findWatch(&a);
+    if (!watch) return;
     const Sight::Quiet quiet(true);
     Steps::visitBlocks(a, [&](const BlockInfo& block) {
       if (block.kind == BlockInfo::BUSY)
         YfMarkFree(const_cast<void*>(block.memory), 0, Sight::isOutermost(a.parent_));
     });
-    void* begin = offsetBack(a.firstHead_, 4);
-    if (addressOf(begin) < addressOf(a.endHead_))
-      YfUnmarkChunk(begin, addressOf(a.endHead_) + 4 - addressOf(begin));
-    held->count_ = held->bytes_ = 0;
-    held->arena_ = nullptr;
+    for (unsigned i = 0; i < watch->chunkCount_; i++)
+      YfUnmarkChunk(watch->chunks_[i].begin_, watch->chunks_[i].size_);
+    watch->count_ = watch->bytes_ = watch->chunkCount_ = 0;
+    watch->arena_ = nullptr;
   }
 
  private:
@@ -98,21 +100,21 @@ struct WatchedSteps {
   }
 
   static bool isHeld(const Arena& a, const void* mem) {
-    const Quarantine* held = Sight::findQuarantine(&a);
-    return held && held->holds(mem);
+    const Watch* watch = Sight::findWatch(&a);
+    return watch && watch->holds(mem);
   }
 
-  static unsigned hold(Arena& a, Quarantine::Held block) {
-    Quarantine* held = block.size_ < Sight::limit() ? Sight::quarantineOf(&a) : nullptr;
-    if (!held) return Steps::release(a, block.mem_);
+  static unsigned hold(Arena& a, Watch::Held block) {
+    Watch* watch = block.size_ < Sight::limit() ? Sight::watchOf(&a) : nullptr;
+    if (!watch) return Steps::release(a, block.mem_);
     a.allocatedColorMemory_[colorOf(wordAt(headOfMemory(block.mem_)))] -= block.size_;
-    held->push(block);
-    while (held->isFull(Sight::limit())) releaseOldest(a, *held);
+    watch->push(block);
+    while (watch->isFull(Sight::limit())) releaseOldest(a, *watch);
     return block.size_;
   }
 
-  static void releaseOldest(Arena& a, Quarantine& held) {
-    const Quarantine::Held block = held.pop();
+  static void releaseOldest(Arena& a, Watch& watch) {
+    const Watch::Held block = watch.pop();
     a.allocatedColorMemory_[colorOf(wordAt(headOfMemory(block.mem_)))] += block.size_;
     Steps::release(a, block.mem_);
   }

@@ -123,7 +123,7 @@ struct AllocSteps : ArenaSteps<AllocTraits> {
   static unsigned release(MemoryAllocator& a, void* mem);
   static bool isWhole(const MemoryAllocator& a, const void* mem);
 
-  static MemHead* findFit(FreePath& path, unsigned amt, const WTreeNodeBase*& lower);
+  static MemHead* findFit(const MemoryAllocator& a, FreePath& path, unsigned amt, const WTreeNodeBase*& lower);
   static MemHead* takeFit(MemoryAllocator& a, FreePath& path, unsigned amt);
   static MemHead* takeFit(MemoryAllocator& a, unsigned amt);
   static MemHead* takeWhole(MemoryAllocator& a, FreePath& path, MemHead* fit);
@@ -149,12 +149,12 @@ struct AllocSteps : ArenaSteps<AllocTraits> {
                                   const WTreeNodeBase* parent);
   static void repair(MemoryAllocator& a, const WTreeNodeBase* node, const WTreeNodeBase* parent);
   static void repair(MemoryAllocator& a, const MemHead* damaged);
-  static void reportDamaged(const MemoryAllocator& a, const MemHead* damaged);
+  static void reportDamaged(const MemoryAllocator& a, const MemHead* damaged, const char* source);
   static void rebuildTree(MemoryAllocator& a, FreeSums& sums);
   static void rebuildList(MemoryAllocator& a, unsigned k, FreeSums& sums);
-  static void check(const MemoryAllocator& a);
-  static bool checkTree(const MemoryAllocator& a, FreeSums& sums);
-  static bool checkList(const MemoryAllocator& a, unsigned k, FreeSums& sums);
+  static bool check(const MemoryAllocator& a, const char* source);
+  static bool checkTree(const MemoryAllocator& a, FreeSums& sums, const char* source);
+  static bool checkList(const MemoryAllocator& a, unsigned k, FreeSums& sums, const char* source);
 };
 
 using Watched = WatchedSteps<AllocSteps>;
@@ -369,7 +369,7 @@ inline WTreeSteps::End AllocSteps::find(MemoryAllocator& a, FreePath& path, MemH
 // to it. Sets `lower` to the node before it in the order if that lies on the path, else to null.
 // Returns null if no block is large enough, and if the path is not sound: a damaged path can be a
 // circle.
-inline MemHead* AllocSteps::findFit(FreePath& path, unsigned amt, const WTreeNodeBase*& lower) {
+inline MemHead* AllocSteps::findFit(const MemoryAllocator& a, FreePath& path, unsigned amt, const WTreeNodeBase*& lower) {
   const auto end = WTreeSteps::descend(path, PlaceOfFit{amt});
   if (end.upper_ == 0 || !path.isSound()) return nullptr;
   unsigned level = path.depth_;
@@ -378,7 +378,7 @@ inline MemHead* AllocSteps::findFit(FreePath& path, unsigned amt, const WTreeNod
   path.depth_ = end.upper_ - 1;
   MemHead* candidate = headOfNode(path.nodes_[path.depth_]);
   if (candidate->sizeandcolor_ < amt)
-    brokenBlock("candidate->sizeandcolor_ >= amt", SOURCE, __LINE__, candidate);
+    brokenBlock(chain(a), "candidate->sizeandcolor_ >= amt", SOURCE, __LINE__, candidate);
   return candidate;
 }
 
@@ -395,7 +395,7 @@ MemHead* AllocSteps::takeWhole(MemoryAllocator& a, FreePath& path, MemHead* fit)
 // splitBlock at once.
 inline MemHead* AllocSteps::takeFit(MemoryAllocator& a, FreePath& path, unsigned amt) {
   const WTreeNodeBase* lower;
-  MemHead* h = findFit(path, amt, lower);
+  MemHead* h = findFit(a, path, amt, lower);
   if (!h) return nullptr;
   if (!isFree(a, h)) [[unlikely]] {
     path.refuse(h, h);
@@ -517,9 +517,9 @@ bool AllocSteps::remove(MemoryAllocator& a, MemHead* h) { return detach(a, h) ||
   FreeWalk walk(chain(a));
   walk.inOrder(a.tree_.top(), [&](WTreeNodeBase* node) {
     std::printf("%d ", static_cast<int>(headOfNode(node)->sizeandcolor_));
-    if (headOfNode(node) == h) brokenBlock("n != h", SOURCE, __LINE__, h);
+    if (headOfNode(node) == h) brokenBlock(chain(a), "n != h", SOURCE, __LINE__, h);
   });
-  brokenBlock("0", SOURCE, __LINE__, h);
+  brokenBlock(chain(a), "0", SOURCE, __LINE__, h);
   a.setBusy(h);
   return false;
 }
@@ -528,7 +528,7 @@ MemHead* AllocSteps::takeWhole(MemoryAllocator& a, unsigned amt) {
   for (;;) {
     FreePath path(WTreeSteps::rootOf(a.tree_), chain(a));
     const WTreeNodeBase* lower;
-    MemHead* h = findFit(path, amt, lower);
+    MemHead* h = findFit(a, path, amt, lower);
     if (h) h = takeWhole(a, path, h);
     if (path.isSound()) return h;
     repair(a, path.refused_, path.refusedBelow_);
@@ -589,7 +589,7 @@ MemHead* AllocSteps::findPage(MemoryAllocator& a) {
 // bytes, or 0 if the tree does not hold the block.
 unsigned AllocSteps::cutPage(MemoryAllocator& a, MemHead* page) {
   if (!detach(a, page)) {
-    brokenBlock("b == HEADBASE(node)", SOURCE, __LINE__, page);
+    brokenBlock(chain(a), "b == HEADBASE(node)", SOURCE, __LINE__, page);
     return 0;
   }
   page->color_ = 0;
@@ -641,15 +641,15 @@ const MemHead* AllocSteps::damagedOf(const MemoryAllocator& a, const WTreeNodeBa
   repair(a, damagedOf(a, node, parent));
 }
 
-[[gnu::cold]] void AllocSteps::reportDamaged(const MemoryAllocator& a, const MemHead* damaged) {
+[[gnu::cold]] void AllocSteps::reportDamaged(const MemoryAllocator& a, const MemHead* damaged, const char* source) {
   const bool canBe = Chain::Places(chain(a), ALIGN).has(addressOf(damaged));
-  (canBe ? brokenBlock : strayBlock)("isWhole(h)", SOURCE, __LINE__, damaged);
+  (canBe ? brokenBlock : strayBlock)(chain(a), "isWhole(h)", source, __LINE__, damaged);
 }
 
 // Reports the block, and rebuilds the tree, the lists and the totals from the free blocks that can
 // still be reached and whose words agree. The others are lost.
 [[gnu::cold]] void AllocSteps::repair(MemoryAllocator& a, const MemHead* damaged) {
-  reportDamaged(a, damaged);
+  reportDamaged(a, damaged, SOURCE);
   FreeSums sums;
   rebuildTree(a, sums);
   for (unsigned k = 0; k < CLASSES; k++) rebuildList(a, k, sums);
@@ -689,18 +689,21 @@ void AllocSteps::rebuildList(MemoryAllocator& a, unsigned k, FreeSums& sums) {
   for (MemHead* h = a.smallFree_[k]; h; h = freeSmallAt(h)->next_) a.resetBusy(h);
 }
 
-// Checks the chain, then the tree and the lists, then the totals.
-void AllocSteps::check(const MemoryAllocator& a) {
+// Checks the chain, then the tree and the lists, then the totals. Fails no assertion if `source` is
+// null.
+bool AllocSteps::check(const MemoryAllocator& a, const char* source) {
   FreeSums sums;
-  if (!chain(a).check(SOURCE) || !checkTree(a, sums)) return;
+  if (!chain(a).check(source) || !checkTree(a, sums, source)) return false;
   for (unsigned k = 0; k < CLASSES; k++) {
-    if (!checkList(a, k, sums)) return;
+    if (!checkList(a, k, sums, source)) return false;
   }
-  if (!isCounted(a, sums)) YfAssert__("isCounted(sums)", SOURCE, __LINE__);
+  if (isCounted(a, sums)) return true;
+  wrongTotals("isCounted(sums)", source, __LINE__);
+  return false;
 }
 
 // Checks that every node is a free block, and that every free block of the chain is a node.
-bool AllocSteps::checkTree(const MemoryAllocator& a, FreeSums& sums) {
+bool AllocSteps::checkTree(const MemoryAllocator& a, FreeSums& sums, const char* source) {
   FreeWalk walk(chain(a));
   walk.inOrder(a.tree_.top(), [&](WTreeNodeBase* node) {
     const MemHead* h = headOfNode(node);
@@ -713,17 +716,17 @@ bool AllocSteps::checkTree(const MemoryAllocator& a, FreeSums& sums) {
     const MemHead* h = headAt(headOfMemory(mem));
     if (!isBusy(h->sizeandcolor_) && !FreeWalk::holds(a.tree_.top(), h)) damaged = h;
   }
-  if (damaged) reportDamaged(a, damaged);
+  if (damaged) reportDamaged(a, damaged, source);
   return !damaged;
 }
 
-bool AllocSteps::checkList(const MemoryAllocator& a, unsigned k, FreeSums& sums) {
+bool AllocSteps::checkList(const MemoryAllocator& a, unsigned k, FreeSums& sums, const char* source) {
   const Chain::Places places(chain(a), SMALLEST_BLOCK);
   const MemHead* last = nullptr;
   for (MemHead* h = a.smallFree_[k]; h; h = freeSmallAt(h)->next_) {
     const bool leadsOn = places.has(addressOf(h)) && sums.total_ < a.internalFree_;
     if (!leadsOn || h->sizeandcolor_ != 1u << k || h->color_ > COLOR_MASK) {
-      reportDamaged(a, leadsOn || !last ? h : last);
+      reportDamaged(a, leadsOn || !last ? h : last, source);
       return false;
     }
     sums.add(1u << k, h->color_);
@@ -804,7 +807,12 @@ void* MemoryAllocator::nextBlock(const void* mem) const {
 
 void MemoryAllocator::checkArena() const {
   const Reading reading(*this);
-  AllocSteps::check(*this);
+  AllocSteps::check(*this, AllocSteps::SOURCE);
+}
+
+bool MemoryAllocator::isWhole() const {
+  const Reading reading(*this);
+  return AllocSteps::check(*this, nullptr);
 }
 
 bool MemoryAllocator::visitBlocks(void (*visit)(const BlockInfo&, void*), void* context) const {

@@ -132,6 +132,8 @@ struct YUTILS_EXPORT MemoryAllocator : Allocator {
   // ends after the first of these that is damaged. Damage is reported, and an assertion fails.
   // Takes time linear in the number of blocks, and n log n for n free ones.
   void checkArena() const;
+  // Does the same, but fails no assertion: reports damage and returns false.
+  bool isWhole() const;
 
   // Calls visit(block, context) for each block of the chain in ascending order, and after a page
   // for its small blocks. Reports no damage: returns false if the walk ends at a block whose size

@@ -62,8 +62,8 @@ struct BankSteps : ArenaSteps<BankTraits> {
   static void repair(MemoryBank& b, Place place);
   static void rebuildBin(MemoryBank& b, int bin, FreeSums& sums);
   static const MemHead* damagedOf(const MemoryBank& b, Place place);
-  static void check(const MemoryBank& b);
-  static bool checkBin(const MemoryBank& b, int bin, FreeSums& sums);
+  static bool check(const MemoryBank& b, const char* source);
+  static bool checkBin(const MemoryBank& b, int bin, FreeSums& sums, const char* source);
 };
 
 using Watched = WatchedSteps<BankSteps>;
@@ -294,7 +294,7 @@ const MemoryBank::MemHead* BankSteps::damagedOf(const MemoryBank& b, Place place
 // visited twice and the blocks that are still free in the chain are those that no bin holds. These
 // are lost: they stay busy, so that no neighbour joins them.
 [[gnu::cold, gnu::noinline]] void BankSteps::repair(MemoryBank& b, Place place) {
-  brokenBlock("isWhole(h)", SOURCE, __LINE__, damagedOf(b, place));
+  brokenBlock(chain(b), "isWhole(h)", SOURCE, __LINE__, damagedOf(b, place));
   FreeSums sums;
   for (int bin = 0; bin < BINS; bin++) rebuildBin(b, bin, sums);
   const Chain all = chain(b);
@@ -331,27 +331,30 @@ void BankSteps::rebuildBin(MemoryBank& b, int bin, FreeSums& sums) {
   (previous ? previous->next_ : b.bins_[bin]) = nullptr;
 }
 
-// Checks the chain, then the bins, then that they hold every free block, then the totals.
-void BankSteps::check(const MemoryBank& b) {
+// Checks the chain, then the bins, then that they hold every free block, then the totals. Fails no
+// assertion if `source` is null.
+bool BankSteps::check(const MemoryBank& b, const char* source) {
   FreeSums sums;
-  if (!chain(b).check(SOURCE)) return;
+  if (!chain(b).check(source)) return false;
   for (int bin = 0; bin < BINS; bin++) {
-    if (!checkBin(b, bin, sums)) return;
+    if (!checkBin(b, bin, sums, source)) return false;
   }
   for (void* mem = b.firstBlock(); mem; mem = b.nextBlock(mem)) {
     MemHead* h = static_cast<MemHead*>(headOfMemory(mem));
     if (isBusy(h->sizeandcolor_) || holds(b, h)) continue;
-    brokenBlock("isWhole(h)", SOURCE, __LINE__, h);
-    return;
+    brokenBlock(chain(b), "isWhole(h)", source, __LINE__, h);
+    return false;
   }
-  if (!isCounted(b, sums)) YfAssert__("isCounted(sums)", SOURCE, __LINE__);
+  if (isCounted(b, sums)) return true;
+  wrongTotals("isCounted(sums)", source, __LINE__);
+  return false;
 }
 
-bool BankSteps::checkBin(const MemoryBank& b, int bin, FreeSums& sums) {
+bool BankSteps::checkBin(const MemoryBank& b, int bin, FreeSums& sums, const char* source) {
   Place place{b.bins_[bin], nullptr, bin};
   while (place.head_) {
     if (!isWhole(b, place)) {
-      brokenBlock("isWhole(h)", SOURCE, __LINE__, damagedOf(b, place));
+      brokenBlock(chain(b), "isWhole(h)", source, __LINE__, damagedOf(b, place));
       return false;
     }
     sums.add(place.head_->sizeandcolor_, place.head_->color_);
@@ -430,7 +433,12 @@ void* MemoryBank::nextBlock(const void* mem) const {
 
 void MemoryBank::checkArena() const {
   const Reading reading(*this);
-  BankSteps::check(*this);
+  BankSteps::check(*this, BankSteps::SOURCE);
+}
+
+bool MemoryBank::isWhole() const {
+  const Reading reading(*this);
+  return BankSteps::check(*this, nullptr);
 }
 
 bool MemoryBank::visitBlocks(void (*visit)(const BlockInfo&, void*), void* context) const {

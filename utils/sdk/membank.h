@@ -75,6 +75,7 @@ struct YUTILS_EXPORT MemoryBank : Allocator {
   void* firstBlock() const;
   void* nextBlock(const void* mem) const;
   void checkArena() const;  // walks the chain and the bins, then compares the totals; linear
+  bool isWhole() const;     // the same without an assertion; returns false if there is damage
   bool visitBlocks(void (*visit)(const BlockInfo& block, void* context), void* context) const;
   void report();  // without the totals in KiB
 

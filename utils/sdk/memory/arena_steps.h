@@ -144,9 +144,9 @@ struct ArenaSteps {
     unsigned color_;
   };
 
-  [[gnu::cold]] static Returned refuse(decltype(brokenBlock) report, const char* condition,
-                                       unsigned line, const void* head) {
-    report(condition, SOURCE, line, head);
+  [[gnu::cold]] static Returned refuse(const Arena& a, decltype(brokenBlock) report,
+                                       const char* condition, unsigned line, const void* head) {
+    report(chain(a), condition, SOURCE, line, head);
     return {nullptr, 0, 0};
   }
 
@@ -163,13 +163,13 @@ struct ArenaSteps {
                            unsigned line = __builtin_LINE()) {
     void* head = headOfMemory(mem);
     if (addressOf(mem) % ALIGN != 0 || !(a.cut_ || isInChain(a, mem))) [[unlikely]]
-      return refuse(strayBlock, "busy(h)", line, head);
+      return refuse(a, strayBlock, "busy(h)", line, head);
     const unsigned word = wordAt(head);
     const unsigned size = (word & SIZE_MASK) - 1;  // odd if the block is not busy
     if (!chain(a).fits(head, size, Traits::LEAST_FREE)) [[unlikely]]
-      return refuse(brokenBlock, "busy(h)", line, head);
+      return refuse(a, brokenBlock, "busy(h)", line, head);
     if (size + 1 != wordAt(offsetBy(head, size - 4))) [[unlikely]]
-      return refuse(brokenBlock, tailFits, line, head);
+      return refuse(a, brokenBlock, tailFits, line, head);
     wordAt(head) = size + 1;
     a.allocatedColorMemory_[colorOf(word)] -= size;
     return {static_cast<Head*>(head), size, colorOf(word)};
@@ -194,7 +194,7 @@ struct ArenaSteps {
     Head* next = static_cast<Head*>(offsetBy(h, size));
     if (isBusy(next->sizeandcolor_)) return nullptr;
     if (isFree(a, next)) return next;
-    brokenBlock(DISAGREE, SOURCE, line, next);
+    brokenBlock(chain(a), DISAGREE, SOURCE, line, next);
     return nullptr;
   }
 
@@ -217,7 +217,7 @@ struct ArenaSteps {
   // first of a chunk. Returns null.
   [[gnu::cold, gnu::noinline]] static Head* refuseBefore(const Arena& a, Head* h, unsigned line) {
     if (h != a.firstHead_ && wordAt(offsetBack(h, 4)) != EDGE)
-      brokenBlock(DISAGREE, SOURCE, line, chain(a).blockBefore(h));
+      brokenBlock(chain(a), DISAGREE, SOURCE, line, chain(a).blockBefore(h));
     return nullptr;
   }
 

@@ -6,7 +6,6 @@
 #include <cstdio>
 
 #include "utils/sdk/allocator.h"
-#include "utils/sdk/platform.h"
 #include "utils/sdk/ysys.h"
 
 namespace Utils {
@@ -62,7 +61,7 @@ const void* Chain::next(const void* head, const char* source, unsigned line, boo
   const unsigned size = sizeOf(wordAt(head));
   if (!canBe || size != (wordAt(offsetBy(head, size - 4)) & ~1u)) {
     isWhole = false;
-    brokenBlock(CONDITION, source, line, head);
+    brokenBlock(*this, CONDITION, source, line, head);
   }
   if (!canBe) return nullptr;
   const void* next = offsetBy(head, size);
@@ -82,7 +81,7 @@ bool Chain::check(const char* source, unsigned line) const {
   for (const void* head = first_; head; head = next(head, source, line, isWhole)) last = head;
   if (isWhole && !cut_ && end_ && wordAt(end_) != SEAM) {
     isWhole = false;
-    brokenBlock("*endHead_ == SEAM", source, line, last);
+    brokenBlock(*this, "*endHead_ == SEAM", source, line, last);
   }
   return isWhole;
 }
@@ -159,22 +158,6 @@ void* joinChunk(void* end, void* chunk, unsigned need, bool& isCut) {
   writeTail(head, size);
   wordAt(offsetBy(head, size)) = SEAM;
   return head;
-}
-
-void brokenBlock(const char* condition, const char* source, unsigned line, const void* head) {
-  char text[96];
-  const unsigned word = wordAt(head);
-  std::snprintf(text, sizeof text, "heap: block at %p, head word 0x%08x, size %u, colour %u\n",
-                head, word, sizeOf(word), colorOf(word));
-  OutputDebugStringA(text);
-  YfAssert__(condition, source, line);
-}
-
-void strayBlock(const char* condition, const char* source, unsigned line, const void* head) {
-  char text[64];
-  std::snprintf(text, sizeof text, "heap: no block can be at %p\n", head);
-  OutputDebugStringA(text);
-  YfAssert__(condition, source, line);
 }
 
 }  // namespace Utils

@@ -70,7 +70,8 @@ inline unsigned blockSize(unsigned request) {
 inline void writeTail(void* head, unsigned size) { wordAt(offsetBy(head, size - 4)) = size + 1; }
 
 // The chain as an allocator's fields describe it. Operations that take a module's name `source`
-// report a damaged block and fail an assertion of that module at the caller's line. Whatever the
+// report a damaged block and fail an assertion of that module at the caller's line; with null they
+// fail none. Whatever the
 // words of the blocks contain, nothing outside of the chain is read, unless the chain was cut: then
 // blocks may lie anywhere.
 struct Chain {
@@ -145,11 +146,19 @@ inline Chain::Places::Places(const Chain& chain, unsigned least)
 // busy, of colour 0 and with its tail; the new end marker is the word after it.
 void* joinChunk(void* end, void* chunk, unsigned need, bool& isCut);
 
-// Reports the block and fails an assertion of `source`. Uses nothing that the damage can affect.
-[[gnu::cold]] void brokenBlock(const char* condition, const char* source, unsigned line,
-                               const void* head);
+// Reports a damaged block of the chain: its size, state and colour, the word that is wrong and the
+// one that was expected, and the block before it, which a program may have written past. Then fails
+// an assertion of `source`, unless that is null. Allocates nothing. Example:
+//
+//   heap: damaged block at 0x7f20c0de0408, 2008 bytes, busy, colour 9 (cache)
+//   heap:   tail word 0x78787878, expected 0x000007d9: written past the end of the block?
+//   heap:   the block before it is at 0x7f20c0de0008, 1024 bytes, busy, colour 3 (parser)
+[[gnu::cold]] void brokenBlock(const Chain& chain, const char* condition, const char* source,
+                               unsigned line, const void* head);
 // The same for an address at which no block can begin. The address is not read.
-[[gnu::cold]] void strayBlock(const char* condition, const char* source, unsigned line,
-                              const void* head);
+[[gnu::cold]] void strayBlock(const Chain& chain, const char* condition, const char* source,
+                              unsigned line, const void* head);
+// Reports that totals of free memory differ from the sums of the free blocks.
+[[gnu::cold]] void wrongTotals(const char* condition, const char* source, unsigned line);
 
 }  // namespace Utils

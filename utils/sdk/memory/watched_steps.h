@@ -51,7 +51,7 @@ struct WatchedSteps {
     if (isHeldBack || !Steps::isBusyBlock(a, mem) || !Steps::isWhole(a, mem)) {
       YfReportWrongFree(mem);
       if (!isHeldBack) return Steps::release(a, mem);
-      return Steps::refuse(brokenBlock, "busy(h)", line, headOfMemory(mem)).size_;
+      return Steps::refuse(a, brokenBlock, "busy(h)", line, headOfMemory(mem)).size_;
     }
     const unsigned size = sizeOf(wordAt(headOfMemory(mem)));
     YfMarkFree(mem, size - 4, Sight::isOutermost(a.parent_));

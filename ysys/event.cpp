@@ -30,10 +30,12 @@
 #include <atomic>
 #include <bit>
 
+#include "utils/sdk/base/layout.h"
 #include "utils/sdk/ysys.h"
 #include "ysys/fork.h"
 #include "ysys/futex.h"
 #include "ysys/handle_table.h"
+#include "ysys/object_fields.h"
 #include "ysys/task.h"
 
 namespace ysys {
@@ -49,7 +51,7 @@ constexpr uint64_t withLowerHalf(uint64_t state, uint32_t lower) {
   return (state & ~uint64_t{0xffffffffu}) | lower;
 }
 
-class Event {
+class Event : private EventFields {
  public:
   void init(bool manualReset, bool initiallySet, bool newcomersPass);
   void set();
@@ -79,14 +81,8 @@ class Event {
     constexpr unsigned offset = std::endian::native == std::endian::little ? 0 : 4;
     return reinterpret_cast<const char*>(&state_) + offset;
   }
-
-  static_assert(__atomic_always_lock_free(sizeof(uint64_t), nullptr));
-  std::atomic<uint64_t> state_{0};
-  bool manualReset_ = false;
-  bool newcomersPass_ = false;
-  bool isTicket_ = false;
-  std::atomic<uint32_t> taker_{0};  // of a cooperative event: the last task released, 0 after a set
 };
+static_assert(sizeof(Event) == sizeof(EventFields));
 
 void Event::init(bool manualReset, bool initiallySet, bool newcomersPass) {
   manualReset_ = manualReset;
@@ -213,6 +209,9 @@ YIF_Handle orStop(YIF_Handle made, const char* operation) {
 }
 
 }  // namespace
+
+DEBUGGER_ROOT(ysys_root_events, _events);
+DEBUGGER_ROOT(ysys_root_cooperativeEvents, _cooperativeEvents);
 
 void repairEvents() {
   const auto repair = [me = taskId()](Event& event) { event.repair(me); };

@@ -75,6 +75,8 @@ class HandleTable {
   void repair(RepairObject repairObject);
 
  private:
+  friend struct DebuggerLayout;
+
   static constexpr uint32_t KIND_SHIFT = 28;
   static constexpr uint32_t GENERATION_SHIFT = 22;
   static constexpr uint32_t SEGMENT_SHIFT = 8;

@@ -16,16 +16,18 @@
 // Thread safety: may be called from any task.
 #include <atomic>
 
+#include "utils/sdk/base/layout.h"
 #include "utils/sdk/ysys.h"
 #include "ysys/fork.h"
 #include "ysys/futex.h"
 #include "ysys/handle_table.h"
+#include "ysys/object_fields.h"
 #include "ysys/task.h"
 
 namespace ysys {
 namespace {
 
-class Lock {
+class Lock : private LockFields {
  public:
   void init();
   void enter();
@@ -33,8 +35,6 @@ class Lock {
   void repair(uint32_t me);  // in the child of a fork: free unless the calling task holds it
 
  private:
-  static constexpr uint32_t SLEEPERS = 0x80000000u;
-
   bool takeIfFree(uint32_t held) {
     uint32_t nobody = 0;
     return word_.load(std::memory_order_relaxed) == 0 &&
@@ -42,10 +42,8 @@ class Lock {
   }
   void enterContended(uint32_t me);
   uint32_t announceSleeper();  // returns the word to sleep on, 0 to try again
-
-  std::atomic<uint32_t> word_{0};
-  std::atomic<uint32_t> again_{0};
 };
+static_assert(sizeof(Lock) == sizeof(LockFields));
 
 void Lock::init() {
   again_.store(0, std::memory_order_relaxed);
@@ -111,6 +109,9 @@ void exitOrReport(Lock& lock) {
 }
 
 }  // namespace
+
+DEBUGGER_ROOT(ysys_root_mutexes, _mutexes);
+DEBUGGER_ROOT(ysys_root_sections, _sections);
 
 void repairLocks() {
   const auto repair = [me = taskId()](Lock& lock) { lock.repair(me); };

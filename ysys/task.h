@@ -7,6 +7,8 @@
 
 namespace ysys {
 
+constexpr unsigned NUMBER_BITS = 22;  // of the thread number in an id; the rest is the generation
+
 extern constinit thread_local unsigned _taskId __attribute__((tls_model("initial-exec")));
 
 // Computes the id of the calling task and caches it.

@@ -123,7 +123,8 @@ struct AllocSteps : ArenaSteps<AllocTraits> {
   static unsigned release(MemoryAllocator& a, void* mem);
   static bool isWhole(const MemoryAllocator& a, const void* mem);
 
-  static MemHead* findFit(const MemoryAllocator& a, FreePath& path, unsigned amt, const WTreeNodeBase*& lower);
+  static MemHead* findFit(const MemoryAllocator& a, FreePath& path, unsigned amt,
+                          const WTreeNodeBase*& lower);
   static MemHead* takeFit(MemoryAllocator& a, FreePath& path, unsigned amt);
   static MemHead* takeFit(MemoryAllocator& a, unsigned amt);
   static MemHead* takeWhole(MemoryAllocator& a, FreePath& path, MemHead* fit);
@@ -369,7 +370,8 @@ inline WTreeSteps::End AllocSteps::find(MemoryAllocator& a, FreePath& path, MemH
 // to it. Sets `lower` to the node before it in the order if that lies on the path, else to null.
 // Returns null if no block is large enough, and if the path is not sound: a damaged path can be a
 // circle.
-inline MemHead* AllocSteps::findFit(const MemoryAllocator& a, FreePath& path, unsigned amt, const WTreeNodeBase*& lower) {
+inline MemHead* AllocSteps::findFit(const MemoryAllocator& a, FreePath& path, unsigned amt,
+                                    const WTreeNodeBase*& lower) {
   const auto end = WTreeSteps::descend(path, PlaceOfFit{amt});
   if (end.upper_ == 0 || !path.isSound()) return nullptr;
   unsigned level = path.depth_;
@@ -641,7 +643,8 @@ const MemHead* AllocSteps::damagedOf(const MemoryAllocator& a, const WTreeNodeBa
   repair(a, damagedOf(a, node, parent));
 }
 
-[[gnu::cold]] void AllocSteps::reportDamaged(const MemoryAllocator& a, const MemHead* damaged, const char* source) {
+[[gnu::cold]] void AllocSteps::reportDamaged(const MemoryAllocator& a, const MemHead* damaged,
+                                             const char* source) {
   const bool canBe = Chain::Places(chain(a), ALIGN).has(addressOf(damaged));
   (canBe ? brokenBlock : strayBlock)(chain(a), "isWhole(h)", source, __LINE__, damaged);
 }
@@ -720,7 +723,8 @@ bool AllocSteps::checkTree(const MemoryAllocator& a, FreeSums& sums, const char*
   return !damaged;
 }
 
-bool AllocSteps::checkList(const MemoryAllocator& a, unsigned k, FreeSums& sums, const char* source) {
+bool AllocSteps::checkList(const MemoryAllocator& a, unsigned k, FreeSums& sums,
+                           const char* source) {
   const Chain::Places places(chain(a), SMALLEST_BLOCK);
   const MemHead* last = nullptr;
   for (MemHead* h = a.smallFree_[k]; h; h = freeSmallAt(h)->next_) {

@@ -167,6 +167,7 @@ struct YUTILS_EXPORT MemoryAllocator : Allocator {
   void resetBusy(MemHead* h) { h->sizeandcolor_ &= ~1u; }
 
   friend struct AllocSteps;
+  friend struct DebuggerLayout;
   template <class Traits>
   friend struct ArenaSteps;
   template <class Steps>

@@ -89,6 +89,8 @@ struct YUTILS_EXPORT YtLightBLock {
   const char* name() const { return name_; }
 
  private:
+  friend struct DebuggerLayout;
+
   static constexpr unsigned long NOBODY = static_cast<unsigned long>(-1);
 
   void init();
@@ -144,6 +146,8 @@ struct YUTILS_EXPORT YtHeavyBLock {
   void unlock() { YIF_ExitCriticalSection(section_); }
 
  private:
+  friend struct DebuggerLayout;
+
   YIF_Handle section_;
 };
 

@@ -32,6 +32,8 @@ struct YUTILS_EXPORT WaitableEvent : Object {
   bool wait(double limit) { return YIF_WaitEventTimed(event_, limit) != 0; }
 
  private:
+  friend struct DebuggerLayout;
+
   YIF_Handle event_;
 };
 

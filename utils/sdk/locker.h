@@ -59,6 +59,8 @@ struct YUTILS_EXPORT Mutex : Lock {
   void exit() const override;
 
  private:
+  friend struct DebuggerLayout;
+
   YIF_Handle handle_;
 };
 
@@ -72,6 +74,8 @@ struct YUTILS_EXPORT CriticalSection : Lock {
   void exit() const override;
 
  private:
+  friend struct DebuggerLayout;
+
   YIF_Handle handle_;
 };
 

@@ -256,6 +256,7 @@ struct YUTILS_EXPORT Log : Object {
   void logStats(unsigned& errors, unsigned& warnings, unsigned& infos, unsigned& debugs) const;
 
  private:
+  friend struct DebuggerLayout;
   friend struct DefaultLoggerEnd;
   friend struct TraceCategory;
   friend struct LateImmortal<Log>;

@@ -110,6 +110,7 @@ struct YUTILS_EXPORT MemoryBank : Allocator {
   void resetBusy(MemHead* h) { h->sizeandcolor_ &= ~1u; }
 
   friend struct BankSteps;
+  friend struct DebuggerLayout;
   template <class Traits>
   friend struct ArenaSteps;
   template <class Steps>

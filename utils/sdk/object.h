@@ -33,6 +33,7 @@ struct YUTILS_EXPORT Countable {
   ~Countable() {}
 
  private:
+  friend struct DebuggerLayout;
   friend struct SinkHold;  // changes the count atomically (log.cpp)
 
   unsigned refCount_;

@@ -17,6 +17,7 @@
 #include "utils/sdk/alloc.h"
 #include "utils/sdk/allocator.h"
 #include "utils/sdk/base/late_immortal.h"
+#include "utils/sdk/base/layout.h"
 #include "utils/sdk/memory/gaps.h"
 #include "utils/sdk/platform.h"
 #include "utils/sdk/ysys.h"
@@ -36,6 +37,8 @@ void reserve(void* arena) {
 }
 
 }  // namespace
+
+DEBUGGER_ROOT(yutils_root_processArena, _arena);
 
 // Requires: nothing called from here uses the global operators, which call this function.
 Allocator* Allocator::buildTheAllocator() {

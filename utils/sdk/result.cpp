@@ -11,6 +11,7 @@
 
 #include "utils/sdk/atree.h"
 #include "utils/sdk/base/late_immortal.h"
+#include "utils/sdk/base/layout.h"
 #include "utils/sdk/base/load_order.h"
 #include "utils/sdk/log.h"
 #include "utils/sdk/logging/trace.h"
@@ -42,6 +43,8 @@ void unregisterResultString(unsigned code) {
 }
 
 }  // namespace
+
+DEBUGGER_ROOT(yutils_root_errorTexts, _errorStrings);
 
 ResultString::ResultString(unsigned code, const char* text) : code_(code) {
   registerResultString(code, text);
@@ -112,6 +115,8 @@ LastErrors::Iter ownError() { return _lastErrorValues.make()[YIF_CurrentTaskIdCo
 
 }  // namespace
 
+DEBUGGER_ROOT(yutils_root_lastErrors, _lastErrorValues);
+
 unsigned lastError() { return ownError(); }
 
 void clearError() { ownError() = 0; }
@@ -133,6 +138,8 @@ void notifyListeners(unsigned code) {
 }
 
 }  // namespace
+
+DEBUGGER_ROOT(yutils_root_listeners, _resultListeners);
 
 void addResultListener(const ResultListener* listener) {
   if (!_resultListeners) _resultListeners = new (std::nothrow) Listeners;

@@ -25,7 +25,6 @@ constinit thread_local unsigned _taskId __attribute__((tls_model("initial-exec")
 
 namespace {
 
-constexpr unsigned NUMBER_BITS = 22;
 constexpr unsigned GENERATIONS = 1u << (31 - NUMBER_BITS);
 
 constinit thread_local unsigned _number __attribute__((tls_model("initial-exec"))) = 0;

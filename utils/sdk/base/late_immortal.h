@@ -19,6 +19,8 @@ struct LateImmortal {
   }
 
  private:
+  friend struct DebuggerLayout;
+
   T* object_ = nullptr;
   alignas(T) unsigned char storage_[sizeof(T)] = {};
 };

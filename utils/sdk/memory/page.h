@@ -18,15 +18,16 @@
 
 namespace Utils {
 
-constexpr unsigned PAGE = 10240;
+constexpr unsigned PAGE = 10240;  // bytes that a page is used for, at least
 
 // The kinds of marks: the page was a free block, or was allocated like a caller's large block and
 // is counted as that.
 constexpr unsigned PAGE_MARK = 0x9a6e4d58;
 constexpr unsigned COUNTED_PAGE_MARK = 0x4c8b61d0;
+constexpr unsigned PAGE_CLASS = 4;  // the mark contains the class less this
 
 inline unsigned markOfPage(unsigned kind, const void* mem, unsigned k) {
-  return ((kind ^ static_cast<unsigned>(addressOf(mem))) & ~7u) | (k - 4);
+  return ((kind ^ static_cast<unsigned>(addressOf(mem))) & ~7u) | (k - PAGE_CLASS);
 }
 
 // The small blocks of a page: `count_` blocks of `size_` bytes, the first one with its head at
@@ -36,9 +37,10 @@ struct SmallBlocks {
   SmallBlocks(const void* mem, unsigned blockSize) {
     if (blockSize < PAGE) return;
     const unsigned mark = wordAt(mem);
-    const unsigned k = (mark & 7) + 4;
+    const unsigned k = (mark & 7) + PAGE_CLASS;
     isCounted_ = mark == markOfPage(COUNTED_PAGE_MARK, mem, k);
-    if (k > LARGEST_CLASS || k == 4 || (!isCounted_ && mark != markOfPage(PAGE_MARK, mem, k)))
+    if (k > LARGEST_CLASS || k == PAGE_CLASS ||
+        (!isCounted_ && mark != markOfPage(PAGE_MARK, mem, k)))
       return;
     first_ = offsetBy(mem, 4);
     size_ = 1u << k;

@@ -16,6 +16,7 @@ namespace Utils {
 // return false, and change nothing, if there is no memory or the text would be too long.
 struct YUTILS_EXPORT StringRep {
  protected:
+  friend struct DebuggerLayout;
   friend struct String;
 
   static constexpr unsigned NOT_FOUND = 0xffffffffu;

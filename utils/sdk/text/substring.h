@@ -14,6 +14,7 @@ namespace Utils {
 // A range of a text, shared by the SubStrings that view it. A String member keeps the text alive.
 struct YUTILS_EXPORT SubStringRep {
  protected:
+  friend struct DebuggerLayout;
   friend struct String;
   friend struct SubString;
 

@@ -166,9 +166,9 @@ class Gdb(unittest.TestCase):
             "tail": [block],
             "head": [block, r"DAMAGE: block ADDR: its head word is 0x78787878 \(7895160 bytes, free, colour 30\)",
                      "the block before: ADDR, 2008 bytes, busy, colour 5"],
-            "small": ["DAMAGE: small block ADDR of 128 bytes in the page ADDR: its head word is 0x78787878, expected 0x00000080 if",
+            "small": ["DAMAGE: small block ADDR of 128 bytes in the page ADDR: its head word is 0x78787878 .*, expected 0x00000080 if",
                       "the block before: ADDR, 128 bytes, busy, colour 8"],
-            "freed": ["DAMAGE: small block ADDR of 32 bytes, free, in the page ADDR: its link is 0x(78787878)+, which leads"],
+            "freed": ["DAMAGE: small block ADDR of 32 bytes in the page ADDR: it is free, and its link is 0x(78787878)+, which leads"],
         }
         for mode, lines in expected.items():
             text = normal(run([*stop(mode), "yutils heap"], PROGRAM)["yutils heap"])
@@ -178,8 +178,8 @@ class Gdb(unittest.TestCase):
             self.assertRegex(text, "The heap is damaged: [12] findings?.$")
 
     def testWalksAMillionBlocksInFiveSeconds(self):
-        clock = "python import time; start = time.perf_counter()"
-        ask = "python print(time.perf_counter() - start)"
+        clock = "python import time; start = time.process_time()"
+        ask = "python print(time.process_time() - start)"
         found = run([*stop("million"), clock, "yutils heap", ask], PROGRAM)
         self.assertWhole(found["yutils heap"])
         self.assertGreater(int(re.search(r"busy +\d+ +(\d+)", found["yutils heap"]).group(1)), 1000000)

@@ -239,7 +239,9 @@ class Arena:
     def describe(self, head, word):
         size, color = word & self.mask, word >> self.shift
         state = "busy, colour %s" % color_text(self.lib, color) if word & 1 else "free"
-        kind = ", a gap between chunks" if head in self.gaps else ", a page" if self.page_of(head, word) else ""
+        kind = ", a page" if self.page_of(head, word) else ""
+        if head in self.gaps:
+            kind = ", a gap between chunks"
         return "0x%x, %d bytes, %s%s" % (head + self.lib["block.memory"], size, state, kind)
 
     def damage(self, what, before):
@@ -325,33 +327,36 @@ class Page:
 
     def count(self, busy):
         """Returns the number of free blocks, and adds the busy ones to the counts by colour."""
-        arena, free = self.arena, 0
+        arena, free, bad = self.arena, 0, set()
         for word, times in collections.Counter(self.words).items():
             if word & arena.mask == self.size and word & 1:
                 busy[word >> arena.shift, self.size] += times
             elif word == self.size:
                 free += times
             else:
-                self.bad_heads(word)
+                bad.add(word)
+        if bad:
+            self.report_heads(bad)
         if free:
             self.check_links()
         return free
 
-    def where(self, index):
-        return "in the page 0x%x" % (self.head + self.arena.lib["block.memory"])
-
     def before(self, index):
         return (self.heads[index - 1], self.words[index - 1]) if index else (self.head, self.word)
 
-    def bad_heads(self, word):
+    def damage(self, index, what):
         memory = self.arena.lib["block.memory"]
-        for index, found in enumerate(self.words):
-            if found == word:
-                self.arena.damage(
-                    "small block 0x%x of %d bytes %s: its head word is 0x%08x, expected 0x%08x if it is "
-                    "free, the same + 1 and its colour if it is busy"
-                    % (self.heads[index] + memory, self.size, self.where(index), word, self.size),
-                    self.before(index))
+        self.arena.damage("small block 0x%x of %d bytes in the page 0x%x: %s"
+                          % (self.heads[index] + memory, self.size, self.head + memory, what),
+                          self.before(index))
+
+    def report_heads(self, bad):
+        for index, word in enumerate(self.words):
+            if word in bad:
+                self.damage(index, "its head word is 0x%08x (%d bytes, %s, colour %d), expected 0x%08x if "
+                            "it is free, and 0x%08x with its colour if it is busy"
+                            % (word, word & self.arena.mask, "busy" if word & 1 else "free",
+                               word >> self.arena.shift, self.size, self.size + 1))
 
     def check_links(self):
         """The first bytes of a free small block lead to the head of another one, or are zero."""
@@ -363,10 +368,8 @@ class Page:
         for index, (word, link) in enumerate(zip(self.words, links)):
             if word == self.size and link and (link % align != memory
                                                or not arena.first <= link < arena.end):
-                arena.damage("small block 0x%x of %d bytes, free, %s: its link is 0x%x, which leads to no "
-                             "block: it was written to after it was freed"
-                             % (self.heads[index] + memory, self.size, self.where(index), link),
-                             self.before(index))
+                self.damage(index, "it is free, and its link is 0x%x, which leads to no block: it was "
+                            "written to after it was freed" % link)
 
 
 PROCESS = "the process allocator"
@@ -787,6 +790,7 @@ class SystemObject:
 
     def __init__(self, lib, kind, handle, at):
         self.lib, self.kind, self.handle, self.name = lib, kind, handle, self.NAMES[kind]
+        self.waits = "no task waits"
         is_lock = kind in ("mutex", "criticalSection")
         self.at = at + lib["lockSlot.object" if is_lock else "eventSlot.object"]
         self.state = self.lock_state() if is_lock else self.event_state()
@@ -828,27 +832,27 @@ class SystemObject:
         if not word:
             return "free"
         times = self.lib.word(self.at, "lock.again") + 1
-        waits = ", tasks may wait" if word & sleepers else ", no task waits"
-        return "held by %s, %s%s" % (task_text(word & ~sleepers), count_of(times, "time"), waits)
+        self.waits = "tasks may wait" if word & sleepers else "no task waits"
+        return "held by %s, %s, %s" % (task_text(word & ~sleepers), count_of(times, "time"), self.waits)
 
     def event_state(self):
         lib = self.lib
         state = lib.number(self.at + lib["event.state"], 8)
         waiting, lower = state >> 32, state & 0xffffffff
-        waits = "%s %s" % (count_of(waiting, "task") if waiting else "no task",
-                           "wait" if waiting > 1 else "waits")
+        self.waits = "%s %s" % (count_of(waiting, "task") if waiting else "no task",
+                                "wait" if waiting > 1 else "waits")
         if lib.flag(self.at, "event.manualReset"):
-            return "manual-reset, %s, %s" % ("set" if lower & 1 else "clear", waits)
+            return "manual-reset, %s, %s" % ("set" if lower & 1 else "clear", self.waits)
         is_coop = self.kind == "cooperativeEvent"
         is_set = lower > (0 if is_coop else waiting)
-        text = "auto-reset, %s, %s" % ("set" if is_set else "clear", waits)
+        text = "auto-reset, %s, %s" % ("set" if is_set else "clear", self.waits)
         taker = lib.word(self.at, "event.taker") if is_coop else 0
         if lib.flag(self.at, "event.isTicket"):
             text += ", free" if is_set else ", taken by %s" % task_text(taker) if taker else ""
         return text
 
-    def __str__(self):
-        return "0x%08x  %-17s  %s" % (self.handle, self.name, self.state)
+    def row(self):
+        return "%-10d  %-17s  %s" % (self.handle, self.name, self.state)
 
 
 def handle_text(handle):
@@ -882,7 +886,7 @@ of a YtLightBLock is a cooperative event."""
         found = SystemObject.all()
         print("%-10s  %-17s  %s" % ("number", "kind", "state"))
         for each in itertools.islice(found, limit_of_elements()):
-            print("%-10d  %-17s  %s" % (each.handle, each.name, each.state))
+            print(each.row())
         rest = sum(1 for _ in found)
         if rest:
             print("... and %d more" % rest)
@@ -905,7 +909,7 @@ of a YtLightBLock is a cooperative event."""
         found = SystemObject.of(handle)
         if not found:
             raise gdb.GdbError("there is no lock or event %d: the handle is stale, or of another kind" % handle)
-        print("%-10d  %-17s  %s" % (found.handle, found.name, found.state))
+        print(found.row())
 
 
 # --- Printers ---
@@ -1124,9 +1128,8 @@ class LightLockPrinter(Printer):
         event = SystemObject.of(int(self.value["event_"]))
         if not event:
             return "YtLightBLock \"%s\", its handle is stale" % name
-        waits = event.state.split(", ")[2]
         held = "held by %s, %s" % (task_text(owner), count_of(count, "time")) if count > 0 else "free"
-        return "YtLightBLock \"%s\", %s, %s" % (name, held, waits)
+        return "YtLightBLock \"%s\", %s, %s" % (name, held, event.waits)
 
 
 def printers():

@@ -10,7 +10,10 @@
 //
 //   bytes   0 name, NUL-padded   28 value      "block.colorShift" 26 is one entry of 32 bytes
 //
-// The reader is tools/gdb/yutils.py. Entries may be added at any time; a change of what an entry
+// The reader is tools/gdb/yutils.py. It also reads two arrays if there is an entry and a root of
+// the same name: "colorNames", one name for each colour, each in as many bytes as the entry says;
+// and "gapHeads", the heads of the gap blocks of the process allocator, as many addresses as the
+// entry says, null in unused places. Entries may be added at any time; a change of what an entry
 // means raises the version.
 #pragma once
 

@@ -43,6 +43,25 @@ void YfWithoutExhaustionReport(void (*step)(void*), void* argument) noexcept;
 // process did not get in its fork, else 0.
 int YfStayedInParent(unsigned long task) noexcept;
 
+// Returns the number of the process that the tools of the system show.
+unsigned long YfProcessId() noexcept;
+
+// A file that is written as a whole. YfBeginFile opens a file for the content of `path`; "-" is the
+// standard output. Returns its descriptor, or -1 if it cannot be opened. The file is created beside
+// `path` under a name that is stored in `beside`, which has `room` bytes. If none can be created
+// there, and if `path` is not a regular file, `path` itself is written, and `beside` is empty.
+int YfBeginFile(const char* path, char* beside, unsigned int room) noexcept;
+// Returns 0, or another number if not all bytes can be written.
+int YfAppend(int file, const void* bytes, unsigned int count) noexcept;
+// Closes the file and gives it the name `path`, or deletes it if `isWhole` is 0. Returns 0 if
+// `path` has the whole content.
+int YfEndFile(int file, const char* path, const char* beside, int isWhole) noexcept;
+
+// Lets note(number) handle the signal with that name, such as "USR2". Returns the number; 0 if
+// there is no such signal or it cannot be handled. Requires: `note` does only what a handler may
+// do.
+int YfOnSignal(const char* name, void (*note)(int)) noexcept;
+
 // Stops the notifications of task start and end for the library that contains the address. This
 // system has none, so it does nothing. Returns 1.
 int DisableThreadLibraryCalls(void* library) noexcept;

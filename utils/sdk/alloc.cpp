@@ -13,6 +13,7 @@
 
 #include "utils/sdk/memory/arena_steps.h"
 #include "utils/sdk/memory/free_tree.h"
+#include "utils/sdk/memory/heap_moments.h"
 #include "utils/sdk/memory/watched_steps.h"
 #include "utils/sdk/ysys.h"
 
@@ -140,6 +141,7 @@ struct AllocSteps : ArenaSteps<AllocTraits> {
   static bool remove(MemoryAllocator& a, MemHead* h);
   static WTreeSteps::End find(MemoryAllocator& a, FreePath& path, MemHead* h);
 
+  static MemHead* takeFromChunk(MemoryAllocator& a, unsigned amt);
   static MemHead* refill(MemoryAllocator& a, unsigned k);
   static void fillClass(MemoryAllocator& a, unsigned k);
   static MemHead* findPage(MemoryAllocator& a);
@@ -236,9 +238,16 @@ inline MemHead* AllocSteps::popSmall(MemoryAllocator& a, unsigned k, unsigned si
   if (request > LARGEST_REQUEST) return nullptr;
   const unsigned amt = std::max(blockSize(request), SMALLEST_LARGE);
   MemHead* h = takeFit(a, amt);
-  if (!h) h = newChunk(a, amt);
+  if (!h) h = takeFromChunk(a, amt);
   if (!h) return nullptr;
   return handOverChecked(a, h, color);
+}
+
+MemHead* AllocSteps::takeFromChunk(MemoryAllocator& a, unsigned amt) {
+  beforeChunk(&a);
+  MemHead* h = newChunk(a, amt);
+  if (!h) afterRefusal(&a);
+  return h;
 }
 
 // Frees a small block and stores its size. Returns false, nothing changed, if `mem` is no busy
@@ -610,7 +619,10 @@ void AllocSteps::fillClass(MemoryAllocator& a, unsigned k) {
   if (!mem) return;
   if (addressOf(mem) % ALIGN == 0)
     wordAt(mem) = markOfPage(payload != 0 ? PAGE_MARK : COUNTED_PAGE_MARK, mem, k);
-  if (payload == 0) payload = PAGE;
+  if (payload == 0) {
+    payload = PAGE;
+    notePage(&a, a.size(mem));
+  }
   const unsigned size = 1u << k;
   const unsigned unaligned = static_cast<unsigned>(addressOf(mem) & (ALIGN - 1));
   const unsigned start = (unaligned + 11) / ALIGN * ALIGN - 4 - unaligned;
@@ -621,6 +633,7 @@ void AllocSteps::fillClass(MemoryAllocator& a, unsigned k) {
 // Returns a block of a class whose list is empty or begins with a damaged block. Null if there is
 // no memory.
 MemHead* AllocSteps::refill(MemoryAllocator& a, unsigned k) {
+  beforeRefill(&a);
   if (a.smallFree_[k]) repair(a, a.smallFree_[k]);
   if (!a.smallFree_[k]) fillClass(a, k);
   return popSmall(a, k, 1u << k);

@@ -4,6 +4,7 @@
 // The process allocator and the library's global operators are in process_allocator.cpp.
 #include "utils/sdk/allocator.h"
 
+#include "utils/sdk/memory/heap_moments.h"
 #include "utils/sdk/ysys.h"
 
 namespace Utils {
@@ -92,10 +93,14 @@ unsigned AllocationLimiter::internalFree() const { return 0; }
 
 MemoryColor::MemoryColor(unsigned color) {
   Allocator::theAllocator()->setDefaultColor(color, &oldColor_);
+  samplePeak(oldColor_);
 }
 
 MemoryColor::~MemoryColor() { reset(); }
 
-void MemoryColor::reset() { Allocator::theAllocator()->setDefaultColor(oldColor_, nullptr); }
+void MemoryColor::reset() {
+  samplePeak(Allocator::theAllocator()->defaultColor());
+  Allocator::theAllocator()->setDefaultColor(oldColor_, nullptr);
+}
 
 }  // namespace Utils

@@ -19,6 +19,7 @@
 #include "utils/sdk/base/late_immortal.h"
 #include "utils/sdk/base/layout.h"
 #include "utils/sdk/memory/gaps.h"
+#include "utils/sdk/memory/heap_moments.h"
 #include "utils/sdk/platform.h"
 #include "utils/sdk/ysys.h"
 
@@ -48,6 +49,7 @@ Allocator* Allocator::buildTheAllocator() {
   MemoryAllocator* arena = &_arena.make(&_host.make());
   noteGapsOf(arena);
   YfWithoutExhaustionReport(reserve, arena);
+  watchArena(arena);
   return built = arena;
 }
 

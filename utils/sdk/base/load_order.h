@@ -10,10 +10,11 @@ namespace Utils {
 
 enum LoadOrder {
   LOADED_LIBRARY = 101,         // the library itself (load.cpp)
-  LOADED_NULL_STRING = 102,     // String::null_ (string.cpp)
-  LOADED_DEFAULT_LOGGER = 103,  // Log::theDefaultLogger_ (log.cpp)
-  LOADED_STD_RESULTS = 104,     // _stdResults, and with them the process allocator (result.cpp)
-  LOADED_LAST_ERRORS = 105,     // _lastErrorValues (result.cpp)
+  LOADED_HEAP_SETTING = 102,    // _setting; writes at unload (heap_setting.cpp)
+  LOADED_NULL_STRING = 103,     // String::null_ (string.cpp)
+  LOADED_DEFAULT_LOGGER = 104,  // Log::theDefaultLogger_ (log.cpp)
+  LOADED_STD_RESULTS = 105,     // _stdResults, and with them the process allocator (result.cpp)
+  LOADED_LAST_ERRORS = 106,     // _lastErrorValues (result.cpp)
 };
 
 }  // namespace Utils

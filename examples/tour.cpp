@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: MIT
 // The words of text files, counted with the library.
 //
-//   tour FILE...
+//   tour [--picture PICTURE] FILE...
 //
-// Several tasks read the files, each into one String with a memory colour of its own. The main task
-// receives them in their order, finds the words with tokSpan, indexes them in a weight-balanced
-// tree, whose nodes and words lie in memory of the same colour, and counts them again in a map.
-// Prints the most frequent words, the bytes that each file holds, the time of each step and the
-// allocator's own report; then frees everything and checks that heap and strings are as at the
-// start. A file that cannot be read is reported on standard error and raised as an error, which a
-// listener counts; the status is then 1.
+// Several tasks read the files, each into one String with a memory colour of its own, which has the
+// name of the file. The main task receives them in their order, finds the words with tokSpan,
+// indexes them in a weight-balanced tree, whose nodes and words lie in memory of the same colour,
+// and counts them again in a map. Prints the most frequent words, the bytes that each file holds,
+// the time of each step and the allocator's own report; then frees everything and checks that heap
+// and strings are as at the start. With --picture the heap is written to PICTURE before that
+// (writeHeap in colors.h). A file that cannot be read is reported on standard error and raised as
+// an error, which a listener counts; the status is then 1.
 //
 // The log shows the steps: env YUtils.Log.Categories=tour#2 tour FILE... It also shows the use of
 // the mutex of the queue: env YUtils.Log.Categories=utils#2 tour FILE...
@@ -27,6 +28,7 @@
 #include "utils/sdk/alloc.h"
 #include "utils/sdk/atree.h"
 #include "utils/sdk/block.h"
+#include "utils/sdk/colors.h"
 #include "utils/sdk/event.h"
 #include "utils/sdk/locker.h"
 #include "utils/sdk/log.h"
@@ -170,6 +172,7 @@ struct Files {
   Files(unsigned count, char** names) : count_(count), names_(names), errors_(count) {
     texts_.sizeTo(count);
     for (unsigned i = 0; i < count; i++) read_.add(false);
+    for (unsigned i = 0; i < count && i < 63; i++) Utils::nameColor(colorOf(i), names[i]);
     for (unsigned i = 0; i < std::min(count, MOST_READERS); i++)
       readers_.emplace_back([this] { readAll(); });
   }
@@ -320,7 +323,16 @@ struct Held {
   unsigned strings_ = Utils::YfTotalStringMemory();
 };
 
-bool tour(unsigned count, char** names) {
+// Writes the heap as it is with all files read. Returns false, and reports it, if that fails.
+bool draw(const char* picture) {
+  const int result = picture ? Utils::writeHeap(picture) : 0;
+  if (result == 0) return true;
+  std::fprintf(stderr, "tour: %s: %s\n", picture,
+               Utils::resultToString(static_cast<unsigned>(result)));
+  return false;
+}
+
+bool tour(unsigned count, char** names, const char* picture) {
   Index index;
   Clock clock;
   Files files(count, names);
@@ -330,18 +342,25 @@ bool tour(unsigned count, char** names) {
   showCounts(index.counts());
   showColors(files);
   heap().report();
+  const bool isDrawn = draw(picture);
   std::printf("\n");
   clock.show("Reading");
   index.clear();
   clock.show("Freeing");
-  return allRead;
+  return allRead && isDrawn;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  const char* picture = nullptr;
+  if (argc > 2 && std::strcmp(argv[1], "--picture") == 0) {
+    picture = argv[2];
+    argc -= 2;
+    argv += 2;
+  }
   if (argc < 2) {
-    std::fprintf(stderr, "usage: tour FILE...\n");
+    std::fprintf(stderr, "usage: tour [--picture PICTURE] FILE...\n");
     return 2;
   }
   // Created before the first count, since they stay: log, categories, last error, listeners.
@@ -352,7 +371,7 @@ int main(int argc, char** argv) {
   Log::theLog()->print(Utils::Debug, CATEGORY, 1, SOURCE, __LINE__, "%d files", argc - 1);
   const Held atFirst;
   std::printf("Run %s\n", static_cast<const char*>(Utils::UID().asText()));
-  const bool allRead = tour(static_cast<unsigned>(argc) - 1, argv + 1);
+  const bool allRead = tour(static_cast<unsigned>(argc) - 1, argv + 1, picture);
   if (errors.count_ != 0) {
     std::printf("\nErrors: %u, the last one: %s.\n", errors.count_,
                 Utils::resultToString(Utils::lastError()));

@@ -36,6 +36,15 @@ expectLike '^debug\[1\]\|tour\|examples/tour\.cpp:[0-9]+\|[0-9]{10}\.[0-9]{6}\|[
 env YUtils.Log.Categories=utils#2 "$tour" one.txt two.txt >out 2>err || fail "status $?"
 expectLike "^debug\[2\]\|utils\|[0-9]+ Taking lock at file:'examples/tour\.cpp', line:[0-9]+$" err
 
+"$tour" --picture heap.txt one.txt two.txt >out 2>err || fail "status $?"
+expectLike '^one\.txt +[1-9][0-9.]+ (B|KiB) .* #+$' heap.txt
+expectLike '^held .*; whole$' heap.txt
+expect 'The heap is whole.' out
+status=0
+"$tour" --picture no/heap.svg one.txt >out 2>err || status=$?
+[ $status = 1 ] || fail "status $status for a picture that cannot be written"
+expect 'tour: no/heap.svg: File write error' err
+
 status=0
 "$tour" nosuch.txt one.txt . >out 2>err || status=$?
 [ $status = 1 ] || fail "status $status for a missing file"
@@ -50,5 +59,5 @@ expect 'The heap is whole.' out
 status=0
 "$tour" >out 2>err || status=$?
 [ $status = 2 ] || fail "status $status without a file"
-expect 'usage: tour FILE...' err
+expect 'usage: tour [--picture PICTURE] FILE...' err
 echo "the tour prints what it should"

@@ -20,8 +20,7 @@ unsigned sizeByFirst(unsigned char first) {
 // Returns whether the code needs that many bytes and is that of a character.
 bool isCharacter(unsigned code, unsigned size) {
   constexpr unsigned LEAST[] = {0, 0, 0x80, 0x800, 0x10000};
-  return code >= LEAST[size] && code <= 0x10ffff && (code < 0xd800 || code > 0xdfff) &&
-         (code & 0xfffe) != 0xfffe;
+  return code >= LEAST[size] && code <= 0x10ffff && (code < 0xd800 || code > 0xdfff);
 }
 
 void putBytes(Output& out, const char* at, unsigned size) {

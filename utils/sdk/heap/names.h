@@ -14,7 +14,10 @@ namespace Utils {
 struct Symbol {
   explicit Symbol(const char* at);  // Requires: a text that is not empty at `at`
 
-  bool isPlain() const { return code_ >= 0x20 && (code_ < 0x7f || code_ > 0x9f) && !isBroken(); }
+  // Whether every form can have it as it is. XML has no U+FFFE and no U+FFFF.
+  bool isPlain() const {
+    return code_ >= 0x20 && (code_ < 0x7f || code_ > 0x9f) && (code_ & ~1u) != 0xfffe && !isBroken();
+  }
   bool isBroken() const { return code_ == BROKEN; }
 
   static constexpr unsigned BROKEN = 0xffffffff;

@@ -19,7 +19,7 @@ namespace {
 
 constexpr unsigned WIDTH = 960, MARGIN = 32;
 constexpr unsigned BARS_TOP = 96, BAR_STEP = 22, BAR_HEIGHT = 14;
-constexpr unsigned BAR_LEFT = 284, BAR_WIDTH = 380, NUMBERS_LEFT = 676;
+constexpr unsigned NAME_LEFT = 52, BAR_LEFT = 284, BAR_WIDTH = 380, NUMBERS_LEFT = 676;
 constexpr unsigned COLUMNS = 64, ROWS = 32, CELL = 14;
 constexpr unsigned SMALLEST_CELL = 64;
 static_assert(MARGIN + COLUMNS * CELL + MARGIN == WIDTH);
@@ -96,14 +96,20 @@ unsigned barFor(unsigned long long bytes, unsigned long long most) {
   return most == 0 ? 0 : static_cast<unsigned>(bytes * BAR_WIDTH / most);
 }
 
+void putRectangle(Output& out, unsigned color, unsigned left, unsigned top, unsigned width) {
+  out.print("<rect class=\"b%u\" x=\"%u\" y=\"%u\" width=\"%u\" height=\"%u\"/>", color, left, top,
+            width, BAR_HEIGHT);
+}
+
+// The hue, the name, the bytes held as a bar, the peak seen as a mark, and both as numbers.
 void putBar(Output& out, const ColorInfo& entry, unsigned top, unsigned long long most) {
   out.text("<g>");
   putTooltip(out, entry);
-  putText(out, "t", MARGIN, top + 12);
+  putRectangle(out, entry.color, MARGIN, top, BAR_HEIGHT);
+  putText(out, "t", NAME_LEFT, top + 12);
   putName(out, entry.color);
   out.text("</text>");
-  out.print("<rect class=\"b%u\" x=\"%u\" y=\"%u\" width=\"%u\" height=\"%u\"/>", entry.color,
-            BAR_LEFT, top, std::max(barFor(entry.held, most), 1u), BAR_HEIGHT);
+  putRectangle(out, entry.color, BAR_LEFT, top, barFor(entry.held, most));
   out.print("<path class=\"k\" d=\"M%u %uv%u\"/>", BAR_LEFT + barFor(entry.peak, most), top - 1,
             BAR_HEIGHT + 2);
   putText(out, "t", NUMBERS_LEFT, top + 12);

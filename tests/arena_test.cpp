@@ -10,11 +10,13 @@
 #include "support/arena_run.h"
 #include "support/assertion_recorder.h"
 #include "support/scripted_parent.h"
+#include "utils/sdk/colors.h"
 
 namespace {
 
 using testing::Each;
 using testing::ElementsAre;
+using testing::IsEmpty;
 
 char* bytes(void* mem) { return static_cast<char*>(mem); }
 
@@ -228,6 +230,39 @@ TEST_F(Arena, NumbersOfAFirstChunk) {
   for (const auto& [request, size] :
        {std::pair{30u, 64u}, {504u, 512u}, {505u, 1024u}, {1017u, 1032u}})
     EXPECT_EQ(arena_.size(arena_.alloc(request)), size);
+}
+
+// Looks at the arena without an assertion, and returns what is reported.
+TEST_F(Arena, DamageIsNamed) {
+  const auto reportAfter = [&](char* word, const char* bytes) {
+    char whole[4];
+    std::memcpy(whole, word, 4);
+    std::memcpy(word, bytes, 4);
+    recorder_.reports_.clear();
+    EXPECT_FALSE(arena_.isWhole());
+    EXPECT_THAT(recorder_.take(), IsEmpty());
+    std::memcpy(word, whole, 4);
+    EXPECT_TRUE(arena_.isWhole());
+    return recorder_.reports_;
+  };
+  Utils::nameColor(9, "cache");
+  char* before = bytes(arena_.alloc(2000, 3));
+  char* mem = bytes(arena_.alloc(2000, 9));
+  char* small = bytes(arena_.alloc(20, 5));
+  char* other = bytes(arena_.alloc(20, 9));
+  EXPECT_THAT(reportAfter(mem + 2000, "xxxx"),
+              testing::ContainsRegex("block at .*, 2008 bytes, busy, colour 9 \\(cache\\)\n.*tail "
+                                     "word 0x78787878, expected 0x000007d9.*\n.*before it .*, 2008 "
+                                     "bytes, busy, colour 3\n"));
+  EXPECT_THAT(reportAfter(before + 2004, "\xff\xff\xff\x01"),
+              testing::HasSubstr("head word 0x01ffffff, expected a size that"));
+  arena_.free(other);
+  arena_.free(small);
+  recorder_.reports_.clear();
+  arena_.free(other);
+  EXPECT_THAT(recorder_.take(), ElementsAre("busy(h)"));
+  EXPECT_THAT(recorder_.reports_, testing::ContainsRegex("32 bytes, free\n.*freed twice"));
+  EXPECT_THAT(reportAfter(small - 4, "xxxx"), testing::HasSubstr("its page's blocks, 32"));
 }
 
 TEST_F(Arena, StepsOfSmallAndLostBlocks) {

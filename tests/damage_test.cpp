@@ -176,8 +176,9 @@ struct Damage : testing::Test {
     bool isNamed = false;
     for (const char* at = recorder_.reports_.c_str(); (at = std::strstr(at, "block at "));
          at += 9) {
-      void* named = nullptr;
-      std::sscanf(at, "block at %p", &named);
+      void* memory = nullptr;
+      std::sscanf(at, "block at %p", &memory);
+      const char* named = static_cast<char*>(memory) - 4;
       isNamed = isNamed || (named >= word.head_ && named < end);
     }
     EXPECT_TRUE(isNamed) << recorder_.reports_;

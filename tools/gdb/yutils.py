@@ -376,19 +376,18 @@ PROCESS = "the process allocator"
 
 
 def gap_heads(lib):
-    """The heads of the gap blocks of the process allocator; none if the library keeps no table of
-    them."""
-    if "gapHeads" not in lib or lib.root("gapHeads") is None:
-        return set()
-    data = read(lib.root("gapHeads"), lib["gapHeads"] * lib.pointer_size)
-    return set(lib.pointers(data)) - {0}
+    """The heads of the gap blocks of the process allocator, from the pages of its notes."""
+    heads, page = set(), lib.root("gaps")
+    while page:
+        count = lib.word(page, "gapPage.count")
+        heads |= set(lib.pointers(read(page + lib["gapPage.heads"], count * lib.pointer_size)))
+        page = lib.pointer(page, "gapPage.next")
+    return heads
 
 
 def color_name(lib, color):
-    """The name of a colour; empty if it has none or the library has no table of names."""
-    if "colorNames" not in lib or lib.root("colorNames") is None:
-        return ""
-    data = read(lib.root("colorNames") + color * lib["colorNames"], lib["colorNames"])
+    """The name of a colour; empty if it has none."""
+    data = read(lib.root("colorNames") + color * lib["color.nameRoom"], lib["color.nameRoom"])
     return data.partition(b"\0")[0].decode("utf-8", "backslashreplace")
 
 

@@ -15,7 +15,9 @@
 #include "utils/sdk/log.h"
 #include "utils/sdk/membank.h"
 #include "utils/sdk/memory/chain.h"
+#include "utils/sdk/memory/color_names.h"
 #include "utils/sdk/memory/free_tree.h"
+#include "utils/sdk/memory/gaps.h"
 #include "utils/sdk/memory/page.h"
 #include "utils/sdk/string.h"
 #include "utils/sdk/vector.h"
@@ -50,6 +52,11 @@ const LayoutEntry DebuggerLayout::ENTRIES[] = {
     {"page.mark", PAGE_MARK},
     {"page.countedMark", COUNTED_PAGE_MARK},
     {"page.class", PAGE_CLASS},
+
+    {"gapPage.next", offsetof(GapPage, next_)},
+    {"gapPage.count", offsetof(GapPage, count_)},
+    {"gapPage.heads", offsetof(GapPage, heads_)},
+    {"color.nameRoom", COLOR_NAME_ROOM},
 
     {"arena.firstHead", offsetof(MemoryAllocator, firstHead_)},
     {"arena.endHead", offsetof(MemoryAllocator, endHead_)},

@@ -4,9 +4,12 @@
 
 #include <cstring>
 
+#include "utils/sdk/base/layout.h"
+
 namespace Utils {
 
 constinit char theColorNames[COLORS][COLOR_NAME_ROOM] = {};
+DEBUGGER_ROOT(yutils_root_colorNames, theColorNames);
 
 namespace {
 

@@ -58,7 +58,7 @@ struct InPage {
     if (offset >= size_) before_ = offsetBy(smalls.first_, (offset / size_ - 1) * size_);
   }
 
-  unsigned size_ = 0;               // 0 if there is none
+  unsigned size_ = 0;             // 0 if there is none
   const void* before_ = nullptr;  // the small block before it
 };
 
@@ -67,19 +67,24 @@ void addWrongWord(Report& report, const Chain& chain, const void* head, const In
   const unsigned word = wordAt(head);
   const unsigned size = sizeOf(word);
   if (page.size_ != 0 && size != page.size_) {
-    report.add("heap:   head word 0x%08x, expected the size of its page's blocks, %u: written past "
-               "the end of the block before it?\n", word, page.size_);
+    report.add(
+        "heap:   head word 0x%08x, expected the size of its page's blocks, %u: written past "
+        "the end of the block before it?\n",
+        word, page.size_);
   } else if (!chain.canBeHead(head)) {
-    report.add("heap:   head word 0x%08x, expected a size that is a multiple of 8 and ends in the "
-               "arena: written past the end of the block before it?\n", word);
+    report.add(
+        "heap:   head word 0x%08x, expected a size that is a multiple of 8 and ends in the "
+        "arena: written past the end of the block before it?\n",
+        word);
   } else if (page.size_ == 0 && wordAt(offsetBy(head, size - 4)) != size + 1) {
     report.add("heap:   tail word 0x%08x, expected 0x%08x: written past the end of the block?\n",
                wordAt(offsetBy(head, size - 4)), size + 1);
   } else if (isBusy(word)) {
     report.add("heap:   its head and tail agree, but the arena's free blocks do not\n");
   } else {
-    report.add("heap:   it is free, expected busy or whole links: freed twice, or written after it "
-               "was freed?\n");
+    report.add(
+        "heap:   it is free, expected busy or whole links: freed twice, or written after it "
+        "was freed?\n");
   }
 }
 

@@ -2,6 +2,7 @@
 // The notes of the process allocator's gap blocks.
 #include "utils/sdk/memory/gaps.h"
 
+#include "utils/sdk/base/layout.h"
 #include "utils/sdk/memory/chain.h"
 #include "utils/sdk/ysys.h"
 
@@ -14,6 +15,8 @@ constinit GapPage _first = {};
 constinit GapPage* _last = &_first;
 
 }  // namespace
+
+DEBUGGER_ROOT(yutils_root_gaps, _first);
 
 void noteGapsOf(const void* arena) { _arena = arena; }
 

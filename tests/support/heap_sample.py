@@ -24,7 +24,7 @@ def sample(blocks, seed=1):
         if pick.random() < .04:
             offset = add_page(chain, offset, color, pick)
         else:
-            kind = pick.choices((BUSY, FREE, GAP), (80, 19, .2))[0]
+            kind = pick.choices((BUSY, FREE, GAP), (80, 19, .6))[0]
             size = pick.choice((1 << 20, 3 << 20)) if kind == GAP else 8 * int(pick.lognormvariate(4.5, 1) + 4)
             offset = add(chain, offset, size, color, kind, pick)
     return with_totals({"version": 1, "pointer": 8, "process": 1234, "time": "2026-11-23T15:00:00Z",
@@ -54,7 +54,7 @@ def with_totals(snapshot):
     chain, colors = snapshot["chain"], []
     for color, name in NAMES.items():
         sizes = [b[1] for b in chain if b[2] == color and b[3] == BUSY]
-        colors.append({"color": color, "name": name, "held": sum(sizes), "peakSeen": sum(sizes) * 5 // 4,
+        colors.append({"color": color, "name": name or None, "held": sum(sizes), "peakSeen": sum(sizes) * 5 // 4,
                        "blocks": len(sizes), "largest": max(sizes, default=0),
                        "free": sum(b[1] for b in chain if b[2] == color and b[3] == FREE)})
     small = set_of_small(chain)

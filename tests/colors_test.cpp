@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -171,7 +172,7 @@ void fillAtRandom(Random& random) {
     nameColor(color, name.c_str());
   }
   nameColor(50, "a<&>\"'\\</script>");
-  nameColor(51, "\u00e9\u20ac\U0001f600\uffff");
+  nameColor(51, "\u00e9\u20ac\U0001f600\uffff\xed\xa0\x80");
   for (unsigned i = 0; i < 500; i++) heap().alloc(131000, i);  // more than was reserved
   std::vector<void*> live;
   for (unsigned step = 0; step < 20000; step++) {
@@ -226,33 +227,58 @@ TEST(Heap, IsWrittenAsItIsAndStaysAsItIs) {
   Random random(20261123);
   expectInChild([&] {
     fillAtRandom(random);
+    heap().alloc(1 << 20, 0);  // a new peak
     const Totals before = Totals::now();
     for (const char* name : {"heap.json", "heap.svg", "heap.html", "heap.txt"})
       EXPECT_EQ(writeHeap(directory.pathOf(name).c_str()), 0);
     EXPECT_EQ(Totals::now(), before);
     heap().checkArena();
     expectTotalsIn(directory.pathOf("heap.json"));
+    EXPECT_EQ(infoOf(0).peak, infoOf(0).held);
     outputOf("xmllint --noout " + directory.pathOf("heap.svg"));
     const std::string svg = directory.read("heap.svg"), html = directory.read("heap.html");
     EXPECT_THAT(svg, HasSubstr(">a&#60;&#38;&#62;&#34;'\\&#60;/script&#62;: "));
     EXPECT_EQ(count(svg, "<g><title>"), 64u);
     EXPECT_THAT(count(svg, "<rect"), testing::AllOf(testing::Gt(500u), testing::Lt(2300u)));
     EXPECT_EQ(count(svg, "<rect class"), count(svg, "<title>") - 1 + 64);
+    const std::regex place("x=\"([0-9]+)\" y=\"[0-9]+\" width=\"([0-9]+)\"");
+    for (std::sregex_iterator at(svg.begin(), svg.end(), place), end; at != end; ++at)
+      EXPECT_LT(std::stoi((*at)[1]) + std::stoi((*at)[2]), 928);
     const std::string json = afterTime(directory.read("heap.json"));
     EXPECT_THAT(html, HasSubstr("id=\"heap\">{\"version\":1,"));
     EXPECT_THAT(html, HasSubstr(json.substr(0, json.size() - 1)));
     EXPECT_EQ(json.find('<'), json.npos);
     const std::string text = directory.read("heap.txt");
     EXPECT_EQ(count(text, "\n"), 66u);
-    EXPECT_THAT(text, HasSubstr("\n\u00e9\u20ac\U0001f600\\xef\\xbf\\xbf "));
+    EXPECT_THAT(text, HasSubstr("\n\u00e9\u20ac\U0001f600\\xef\\xbf\\xbf\\xed\\xa0\\x80 "));
     EXPECT_THAT(text, testing::EndsWith("; whole\n"));
   });
 }
 
-TEST(Heap, DrawsASmallAndADamagedOne) {
+// Leaves free only 10400 bytes at the end of the chain, which become a page.
+void endWithAPage() {
+  std::vector<BlockInfo> blocks;
+  const auto note = [](const BlockInfo& block, void* all) {
+    static_cast<std::vector<BlockInfo>*>(all)->push_back(block);
+  };
+  heap().visitBlocks(note, &blocks);
+  ASSERT_EQ(blocks.back().kind, BlockInfo::FREE);
+  blocks.back().size -= 10400;
+  for (const BlockInfo& each : blocks) {
+    if (each.kind == BlockInfo::FREE && each.size > 10000) heap().alloc(each.size - 8);
+  }
+  for (unsigned i = 0; i < 20; i++) heap().alloc(500);
+  heap().visitBlocks(note, &blocks);
+  EXPECT_EQ(blocks.back().size, 512u);
+}
+
+TEST(Heap, DrawsOneThatEndsWithAPageAndADamagedOne) {
   const TemporaryDirectory directory;
   const std::string path = directory.pathOf("heap.json");
   expectInChild([&] {
+    endWithAPage();
+    EXPECT_EQ(writeHeap(path.c_str()), 0);
+    outputOf("python3 " HEAP_SUMS " " + path + " 1:" + hexOf("before main"));
     unsigned* words = static_cast<unsigned*>(heap().alloc(5000));
     words[-1] = 3;
     EXPECT_EQ(writeHeap(path.c_str()), 0);
@@ -284,8 +310,9 @@ TEST(Files, AreReplacedWhenTheyAreWhole) {
   stat(path.c_str(), &status);
   EXPECT_EQ(status.st_mode & 0777, 0600u);
   EXPECT_EQ(writeHeap(directory.pathOf("no/heap").c_str()), NOT_WRITTEN);
-  EXPECT_EQ(writeHeap("/dev/full"), NOT_WRITTEN);
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory.pathOf("")), {}), 2);
+  std::filesystem::create_symlink("/dev/full", directory.pathOf("full"));
+  EXPECT_EQ(writeHeap(directory.pathOf("full").c_str()), NOT_WRITTEN);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory.pathOf("")), {}), 3);
 }
 
 // --- The setting ---
@@ -319,7 +346,8 @@ TEST(DISABLED_Child, GetsSignals) {
     const std::string file = "at-" + process + "-" + name + ".json";
     raise(SIGUSR2);
     EXPECT_FALSE(std::filesystem::exists(file));
-    while (!std::filesystem::exists(file)) heap().alloc(500, 9);
+    for (unsigned i = 0; i < 20; i++) heap().alloc(500, 9);  // more than a page has
+    EXPECT_TRUE(std::filesystem::exists(file));
   }
   raise(SIGUSR1);
 }

@@ -38,7 +38,7 @@ YUTILS_EXPORT bool nameColor(unsigned color, const char* name);
 YUTILS_EXPORT const char* colorName(unsigned color);
 
 // A MemoryColor by name. The colour is 0 if all numbers are taken.
-struct YUTILS_EXPORT NamedColor : MemoryColor {
+struct NamedColor : MemoryColor {
   explicit NamedColor(const char* name) : MemoryColor(colorNamed(name)) {}
 };
 

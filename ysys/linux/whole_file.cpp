@@ -30,6 +30,8 @@ namespace {
 constexpr mode_t OWNER_ONLY = 0600;
 constexpr int FOR_WRITING = O_WRONLY | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
 
+bool isStandardOutput(const char* path) { return strcmp(path, "-") == 0; }
+
 bool canBeReplaced(const char* path) {
   struct stat status;
   return lstat(path, &status) != 0 ? errno == ENOENT : S_ISREG(status.st_mode);
@@ -53,7 +55,7 @@ unsigned long YfProcessId() noexcept { return static_cast<unsigned long>(getpid(
 int YfBeginFile(const char* path, char* beside, unsigned int room) noexcept {
   const ErrnoSaver saver;
   const NoCancellation whole;
-  if (strcmp(path, "-") == 0) {
+  if (isStandardOutput(path)) {
     *beside = '\0';
     return STDOUT_FILENO;
   }
@@ -73,7 +75,7 @@ int YfEndFile(int file, const char* path, const char* beside, int isWhole) noexc
   const ErrnoSaver saver;
   const NoCancellation whole;
   bool isDone = isWhole != 0;
-  if (file != STDOUT_FILENO && close(file) != 0) isDone = false;
+  if (!isStandardOutput(path) && close(file) != 0) isDone = false;
   if (*beside == '\0') return isDone ? 0 : 1;
   if (isDone) isDone = rename(beside, path) == 0;
   if (!isDone) unlink(beside);

@@ -20,7 +20,7 @@ void writeHtml(Output& out, const Snapshot& heap);
 extern const char HEAP_PAGE_START[];
 extern const char HEAP_PAGE_END[];
 
-// Stores the numbers of the colours that are shown, those that hold or held most bytes first. Returns their
+// Stores the colours that are shown, those first that hold, or held, most bytes. Returns their
 // number.
 unsigned sortColors(const Snapshot& heap, unsigned char (&colors)[COLORS]);
 

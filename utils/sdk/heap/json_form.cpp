@@ -73,7 +73,7 @@ void putFirstBytes(Output& out, const BlockInfo& block) {
   const auto* bytes = static_cast<const volatile unsigned char*>(block.memory);
   const unsigned usable = block.size - OVERHEAD;
   out.text(",\"");
-  for (unsigned i = 0; i < SHOWN_BYTES && i < usable; i++) out.hex(bytes[i], 2);
+  for (unsigned i = 0; i < SHOWN_BYTES && i < usable; i++) out.hex(bytes[i]);
   out.put('"');
 }
 

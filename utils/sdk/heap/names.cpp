@@ -40,7 +40,7 @@ Symbol::Symbol(const char* at) : code_(BROKEN), size_(1) {
   unsigned code = size == 1 ? first : first & (0x7fu >> size);
   for (unsigned i = 1; i < size; i++) {
     if ((at[i] & 0xc0) != 0x80) return;
-    code = code << 6 | (at[i] & 0x3fu);
+    code = code << 6 | (static_cast<unsigned char>(at[i]) & 0x3fu);
   }
   if (!isCharacter(code, size)) return;
   code_ = code;
@@ -84,7 +84,7 @@ unsigned putPlainText(Output& out, const char* text) {
     const Symbol symbol(text);
     const auto put = symbol.isPlain() ? putBytes : putHexBytes;
     put(out, text, symbol.size_);
-    width += symbol.isPlain() ? 1 : 4 * symbol.size_;
+    width += symbol.width();
     text += symbol.size_;
   }
   return width;

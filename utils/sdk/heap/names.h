@@ -16,9 +16,11 @@ struct Symbol {
 
   // Whether every form can have it as it is. XML has no U+FFFE and no U+FFFF.
   bool isPlain() const {
-    return code_ >= 0x20 && (code_ < 0x7f || code_ > 0x9f) && (code_ & ~1u) != 0xfffe && !isBroken();
+    const bool isControl = code_ < 0x20 || (code_ >= 0x7f && code_ <= 0x9f);
+    return !isControl && !isBroken() && (code_ & ~1u) != 0xfffe;
   }
   bool isBroken() const { return code_ == BROKEN; }
+  unsigned width() const { return isPlain() ? 1 : 4 * size_; }  // as putPlainText shows it
 
   static constexpr unsigned BROKEN = 0xffffffff;
 

@@ -53,8 +53,10 @@ void Output::number(unsigned long long number) {
   used_ += digits;
 }
 
-void Output::hex(unsigned long long number, unsigned digits) {
-  while (digits-- != 0) put("0123456789abcdef"[number >> (4 * digits) & 15]);
+void Output::hex(unsigned char byte) {
+  constexpr char DIGITS[] = "0123456789abcdef";
+  put(DIGITS[byte >> 4]);
+  put(DIGITS[byte & 15]);
 }
 
 void Output::print(const char* format, ...) {
@@ -69,20 +71,15 @@ void Output::print(const char* format, ...) {
 void Output::bytes(unsigned long long number) { bytes(number, 0); }
 
 void Output::bytes(unsigned long long number, int width) {
-  char room[24];
-  sizeText(room, number);
-  print("%*s", width, room);
-}
-
-unsigned sizeText(char* room, unsigned long long number) {
   const char* const units[] = {"B", "KiB", "MiB", "GiB"};
+  char room[40];
   unsigned unit = 0;
   unsigned long long tenths = number * 10;
   for (; tenths >= 10240 && unit < 3; tenths /= 1024) unit++;
-  const int length = unit == 0 ? std::snprintf(room, 24, "%llu B", number)
-                               : std::snprintf(room, 24, "%llu.%u %s", tenths / 10,
-                                               static_cast<unsigned>(tenths % 10), units[unit]);
-  return static_cast<unsigned>(length);
+  if (unit == 0) std::snprintf(room, sizeof room, "%llu B", number);
+  if (unit != 0)
+    std::snprintf(room, sizeof room, "%llu.%llu %s", tenths / 10, tenths % 10, units[unit]);
+  print("%*s", width, room);
 }
 
 }  // namespace Utils

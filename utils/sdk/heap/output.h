@@ -18,16 +18,14 @@ struct Output {
 
   void put(char byte);
   void text(const char* text);
-  void number(unsigned long long number);
-  void hex(unsigned long long number, unsigned digits);  // lower case, without 0x
+  void number(unsigned long long number);  // Requires: not more than an unsigned long can have
+  void hex(unsigned char byte);            // two digits
   // As printf. Requires: the text has less than 256 bytes.
   void print(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
   // "512 B", "1.5 KiB", "48.0 MiB": rounded down to a tenth.
   void bytes(unsigned long long number);
-  // A column of that width, counted in characters. `width` is negative for one that is
-  // left-aligned.
-  void bytes(unsigned long long number, int width);
+  void bytes(unsigned long long number, int width);  // right-aligned in a column
 
  private:
   void flush();
@@ -37,8 +35,5 @@ struct Output {
   unsigned used_ = 0;
   bool isWhole_ = true;
 };
-
-// Writes the size as Output::bytes does. Requires: at least 24 bytes. Returns the length.
-unsigned sizeText(char* room, unsigned long long number);
 
 }  // namespace Utils

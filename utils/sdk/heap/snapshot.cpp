@@ -10,9 +10,8 @@ void Snapshot::take() {
   for (const ColorInfo& entry : colors_) held_ += entry.held;
   free_ = heap().internalFree();
   allocated_ = heap().allocatedMemory();
-  isWhole_ = visitBlocks([](const BlockInfo&) {});
   first_ = nullptr;
-  visitPieces([this](const Piece& piece) {
+  isWhole_ = visitPieces([this](const Piece& piece) {
     if (!first_) first_ = piece.start;
     span_ += piece.size;
     if (piece.kind != BlockInfo::FREE) used_ = span_;

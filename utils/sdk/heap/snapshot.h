@@ -25,9 +25,10 @@ struct Piece {
 struct Snapshot {
   void take();
 
-  // Calls visit(piece) for all pieces in ascending order.
+  // Calls visit(piece) for all pieces in ascending order. Returns false if the walk ends at a
+  // damaged block.
   template <class Visit>
-  static void visitPieces(Visit visit);
+  static bool visitPieces(Visit visit);
 
   static const MemoryAllocator& heap() {
     return *static_cast<const MemoryAllocator*>(Allocator::theAllocator());
@@ -46,7 +47,7 @@ struct Snapshot {
 };
 
 template <class Visit>
-void Snapshot::visitPieces(Visit visit) {
+bool Snapshot::visitPieces(Visit visit) {
   struct Walk {
     void goTo(const char* place) {
       if (at_ && place > at_)
@@ -70,8 +71,9 @@ void Snapshot::visitPieces(Visit visit) {
     const char* pageEnd_ = nullptr;
   };
   Walk walk{visit};
-  heap().visitBlocks(Walk::step, &walk);
-  if (walk.pageEnd_) walk.goTo(walk.at_ < walk.pageEnd_ ? walk.pageEnd_ : walk.at_);
+  const bool isWhole = heap().visitBlocks(Walk::step, &walk);
+  if (walk.at_ < walk.pageEnd_) walk.goTo(walk.pageEnd_);
+  return isWhole;
 }
 
 }  // namespace Utils

@@ -20,7 +20,7 @@ namespace {
 constexpr unsigned WIDTH = 960, MARGIN = 32;
 constexpr unsigned BARS_TOP = 96, BAR_STEP = 22, BAR_HEIGHT = 14;
 constexpr unsigned NAME_LEFT = 52, BAR_LEFT = 284, BAR_WIDTH = 380, NUMBERS_LEFT = 676;
-constexpr unsigned COLUMNS = 64, ROWS = 32, CELL = 14;
+constexpr unsigned COLUMNS = 64, MOST_CELLS = 32 * COLUMNS, CELL = 14;
 constexpr unsigned SMALLEST_CELL = 64;
 static_assert(MARGIN + COLUMNS * CELL + MARGIN == WIDTH);
 
@@ -164,8 +164,8 @@ struct Cells {
       : out_(out), heap_(heap), top_(top), bytes_(bytesFor(heap.used_)) {}
 
   static unsigned long long bytesFor(unsigned long long used) {
-    const unsigned long long cells = COLUMNS * ROWS;
-    const unsigned long long bytes = ((used + cells - 1) / cells + ALIGN - 1) / ALIGN * ALIGN;
+    const unsigned long long bytes =
+        ((used + MOST_CELLS - 1) / MOST_CELLS + ALIGN - 1) / ALIGN * ALIGN;
     return std::max<unsigned long long>(bytes, SMALLEST_CELL);
   }
   unsigned rows() const {

@@ -16,7 +16,7 @@ unsigned widthOf(const char* name) {
   unsigned width = 0;
   for (; *name != '\0';) {
     const Symbol symbol(name);
-    width += symbol.isPlain() ? 1 : 4 * symbol.size_;
+    width += symbol.width();
     name += symbol.size_;
   }
   return width;

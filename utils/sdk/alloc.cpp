@@ -122,6 +122,10 @@ struct AllocSteps : ArenaSteps<AllocTraits> {
   static unsigned releaseLarge(MemoryAllocator& a, void* mem);
   static void releaseAndCount(MemoryAllocator& a, void* mem);
   static unsigned release(MemoryAllocator& a, void* mem);
+  static void* allocateSlowly(MemoryAllocator& a, unsigned request, unsigned color);
+  static void interrupt(MemoryAllocator& a) {
+    a.slow_ = static_cast<unsigned short>(a.slow_ | INTERRUPTED);
+  }
   static bool isWhole(const MemoryAllocator& a, const void* mem);
 
   static MemHead* findFit(const MemoryAllocator& a, FreePath& path, unsigned amt,
@@ -234,7 +238,7 @@ inline MemHead* AllocSteps::popSmall(MemoryAllocator& a, unsigned k, unsigned si
 [[gnu::noinline]] void* AllocSteps::allocateLarge(MemoryAllocator& a, unsigned request,
                                                   unsigned color) {
   if (a.slow_) [[unlikely]]
-    return Watched::allocate(a, request, color);
+    return allocateSlowly(a, request, color);
   if (request > LARGEST_REQUEST) return nullptr;
   const unsigned amt = std::max(blockSize(request), SMALLEST_LARGE);
   MemHead* h = takeFit(a, amt);
@@ -248,6 +252,22 @@ MemHead* AllocSteps::takeFromChunk(MemoryAllocator& a, unsigned amt) {
   MemHead* h = newChunk(a, amt);
   if (!h) afterRefusal(&a);
   return h;
+}
+
+[[gnu::cold, gnu::noinline]] void* AllocSteps::allocateSlowly(MemoryAllocator& a, unsigned request,
+                                                              unsigned color) {
+  if ((a.slow_ & INTERRUPTED) != 0) {
+    a.slow_ = static_cast<unsigned short>(a.slow_ & ~INTERRUPTED);
+    beforeRequest(&a);
+  }
+  if (Watched::isWatched(a)) return Watched::allocate(a, request, color);
+  return allocate(a, request, color);
+}
+
+// The handler of a signal may interrupt a step that changes `slow_` itself: then the picture is
+// written at the next chunk.
+void leaveFastPath(const Allocator* arena) {
+  AllocSteps::interrupt(*const_cast<MemoryAllocator*>(static_cast<const MemoryAllocator*>(arena)));
 }
 
 // Frees a small block and stores its size. Returns false, nothing changed, if `mem` is no busy
@@ -280,13 +300,15 @@ inline void AllocSteps::pushSmall(MemoryAllocator& a, MemHead* h, unsigned k, un
 }
 
 // Frees a large block and returns its size. Returns 0 if `mem` is null, and if it is no busy block,
-// which is reported. Small blocks come here only if they lie outside of a chain that was cut.
+// which is reported. Small blocks come here only if they lie outside of a chain that was cut, and
+// between interrupt() and the next request.
 inline unsigned AllocSteps::releaseLarge(MemoryAllocator& a, void* mem) {
   if (!mem) return 0;
-  if (a.slow_) [[unlikely]]
-    return Watched::release(a, mem);
   unsigned size;
-  if (a.cut_ && addressOf(mem) % ALIGN == 0 && releaseSmall(a, headAt(headOfMemory(mem)), size))
+  if (Watched::isWatched(a)) [[unlikely]]
+    return Watched::release(a, mem);
+  if ((a.cut_ || (a.slow_ && isInChain(a, mem))) && addressOf(mem) % ALIGN == 0 &&
+      releaseSmall(a, headAt(headOfMemory(mem)), size))
     return size;
   const Returned block = takeBack(a, mem, "s+1 == TAIL(h)->size");
   if (block.head_) joinFree(a, block.head_, block.size_, block.color_);
@@ -633,7 +655,6 @@ void AllocSteps::fillClass(MemoryAllocator& a, unsigned k) {
 // Returns a block of a class whose list is empty or begins with a damaged block. Null if there is
 // no memory.
 MemHead* AllocSteps::refill(MemoryAllocator& a, unsigned k) {
-  beforeRefill(&a);
   if (a.smallFree_[k]) repair(a, a.smallFree_[k]);
   if (!a.smallFree_[k]) fillClass(a, k);
   return popSmall(a, k, 1u << k);

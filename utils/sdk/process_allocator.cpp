@@ -49,7 +49,7 @@ Allocator* Allocator::buildTheAllocator() {
   MemoryAllocator* arena = &_arena.make(&_host.make());
   noteGapsOf(arena);
   YfWithoutExhaustionReport(reserve, arena);
-  watchArena(arena);
+  setSampledArena(arena);
   return built = arena;
 }
 

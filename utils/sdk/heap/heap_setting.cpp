@@ -92,6 +92,7 @@ void noteSignal(int signal) {
     if (_requests[i].moment_ == SIGNAL && _requests[i].signal_ == signal)
       pendingHeaps.fetch_or(1u << i, std::memory_order_relaxed);
   }
+  interruptRequests();
 }
 static_assert(std::atomic<unsigned>::is_always_lock_free && MOST_REQUESTS <= 32);
 

@@ -14,7 +14,7 @@ constinit const Allocator* _arena = nullptr;
 constinit unsigned _peaks[COLORS] = {};
 constinit unsigned _countedPages = 0;
 
-bool isWatched(const Allocator* arena) { return arena == _arena; }
+bool isSampled(const Allocator* arena) { return arena == _arena; }
 
 void writePending() {
   if (pendingHeaps.load(std::memory_order_relaxed) != 0) [[unlikely]]
@@ -23,7 +23,7 @@ void writePending() {
 
 }  // namespace
 
-void watchArena(const Allocator* arena) { _arena = arena; }
+void setSampledArena(const Allocator* arena) { _arena = arena; }
 
 void samplePeak(unsigned color) {
   color &= COLOR_MASK;
@@ -38,21 +38,25 @@ void samplePeaks() {
 unsigned peakSeen(unsigned color) { return _peaks[color & COLOR_MASK]; }
 
 void notePage(const Allocator* arena, unsigned size) {
-  if (isWatched(arena)) _countedPages += size;
+  if (isSampled(arena)) _countedPages += size;
 }
 
-void beforeRefill(const Allocator* arena) {
-  if (isWatched(arena)) writePending();
+void beforeRequest(const Allocator* arena) {
+  if (isSampled(arena)) writePending();
+}
+
+void interruptRequests() {
+  if (_arena) leaveFastPath(_arena);
 }
 
 void beforeChunk(const Allocator* arena) {
-  if (!isWatched(arena)) return;
+  if (!isSampled(arena)) return;
   samplePeaks();
   writePending();
 }
 
 void afterRefusal(const Allocator* arena) {
-  if (isWatched(arena)) writeExhaustedHeap();
+  if (isSampled(arena)) writeExhaustedHeap();
 }
 
 }  // namespace Utils

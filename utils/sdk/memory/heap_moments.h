@@ -16,7 +16,7 @@
 namespace Utils {
 
 // Names the arena that is looked at from then on: the process allocator.
-void watchArena(const Allocator* arena);
+void setSampledArena(const Allocator* arena);
 
 // --- The peaks seen ---
 
@@ -28,14 +28,18 @@ void notePage(const Allocator* arena, unsigned size);
 
 // --- The slow steps of an arena: the arena is whole, and nothing of the request is done yet ---
 
-void beforeRefill(const Allocator* arena);  // of a list of small blocks
+void beforeRequest(const Allocator* arena);  // the next one after interruptRequests()
 void beforeChunk(const Allocator* arena);
 void afterRefusal(const Allocator* arena);  // the system had no memory for the chunk
 
 // --- Pictures (heap/heap_setting.cpp) ---
 
-// One bit for each request by a signal, set by the handler.
+// One bit for each request by a signal, set by the handler, which then calls interruptRequests().
 extern std::atomic<unsigned> pendingHeaps;
+
+// Lets the next request of the process allocator write what is pending. For signal handlers.
+void interruptRequests();
+void leaveFastPath(const Allocator* arena);  // a step of that, in alloc.cpp
 
 void writePendingHeap();    // writes what the bits request, and clears them
 void writeExhaustedHeap();  // the first time that a request fails

@@ -30,6 +30,8 @@ namespace Utils {
 // `slow_` of a watched arena. At least 512: alloc compares request | slow_ with the largest request
 // that it serves on its fast path, one comparison as without `slow_`.
 constexpr unsigned short WATCHED = 0x400;
+// The same for one request, before which the arena is looked at (heap_moments.h).
+constexpr unsigned short INTERRUPTED = 0x200;
 
 // The notes on one watched arena: its quarantine, which is the blocks that are held back, the
 // oldest first, and its chunks, of which adjacent ones are one entry. Lives as long as the process;

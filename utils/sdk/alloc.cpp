@@ -120,6 +120,7 @@ struct AllocSteps : ArenaSteps<AllocTraits> {
   static bool releaseSmall(MemoryAllocator& a, MemHead* h, unsigned& size);
   static void pushSmall(MemoryAllocator& a, MemHead* h, unsigned k, unsigned size, unsigned color);
   static unsigned releaseLarge(MemoryAllocator& a, void* mem);
+  static bool releaseSlowly(MemoryAllocator& a, void* mem, unsigned& size);
   static void releaseAndCount(MemoryAllocator& a, void* mem);
   static unsigned release(MemoryAllocator& a, void* mem);
   static void* allocateSlowly(MemoryAllocator& a, unsigned request, unsigned color);
@@ -299,16 +300,24 @@ inline void AllocSteps::pushSmall(MemoryAllocator& a, MemHead* h, unsigned k, un
   countFree(a, size, color);
 }
 
+// Frees a block of an arena that is watched, cut, or between interrupt() and the next request.
+// Small ones may come here. Returns false, nothing changed, if releaseLarge() can go on.
+[[gnu::cold, gnu::noinline]] bool AllocSteps::releaseSlowly(MemoryAllocator& a, void* mem,
+                                                            unsigned& size) {
+  if (Watched::isWatched(a)) {
+    size = Watched::release(a, mem);
+    return true;
+  }
+  return (a.cut_ || isInChain(a, mem)) && addressOf(mem) % ALIGN == 0 &&
+         releaseSmall(a, headAt(headOfMemory(mem)), size);
+}
+
 // Frees a large block and returns its size. Returns 0 if `mem` is null, and if it is no busy block,
-// which is reported. Small blocks come here only if they lie outside of a chain that was cut, and
-// between interrupt() and the next request.
+// which is reported.
 inline unsigned AllocSteps::releaseLarge(MemoryAllocator& a, void* mem) {
   if (!mem) return 0;
   unsigned size;
-  if (Watched::isWatched(a)) [[unlikely]]
-    return Watched::release(a, mem);
-  if ((a.cut_ || (a.slow_ && isInChain(a, mem))) && addressOf(mem) % ALIGN == 0 &&
-      releaseSmall(a, headAt(headOfMemory(mem)), size))
+  if ((a.slow_ | unsigned{a.cut_}) != 0 && releaseSlowly(a, mem, size)) [[unlikely]]
     return size;
   const Returned block = takeBack(a, mem, "s+1 == TAIL(h)->size");
   if (block.head_) joinFree(a, block.head_, block.size_, block.color_);

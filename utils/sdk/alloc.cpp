@@ -326,10 +326,8 @@ inline unsigned AllocSteps::releaseLarge(MemoryAllocator& a, void* mem) {
 
 // Returns whether release() takes a busy block without a report.
 bool AllocSteps::isWhole(const MemoryAllocator& a, const void* mem) {
-  const void* head = headOfMemory(mem);
-  const unsigned size = sizeOf(wordAt(head));
-  if (size == SMALL_SIZES.of_[classOfSize(size)]) return true;
-  return chain(a).fits(head, size, SMALLEST_LARGE) && wordAt(offsetBy(head, size - 4)) == size + 1;
+  const unsigned size = sizeOf(wordAt(headOfMemory(mem)));
+  return size == SMALL_SIZES.of_[classOfSize(size)] || agrees(a, mem);
 }
 
 [[gnu::noinline]] void AllocSteps::releaseAndCount(MemoryAllocator& a, void* mem) {

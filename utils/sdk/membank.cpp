@@ -42,7 +42,7 @@ struct BankSteps : ArenaSteps<BankTraits> {
 
   static void* allocate(MemoryBank& b, unsigned request, unsigned color);
   static unsigned release(MemoryBank& b, void* mem);
-  static bool isWhole(const MemoryBank& b, const void* mem) { return chain(b).valid(mem); }
+  static bool isWhole(const MemoryBank& b, const void* mem) { return agrees(b, mem); }
 
   static MemHead* takeFit(MemoryBank& b, unsigned amt);
   static int lowestBin(const MemoryBank& b, int bin);

@@ -4,6 +4,7 @@
 
 #include "utils/sdk/colors.h"
 #include "utils/sdk/heap/forms.h"
+#include "utils/sdk/memory/sight.h"
 #include "utils/sdk/ysys.h"
 
 namespace Utils {
@@ -47,6 +48,7 @@ int writeHeap(const char* path, const char* form) {
   if (!path || *path == '\0') return static_cast<int>(RESULT_INVALID_ARGUMENT);
   const Form* chosen = form ? formNamed(form) : formOf(path);
   if (!chosen) return static_cast<int>(RESULT_INVALID_ARGUMENT);
+  const Sight::Quiet quiet(Sight::isOn_);  // bytes that the program has not written are shown, too
   Output out(path);
   if (!out.isOpen()) return static_cast<int>(RESULT_FILE_WRITE_ERROR);
   _snapshot.take();

@@ -156,6 +156,14 @@ struct ArenaSteps {
            isBusy(wordAt(headOfMemory(mem)));
   }
 
+  // Returns whether takeBack() takes the busy block.
+  static bool agrees(const Arena& a, const void* mem) {
+    const void* head = headOfMemory(mem);
+    const unsigned size = sizeOf(wordAt(head));
+    return chain(a).fits(head, size, Traits::LEAST_FREE) &&
+           wordAt(offsetBy(head, size - 4)) == size + 1;
+  }
+
   // Takes a busy block with a tail back from the caller: clears its colour and subtracts it from
   // the total of that colour; its busy bit stays set. Any other address fails the assertion
   // "busy(h)", and a tail that disagrees with the head fails `tailFits`.

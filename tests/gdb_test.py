@@ -7,10 +7,11 @@ library without symbols, whose script gdb loads by itself; what they print diffe
 
 Usage: tests/gdb_test.py GDB PROGRAM BUILD
 """
-import os, pathlib, random, re, subprocess, sys, tempfile, unittest
+import json, os, pathlib, random, re, subprocess, sys, tempfile, unittest
 
 GDB, PROGRAM, BUILD = sys.argv[1:4]
-SCRIPT = pathlib.Path(__file__).resolve().parent.parent / "tools/gdb/yutils.py"
+TOOLS = pathlib.Path(__file__).resolve().parent.parent / "tools"
+SCRIPT = TOOLS / "gdb/yutils.py"
 SEED = int(os.environ.get("YUTILS_TEST_SEED", random.randrange(1 << 30)))
 
 VALUES = {  # what `print` shows, apart from the addresses
@@ -23,7 +24,8 @@ VALUES = {  # what `print` shows, apart from the addresses
     "heavy": "YtHeavyBLock, held by TASK, 1 time, no task waits",
 }
 COMMANDS = [
-    "yutils heap", "yutils heap bank", "yutils heap &own", "yutils color 7", "yutils color 4 in bank",
+    "yutils heap", "yutils heap bank", "yutils heap &own", "yutils heap --json bank",
+    "yutils heap --json  &own", "yutils color 7", "yutils color 4 in bank",
     "yutils block (char*)big + 40", "yutils block small", "yutils log", "yutils errors", "yutils locks",
     "yutils locks mutex", "yutils locks lock", "yutils locks light", "print words", "print counts",
     "print tight", "print thing",
@@ -57,6 +59,7 @@ def run(commands, *arguments, script=SCRIPT, **environment):
 def normal(text):
     text = re.sub(r"0x(?!78787878|0000)[0-9a-f]{6,}", "ADDR", text)
     text = re.sub(r"^\$\d+ = ", "", text)
+    text = re.sub(r'"process":\d+,"time":"[^"]+Z"', "", text)
     return re.sub(r"task \d+ \(thread \d+\)", "TASK", text)
 
 
@@ -159,6 +162,22 @@ class Gdb(unittest.TestCase):
             with self.subTest(heap, seed=SEED):
                 self.assertWhole(found[heap])
 
+    def testReadsTheSnapshotThatTheLibraryWrites(self):
+        written, core, read = (pathlib.Path(self.folder.name, "written." + name)
+                               for name in ("json", "core", "read"))
+        ask = "yutils heap --json"
+        live = run([*stop(f"written {written} {SEED}"), ask, f"generate-core-file {core}"], PROGRAM)[ask]
+        subprocess.run([TOOLS / "yutils-heap", "core", core, PROGRAM, "--json", read], check=True)
+        expected, *found = map(json.loads, (written.read_text("utf-8"), live, read.read_text()))
+        self.assertEqual({block[3] for block in expected["chain"]}, {0, 1, 2, 3, 4})
+        self.assertEqual(live.count("caf\\u00e9 <\\\"\\\\\\n\\u0080>"), 1)
+        for snapshot in found:
+            self.assertRegex(snapshot["time"], r"^20\d\d-\d\d-\d\dT\d\d:\d\d:\d\dZ$")
+            self.assertEqual(snapshot.keys(), expected.keys())
+            for key in expected.keys() - {"time", "process"}:
+                shown = SEED if key == "chain" else (snapshot[key], expected[key])  # a chain is long
+                self.assertTrue(snapshot[key] == expected[key], (key, shown))
+
     def testNamesDamage(self):
         block = "DAMAGE: block ADDR, 2008 bytes, busy, colour 5: its tail is 0x78787878, expected 0x000007d9"
         expected = {
@@ -170,19 +189,23 @@ class Gdb(unittest.TestCase):
             "freed": ["DAMAGE: small block ADDR of 32 bytes in the page ADDR: it is free, and its link is 0x(78787878)+, which leads"],
         }
         for mode, lines in expected.items():
-            text = normal(run([*stop(mode), "yutils heap"], PROGRAM)["yutils heap"])
+            found = run([*stop(mode), "yutils heap", "yutils heap --json"], PROGRAM)
+            self.assertFalse(json.loads(found["yutils heap --json"])["whole"])
+            text = normal(found["yutils heap"])
             for line in lines:
                 self.assertRegex(text, line)
             self.assertEqual(text.count("DAMAGE"), sum("DAMAGE" in line for line in lines), text)
             self.assertRegex(text, "The heap is damaged: [12] findings?.$")
 
-    def testWalksAMillionBlocksInFiveSeconds(self):
+    def testWalksAMillionBlocksInSeconds(self):
         clock = "python import time; start = time.process_time()"
         ask = "python print(time.process_time() - start)"
-        found = run([*stop("million"), clock, "yutils heap", ask], PROGRAM)
+        found = run([*stop("million"), clock, "yutils heap", ask, "yutils heap --json", ask + " "], PROGRAM)
         self.assertWhole(found["yutils heap"])
         self.assertGreater(int(re.search(r"busy +\d+ +(\d+)", found["yutils heap"]).group(1)), 1000000)
         self.assertLess(float(found[ask]), 5)
+        self.assertGreater(found["yutils heap --json"].count("\n"), 1000000)
+        self.assertLess(float(found[ask + " "]) - float(found[ask]), 10)
 
 
 if __name__ == "__main__":

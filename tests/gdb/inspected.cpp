@@ -13,6 +13,7 @@
 #include "utils/sdk/alloc.h"
 #include "utils/sdk/atree.h"
 #include "utils/sdk/block.h"
+#include "utils/sdk/colors.h"
 #include "utils/sdk/event.h"
 #include "utils/sdk/locker.h"
 #include "utils/sdk/log.h"
@@ -66,6 +67,20 @@ void runRandomly(Arena& arena, unsigned seed, unsigned operations) {
 
 void makeMillion() {
   for (unsigned i = 0; i < 1000000; i++) memory()->alloc(i % 8 == 0 ? 1000 : 100, i % 64);
+}
+
+// The picture is that of the heap at the stop: names that are no UTF-8, gaps, pages of both kinds.
+void writeSnapshot(const char* path, unsigned seed) {
+  nameColor(1, "caf\u00e9 <\"\\\n\x80>");
+  nameColor(2, "\u20ac\xed\xa0\x80");
+  void* atThePeak = memory()->alloc(100000, 3);
+  for (unsigned i = 0; i < 200; i++) {
+    memory()->alloc(131000, i);
+    YIF_MemAlloc(16);
+  }
+  memory()->free(atThePeak);
+  runRandomly(*memory(), seed, 20000);
+  writeHeap(path, "json");
 }
 
 // Writes past the end of a block, up to the word that is named, or to a freed block.
@@ -192,6 +207,8 @@ int main(int, char** arguments) {
     runRandomly(*memory(), seed, 100000);
     runRandomly(*bank, seed, 20000);
     runRandomly(*own, seed, 20000);
+  } else if (mode == "written") {
+    writeSnapshot(arguments[2], static_cast<unsigned>(std::atoi(arguments[3])));
   } else if (mode == "million") {
     makeMillion();
   } else {

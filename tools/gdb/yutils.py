@@ -16,7 +16,11 @@ A head is the address of a block's head word, a word is that of 32 bits; see uti
 import array
 import collections
 import itertools
+import json
+import os
+import re
 import sys
+import time
 
 import gdb
 import gdb.printing
@@ -199,6 +203,7 @@ class Arena:
     def __init__(self, address, kind, title):
         self.lib = lib = library()
         self.address, self.kind, self.title = address, kind, title
+        self.is_process = title == PROCESS
         self.first = lib.pointer(address, kind + ".firstHead")
         self.end = lib.pointer(address, kind + ".endHead")
         self.is_cut = lib.flag(address, kind + ".cut")
@@ -207,10 +212,11 @@ class Arena:
         self.shift = lib["block.colorShift"]
         self.mask = lib["block.sizeMask"]
         colors = 1 << (32 - self.shift)
-        self.colors = list(lib.words(read(address + lib[kind + ".colors"], 4 * colors)))
+        self.colors, self.free_colors = (list(lib.words(read(address + lib[kind + field], 4 * colors)))
+                                         for field in (".colors", ".freeColors"))
         self.damages = []
         self.run_at, self.run = 0, b""
-        self.gaps = set() if kind == "bank" or title != PROCESS else gap_heads(lib)
+        self.gaps = gap_heads(lib) if self.is_process else set()
         if not self.first:
             raise gdb.GdbError("%s has no memory: nothing was allocated yet" % title)
 
@@ -385,10 +391,15 @@ def gap_heads(lib):
     return heads
 
 
-def color_name(lib, color):
+def name_bytes(lib, color):
     """The name of a colour; empty if it has none."""
     data = read(lib.root("colorNames") + color * lib["color.nameRoom"], lib["color.nameRoom"])
-    return data.partition(b"\0")[0].decode("utf-8", "backslashreplace")
+    return data.partition(b"\0")[0]
+
+
+def color_name(lib, color):
+    """The name as people see it: its bytes that are not UTF-8 as escapes."""
+    return name_bytes(lib, color).decode("utf-8", "backslashreplace")
 
 
 def color_text(lib, color):
@@ -476,7 +487,7 @@ class Yutils(Command):
 
 class Heap(Command):
     """Shows the memory of each colour, and whether the heap is whole.
-Usage: yutils heap [EXPRESSION]
+Usage: yutils heap [--json] [EXPRESSION]
 
 Walks over all blocks of the process allocator, or of the MemoryAllocator or MemoryBank that
 EXPRESSION names or is the address of. For each colour the table has the bytes and the number of
@@ -486,14 +497,22 @@ after a block of colour 0 got a colour, the allocator's count is another.
 
 A damaged block is named with what was found, what was expected, and the block before it, which
 is the one that was written past its end as a rule. If the process was stopped in the middle of an
-operation of the allocator, a difference is not damage either."""
+operation of the allocator, a difference is not damage either.
+
+With --json it prints the snapshot that the library's writeHeap writes: the sums and every block, for
+the page and for yutils-heap. "whole" is false if anything is damaged; the blocks after a damaged head
+are missing then. The process allocator's peaks seen are the library's, those of another arena are
+what it holds."""
 
     def __init__(self):
         super().__init__("yutils heap", gdb.COMPLETE_EXPRESSION)
 
     def run(self, argument):
-        arena = arena_at(argument)
-        HeapTable(arena).show()
+        option, _, expression = argument.partition(" ")
+        if option == "--json":
+            HeapJson(arena_at(expression.strip())).show()
+        else:
+            HeapTable(arena_at(argument)).show()
 
 
 class HeapTable:
@@ -501,7 +520,7 @@ class HeapTable:
 
     def __init__(self, arena):
         self.arena, self.free, self.gap_bytes, self.gaps = arena, 0, 0, 0
-        self.free_blocks, self.pages, self.page_bytes = 0, 0, 0
+        self.free_blocks, self.pages, self.page_bytes, self.page_rests = 0, 0, 0, 0
         self.counted_pages, self.counted_bytes = 0, 0
         busy = collections.Counter()  # by colour and size
         mask, shift, least = arena.mask, arena.shift, arena.lib["page.bytes"]
@@ -525,6 +544,7 @@ class HeapTable:
         size = page.word & self.arena.mask
         self.pages += 1
         self.page_bytes += size
+        self.page_rests += size - len(page.heads) * page.size
         if page.is_counted:
             self.counted_pages += 1
             self.counted_bytes += size
@@ -585,6 +605,87 @@ class HeapTable:
             print("The heap is whole.")
         else:
             print("Every block is sound, but the totals are not the sums of the blocks.")
+
+
+class HeapJson:
+    """An arena in the form of utils/sdk/heap/json_form.cpp, in ASCII alone."""
+
+    SHOWN_BYTES = 16
+    NO_UTF8 = {0xdc00 + byte: byte for byte in range(128, 256)}  # as json_form.cpp writes such a byte
+
+    def __init__(self, arena):
+        self.arena, self.lib, self.table = arena, arena.lib, HeapTable(arena)
+        self.memory, self.label = arena.lib["block.memory"], arena.lib[arena.kind + ".label"]
+
+    def show(self):
+        gdb.write(json.dumps(self.totals(), separators=(",", ":"))[:-1] + ',"chain":[')
+        rows, mark = self.rows(), "\n"
+        for some in iter(lambda: list(itertools.islice(rows, 10000)), []):
+            gdb.write(mark + ",\n".join(some))
+            mark = ",\n"
+        gdb.write("]}\n")
+
+    def totals(self):
+        arena, table = self.arena, self.table
+        return {"version": 1, "pointer": self.lib.pointer_size, "process": gdb.selected_inferior().pid,
+                "time": time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(self.moment())),
+                "held": sum(table.held), "free": arena.free, "allocated": arena.allocated,
+                "pages": table.page_rests, "whole": not arena.damages, "colors": self.colors(),
+                "first": "0x%x" % (arena.first + self.memory)}
+
+    @staticmethod
+    def moment():
+        """The time of the core file; else the present time."""
+        core = re.search(r"^Local core dump file:\n\s*`(.*)', file type",
+                         gdb.execute("info target", to_string=True), re.MULTILINE)
+        return os.path.getmtime(core.group(1)) if core else time.time()
+
+    def colors(self):
+        table, peaks = self.table, self.peaks()
+        entries = ({"color": color, "name": self.name(color), "held": table.held[color],
+                    "peakSeen": peaks[color], "blocks": table.blocks[color],
+                    "largest": table.largest[color], "free": self.arena.free_colors[color]}
+                   for color in range(len(peaks)))
+        return [each for each in entries
+                if each["name"] or each["held"] or each["peakSeen"] or each["free"]]
+
+    def name(self, color):
+        name = name_bytes(self.lib, color).decode("utf-8", "surrogateescape")
+        return name.translate(self.NO_UTF8) or None
+
+    def peaks(self):
+        """The peaks that the library has seen, or what is held now if that is more."""
+        at = self.lib.root("peaks") if self.arena.is_process else None
+        if not at:
+            return self.table.held
+        now = list(self.arena.colors)
+        now[0] = now[0] - self.table.counted_bytes & 0xffffffff
+        return list(map(max, now, self.lib.words(read(at, 4 * len(now)))))
+
+    def rows(self):
+        """Yields the elements of the chain as texts."""
+        arena = self.arena
+        for head, word in arena.chain():
+            size = word & arena.mask
+            page = arena.page_of(head, word) if head not in arena.gaps else None
+            if page:
+                yield "[%d,%d,0,%d]" % (head - arena.first, size, 3 if page.is_counted else 2)
+                data, step = page.data, page.size
+                for at, small, small_word in zip(range(0, len(data), step), page.heads, page.words):
+                    yield self.row(small, small_word, step, data[at:at + 32])
+            elif head in arena.gaps:
+                yield "[%d,%d,%d,4]" % (head - arena.first, size, word >> arena.shift)
+            else:
+                yield self.row(head, word, size, arena.bytes_at(head, min(32, size)))
+
+    def row(self, head, word, size, data):
+        """A block that is no page and no gap; `data` are its first bytes, from the head word on."""
+        at, memory = head - self.arena.first, self.memory
+        if word & 1:
+            shown = data[memory:min(memory + self.SHOWN_BYTES, size - memory)]
+            return '[%d,%d,%d,0,"%s"]' % (at, size, word >> self.arena.shift, shown.hex())
+        label = int.from_bytes(data[self.label:self.label + 4], self.lib.order)
+        return "[%d,%d,%d,1]" % (at, size, label % len(self.arena.colors))
 
 
 class Color(Command):

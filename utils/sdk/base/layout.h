@@ -10,11 +10,9 @@
 //
 //   bytes   0 name, NUL-padded   28 value      "block.colorShift" 26 is one entry of 32 bytes
 //
-// The reader is tools/gdb/yutils.py. It also reads two arrays if there is an entry and a root of
-// the same name: "colorNames", one name for each colour, each in as many bytes as the entry says;
-// and "gapHeads", the heads of the gap blocks of the process allocator, as many addresses as the
-// entry says, null in unused places. Entries may be added at any time; a change of what an entry
-// means raises the version.
+// The reader is tools/gdb/yutils.py. The roots "colorNames" and "peaks" are arrays with one element
+// for each colour: a name in as many bytes as "color.nameRoom" says, and the peak seen in 32 bits.
+// Entries may be added at any time; a change of what an entry means raises the version.
 #pragma once
 
 #include "utils/sdk/export.h"
@@ -25,6 +23,12 @@ struct LayoutEntry {
 };
 
 static_assert(sizeof(LayoutEntry) == 32, "no gaps");
+
+// Exports a table, an array of entries, as constant data without relocations. Use outside of all
+// namespaces. `entries` may call a function of a class that is a friend of the classes described.
+#define DEBUGGER_LAYOUT(symbol, entries)                   \
+  extern "C" YUTILS_EXPORT const decltype(entries) symbol; \
+  constinit const decltype(entries) symbol = entries
 
 // Exports the address of an object as NAME_root_WORD. Use outside of unnamed namespaces.
 #define DEBUGGER_ROOT(symbol, object)                \

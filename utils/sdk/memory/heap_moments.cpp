@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "utils/sdk/base/layout.h"
 #include "utils/sdk/memory/chain.h"
 
 namespace Utils {
@@ -22,6 +23,8 @@ void writePending() {
 }
 
 }  // namespace
+
+DEBUGGER_ROOT(yutils_root_peaks, _peaks);
 
 void setSampledArena(const Allocator* arena) { _arena = arena; }
 

@@ -159,6 +159,20 @@ class Page(unittest.TestCase):
         self.compare_with(self.file("bad.json", '{"version":1,"colors":[],"chain":[[8,1,0,0],[0,1,0,0]]}'))
         self.assertIn("block 1 of the chain is out of order", self.browser.text("#error"))
 
+    def test_free_memory_makes_neither_bars_nor_cells_smaller(self):
+        offset, size, *_ = max(SAMPLE["chain"], key=lambda block: block[0] + block[1])
+        roomy = {**SAMPLE, "chain": [*SAMPLE["chain"], [offset + size, 1 << 30, 0, 1]],
+                 "colors": [{**c, "free": c["free"] + (c["color"] == 0) * (1 << 30)} for c in SAMPLE["colors"]]}
+        seen = []
+        for snapshot in SAMPLE, roomy:
+            self.show(snapshot)
+            seen.append(self.browser.run(
+                "return [ui.scale.textContent, [...ui.rows.querySelectorAll('.track')].map("
+                "(track) => track.firstChild.offsetWidth / track.offsetWidth)]"))
+        self.assertEqual(*seen)
+        self.assertGreater(max(seen[0][1]), .5)
+        self.assertIn("free at the end, shortened by 1024.0 MiB", self.browser.text("#legend"))
+
     def test_it_fits_a_phone_in_light_and_dark(self):
         for scheme in ("light", "dark"):
             self.show({**SAMPLE, "process": "x" * 200}, width=360, height=740, scheme=scheme)

@@ -4,7 +4,6 @@
 // The objects of a kind are in the table that the root of that kind leads to. Constant data.
 #include "utils/sdk/base/layout.h"
 
-#include <array>
 #include <cstddef>
 
 #include "ysys/handle_table.h"
@@ -23,7 +22,7 @@ struct DebuggerLayout {
 };
 
 constexpr auto DebuggerLayout::entries() {
-  return std::to_array<LayoutEntry>({
+  return LayoutTable{{
       {"version", 1},
       {"pointer", sizeof(void*)},
 
@@ -53,7 +52,7 @@ constexpr auto DebuggerLayout::entries() {
       {"task.numberBits", NUMBER_BITS},
 
       {"", 0},
-  });
+  }};
 }
 
 }  // namespace ysys

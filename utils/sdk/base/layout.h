@@ -24,11 +24,19 @@ struct LayoutEntry {
 
 static_assert(sizeof(LayoutEntry) == 32, "no gaps");
 
-// Exports a table, an array of entries, as constant data without relocations. Use outside of all
-// namespaces. `entries` may call a function of a class that is a friend of the classes described.
-#define DEBUGGER_LAYOUT(symbol, entries)                   \
-  extern "C" YUTILS_EXPORT const decltype(entries) symbol; \
-  constinit const decltype(entries) symbol = entries
+template <unsigned COUNT>
+struct LayoutTable {
+  LayoutEntry entries_[COUNT];
+};
+
+template <unsigned COUNT>
+LayoutTable(const LayoutEntry (&)[COUNT]) -> LayoutTable<COUNT>;
+
+// Exports a LayoutTable as constant data. Use outside of all namespaces. `table` may call a
+// function of a class that is a friend of the classes described.
+#define DEBUGGER_LAYOUT(symbol, table)                   \
+  extern "C" YUTILS_EXPORT const decltype(table) symbol; \
+  constinit const decltype(table) symbol = table
 
 // Exports the address of an object as NAME_root_WORD. Use outside of unnamed namespaces.
 #define DEBUGGER_ROOT(symbol, object)                \

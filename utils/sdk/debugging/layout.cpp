@@ -3,7 +3,6 @@
 //
 // Constant data. "X.y" is the offset of the field y in an object X unless the name is that of a
 // constant. Every offset is computed by the compiler.
-#include <array>
 #include <cstddef>
 
 #include "utils/sdk/alloc.h"
@@ -38,7 +37,7 @@ struct DebuggerLayout {
 };
 
 constexpr auto DebuggerLayout::entries() {
-  return std::to_array<LayoutEntry>({
+  return LayoutTable{{
       {"version", 1},
       {"pointer", sizeof(void*)},
 
@@ -125,7 +124,7 @@ constexpr auto DebuggerLayout::entries() {
       {"heavyLock.section", offsetof(YtHeavyBLock, section_)},
 
       {"", 0},
-  });
+  }};
 }
 
 }  // namespace Utils

@@ -38,7 +38,8 @@ def compiled(compiler, sanitizer):
 def check(name, command, expected, out="", **settings):
     global tried
     tried += 1
-    environment = {**os.environ, "ASAN_OPTIONS": "detect_leaks=1", "YSYS_ASSERT": "", **settings}
+    environment = {**os.environ, "ASAN_OPTIONS": "detect_leaks=1",
+                   "ASAN_SYMBOLIZER_PATH": shutil.which("addr2line"), "YSYS_ASSERT": "", **settings}
     run = subprocess.run(command, env=environment, capture_output=True, text=True)
     said = run.stderr
     if expected is None:

@@ -80,6 +80,7 @@ void writeSnapshot(const char* path, unsigned seed) {
   }
   memory()->free(atThePeak);
   runRandomly(*memory(), seed, 20000);
+  for (unsigned i = 0; i < 2000; i++) memory()->alloc(500, i);  // more than is free
   writeHeap(path, "json");
 }
 

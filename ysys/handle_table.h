@@ -111,12 +111,13 @@ class HandleTable {
   static uint32_t get(const Field& field) { return field.load(std::memory_order_relaxed); }
   static void put(Field& field, uint32_t value) { field.store(value, std::memory_order_release); }
 
-  InnerLock mutex_;            // guards the fields below, except reads of segments_
-  Field used_{0};              // slots below were used at least once
-  Field mapped_{0};            // slots below have memory
-  Field freed_{0};             // number of slots in the free queue
-  Field firstFreed_{NO_SLOT};  // head and tail of the free queue, valid if it has slots
-  Field lastFreed_{NO_SLOT};
+  // All fields begin with 0, so that a table takes no space in the file of the library.
+  InnerLock mutex_;      // guards the fields below, except reads of segments_
+  Field used_{0};        // slots below were used at least once
+  Field mapped_{0};      // slots below have memory
+  Field freed_{0};       // number of slots in the free queue
+  Field firstFreed_{0};  // head and tail of the free queue, valid if it has slots
+  Field lastFreed_{0};
   std::atomic<Slot*> segments_[SEGMENT_COUNT] = {};
 };
 

@@ -63,8 +63,16 @@ def check_includes(room):
 
 
 def public_headers():
-    return sorted(str(path.relative_to(ROOT)) for folder in ("utils/sdk", "utils/testing")
+    return sorted(str(path.relative_to(ROOT)) for folder in ("utils", "utils/sdk", "utils/testing")
                   for path in (ROOT / folder).glob("*.h"))
+
+
+def check_umbrella():
+    """The header of the whole library has each public header except the system's interface."""
+    included = {target for _, target in includes("utils/yutils.h")}
+    wanted = {header for header in public_headers() if header.startswith("utils/sdk/")}
+    missing = wanted - included - {"utils/sdk/ysys.h", "utils/sdk/platform.h"}
+    wrong.extend(f"utils/yutils.h does not include {header}" for header in sorted(missing))
 
 
 def check_installed(room):
@@ -76,9 +84,9 @@ def check_installed(room):
             reached.add(header)
             todo += [target for kind, target in includes(header) if kind == '"']
     parts = sorted(reached - set(public_headers()))
-    listed = re.search(r"set\(included_parts([^)]*)\)", (ROOT / "CMakeLists.txt").read_text())
+    listed = re.search(r"set\(included_parts([^)]*)\)", (ROOT / "cmake/install.cmake").read_text())
     if parts != sorted(listed.group(1).split()):
-        wrong.append(f"CMakeLists.txt: included_parts should be {' '.join(parts) or 'empty'}")
+        wrong.append(f"cmake/install.cmake: included_parts should be {' '.join(parts) or 'empty'}")
 
 
 def compiles(job, source, *options):
@@ -117,6 +125,7 @@ def check_headers(targets):
 room = rooms()
 check_includes(room)
 check_installed(room)
+check_umbrella()
 targets = [target for target in itertools.product(sys.argv[1:], (64, 32))
            if compiles(target, "#include <cstddef>\n", "-fsyntax-only").returncode == 0]
 check_headers(targets)

@@ -25,6 +25,7 @@ function(yutils_static_library name)
     COMMAND "${CMAKE_CXX_COMPILER}" ${machine} -r -nostdlib -Wl,--force-group-allocation
             -o "${object}" ${objects}
     COMMAND "${CMAKE_OBJCOPY}" --wildcard --localize-hidden "--keep-global-symbols=${symbols}"
+            --weaken-symbol "_ZZ*" --weaken-symbol "_ZGVZ*"
             $<$<CONFIG:Release,MinSizeRel>:--strip-debug> "${object}"
     DEPENDS ${objects} "${symbols}"
     COMMENT "Linking the object of the static library" COMMAND_EXPAND_LISTS VERBATIM)

@@ -25,8 +25,9 @@ function(yutils_static_library name)
     COMMAND "${CMAKE_CXX_COMPILER}" ${machine} -r -nostdlib -Wl,--force-group-allocation
             -o "${object}" ${objects}
     COMMAND "${CMAKE_OBJCOPY}" --wildcard --localize-hidden "--keep-global-symbols=${symbols}"
-            --weaken-symbol "_ZZ*" --weaken-symbol "_ZGVZ*"
             $<$<CONFIG:Release,MinSizeRel>:--strip-debug> "${object}"
+    COMMAND "${CMAKE_COMMAND}" -D "NM=${CMAKE_NM}" -D "OBJCOPY=${CMAKE_OBJCOPY}" -D "OBJECT=${object}"
+            -P "${PROJECT_SOURCE_DIR}/cmake/weaken_unique.cmake"
     DEPENDS ${objects} "${symbols}"
     COMMENT "Linking the object of the static library" COMMAND_EXPAND_LISTS VERBATIM)
   if(YUTILS_INSTALL)

@@ -2,8 +2,8 @@
 // All of the library in one include, for small programs and for a first look.
 //
 // Heavy: 17000 lines after the preprocessor, a sixth more than uid.h alone. A header that many
-// sources include takes the parts that it needs instead. The interface to the system (ysys.h, platform.h) and the headers
-// for tests (utils/testing/) are not part of it.
+// sources include takes the parts that it needs instead. The interface to the system (ysys.h,
+// platform.h) and the headers for tests (utils/testing/) are not part of it.
 #pragma once
 
 #include "utils/sdk/alloc.h"

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "gtest/gtest.h"
@@ -118,7 +119,10 @@ struct VectorRun {
     if (kind == 1) vector_.add(source, count);
     if (kind == 2) vector_.insert(*source, index);
     if (kind == 3) {
-      const unsigned last = vector_.add(*source);
+      const unsigned way = random_.below(3);
+      const unsigned last = way == 0   ? vector_.add(*source)
+                            : way == 1 ? vector_.push_back(T(*source))
+                                       : vector_.emplace_back(*source);
       EXPECT_EQ(last, allocator_.failed() ? NONE : size());
     }
     model_.insert(at(kind % 2 == 0 ? std::min(index, size()) : size()), values.begin(),
@@ -165,9 +169,16 @@ struct VectorRun {
       const T* data = vector_.data_;
       vector_ = same;
       EXPECT_EQ(vector_.data_, data);
+    } else if (n < 20) {
+      Open<T> moved(std::move(vector_));
+      EXPECT_TRUE(vector_.empty() && vector_.capacity() == 0 && vector_.data() == nullptr);
+      if (n < 15) vector_ = std::move(moved);
+      if (n >= 15) swap(moved, vector_);
+      EXPECT_TRUE(moved.empty());
     } else {
       const Vector<T> copy(vector_);
       EXPECT_EQ(copy.size(), allocator_.failed() ? 0 : old);
+      EXPECT_EQ(copy != vector_, copy.size() != old);
       if (!allocator_.failed()) vector_ = copy;
       capacity_ = 0;
       growTo(old);
@@ -214,6 +225,53 @@ TEST(Vector, RandomRunFollowsTheModel) {
   VectorRun<const char*>(3).run(4000);
   Counted::reset();
   EXPECT_EQ(held(), before);
+}
+
+// Can only be moved, which leaves 0.
+struct Passed {
+  Passed(unsigned value = 0) : value_(value) {}
+  Passed(Passed&& other) noexcept : value_(std::exchange(other.value_, 0)) {}
+  Passed& operator=(Passed&& other) noexcept {
+    value_ = std::exchange(other.value_, 0);
+    return *this;
+  }
+  bool operator==(const Passed& other) const { return value_ == other.value_; }
+
+  unsigned value_;
+};
+
+// Into the vector from outside, and from one place of it to another.
+TEST(Vector, MovesWhatCannotBeCopied) {
+  Random random(4);
+  FailingAllocator allocator;
+  Vector<Passed> vector;
+  Values model;
+  for (unsigned i = 1; i < 3000 && !testing::Test::HasFailure(); i++) {
+    const auto size = static_cast<unsigned>(model.size()), from = random.below(size + 2);
+    const unsigned kind = random.below(8), to = kind == 0 ? random.below(size + 1) : size;
+    allocator.failFrom(random.below(4) == 0 ? 1 : 0);
+    if (kind < 4) {
+      Passed outside(i);
+      Passed& item = from < size ? vector[from] : outside;
+      const unsigned value = item.value_;
+      if (kind == 0) vector.insert(std::move(item), to);
+      if (kind == 1) vector.push_back(std::move(item));
+      if (kind > 1) vector.emplace_back(value);
+      if (allocator.failed()) {
+        EXPECT_EQ(item.value_, value);
+      } else {
+        if (kind < 2 && from < size) model[from] = 0;
+        model.insert(model.begin() + to, value);
+      }
+    } else if (kind < 7) {
+      EXPECT_EQ(vector.removeAt(from), from < size);
+      if (from < size) model.erase(model.begin() + from);
+    } else {
+      vector.sizeToExact(size);
+    }
+    allocator.failFrom(0);
+    ASSERT_TRUE(std::equal(vector.begin(), vector.end(), model.begin(), model.end())) << i;
+  }
 }
 
 // --- Single cases ---
@@ -268,6 +326,9 @@ TEST(Vector, OfItsOwnOwner) {
 }
 
 static_assert(sizeof(Vector<char>) == 8 + sizeof(void*));
+static_assert(std::is_nothrow_move_constructible_v<Vector<int>> &&
+              std::is_nothrow_move_assignable_v<Vector<int>> &&
+              std::is_nothrow_swappable_v<Vector<int>>);
 static_assert(sizeof(void*) != 4 || sizeof(Utils::TemplOps) == 40);
 
 }  // namespace

@@ -21,6 +21,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <initializer_list>
 #include <new>
 #include <type_traits>
 
@@ -118,28 +119,73 @@ struct HasEquality : std::false_type {};
 template <class T>
 struct HasEquality<T, std::void_t<decltype(anElement<T>() == anElement<T>())>> : std::true_type {};
 
+// True if a copy of an object is a copy of its bytes.
+template <class T>
+constexpr bool IS_BYTES = std::is_trivially_copyable_v<T>&&
+    std::is_trivially_copy_constructible_v<T>&& std::is_trivially_copy_assignable_v<T>;
+
 // A vector of T. Requires: T has a default constructor, assignment and an alignment of at most 8; T
 // has == if elements are searched or compared. Class elements are constructed with the storage and
 // destroyed with it. Elements that need no construction, such as numbers and pointers, have
 // unspecified values if sizeTo or sizeToExact adds them. References and pointers to elements: valid
-// until the next operation that adds, removes or replaces elements.
+// until the next operation that adds, removes or replaces elements, or moves or swaps the vector.
+//
+// Elements may have a move assignment and no copy assignment. Then the operations that copy
+// elements from elsewhere do not compile, and the others move them.
 template <class T>
 struct YUTILS_EXPORT Vector : VectorBase {
+  using value_type = T;
+  using size_type = unsigned;
+  using difference_type = std::ptrdiff_t;
+  using reference = T&;
+  using const_reference = const T&;
+  using iterator = T*;
+  using const_iterator = const T*;
+
   Vector() { init(); }
   Vector(const Vector& other) : VectorBase() {  // empty if there is no memory
     init();
     *this = other;
+  }
+  Vector(Vector&& other) noexcept : VectorBase() {  // constant time; `other` is then new
+    init();
+    swap(other);
+  }
+  Vector(std::initializer_list<T> items) : VectorBase() {  // empty if there is no memory
+    init();
+    *this = items;
   }
   ~Vector() { purge(); }
 
   // The new capacity is that to which appending the elements to a new vector leads: 8 for 5
   // elements. Keeps the old elements if there is no memory.
   Vector& operator=(const Vector& other) {
+    copiesItems();
     VectorBase::vectorCopyOp(other.data_, other.size_, coreOps(), this);
     return *this;
   }
+  Vector& operator=(std::initializer_list<T> items) {
+    copiesItems();
+    VectorBase::vectorCopyOp(items.begin(), static_cast<unsigned>(items.size()), coreOps(), this);
+    return *this;
+  }
+  // Destroys the former elements; `other` is then new. Changes nothing if it is this vector.
+  Vector& operator=(Vector&& other) noexcept {
+    Vector moved(static_cast<Vector&&>(other));
+    swap(moved);
+    return *this;
+  }
+
+  void swap(Vector& other) noexcept {  // moves no element
+    exchange(size_, other.size_);
+    exchange(capacity_, other.capacity_);
+    exchange(data_, other.data_);
+  }
+  friend void swap(Vector& a, Vector& b) noexcept { a.swap(b); }
 
   unsigned size() const { return size_; }
+  [[nodiscard]] bool empty() const { return size_ == 0; }
+  unsigned capacity() const { return capacity_; }
 
   // Requires: i < size(); this is not checked.
   T& operator[](unsigned i) { return data_[i]; }
@@ -157,32 +203,70 @@ struct YUTILS_EXPORT Vector : VectorBase {
   T* end() { return data_ + size_; }
   const T* begin() const { return data_; }
   const T* end() const { return data_ + size_; }
+  T* data() { return data_; }  // null if there is no storage
+  const T* data() const { return data_; }
+  T& front() { return data_[0]; }  // Requires for front and back: not empty()
+  const T& front() const { return data_[0]; }
+  T& back() { return data_[size_ - 1]; }
+  const T& back() const { return data_[size_ - 1]; }
 
   // Returns the index of the new element, or (unsigned)-1, and changes nothing, if there is no
   // memory.
   unsigned add(const T& item) {
+    copiesItems();
     if (size_ == capacity_) return addGrowing(item);
-    data_[size_] = item;
+    if constexpr (std::is_copy_assignable_v<T>) data_[size_] = item;
     return size_++;
+  }
+  template <class Item = T, class = std::enable_if_t<!IS_BYTES<Item>>>
+  unsigned add(T&& item) {
+    if (size_ == capacity_) return addMovedGrowing(item);
+    data_[size_] = static_cast<T&&>(item);
+    return size_++;
+  }
+  unsigned push_back(const T& item) { return add(item); }
+  unsigned push_back(T&& item) { return add(static_cast<T&&>(item)); }
+  // The element is T(arguments...), or T{arguments...} if T has no such constructor. Unlike other
+  // operations, it may have moved from the arguments if there is no memory.
+  template <class... Arguments>
+  unsigned emplace_back(Arguments&&... arguments) {
+    if constexpr (std::is_constructible_v<T, Arguments...>) {
+      return add(T(static_cast<Arguments&&>(arguments)...));
+    } else {
+      return add(T{static_cast<Arguments&&>(arguments)...});
+    }
   }
 
   // The contracts of the others are those of VectorBase. The deleted overloads refuse a number,
   // such as a literal 0, where the address of elements is expected.
 
-  void add(const T* items, unsigned count) { VectorBase::add(items, count, coreOps(), this); }
+  void add(const T* items, unsigned count) {
+    copiesItems();
+    VectorBase::add(items, count, coreOps(), this);
+  }
   template <class Number, class = std::enable_if_t<std::is_integral_v<Number>>>
-  void add(Number, unsigned) = delete;
+  void add(Number, unsigned) = delete;  // the items are an address, not a number
   void insert(const T& item, unsigned index) {
+    copiesItems();
     if constexpr (areBytes()) {
       if (index < size_ && size_ < capacity_) return insertInPlace(item, index);
     }
     VectorBase::insert(__builtin_addressof(item), index, coreOps(), this);
   }
+  // For elements that cannot be copied. `item` is left as it was if there is no memory.
+  template <class Item = T, class = std::enable_if_t<!std::is_copy_assignable_v<Item>>>
+  void insert(T&& item, unsigned index) {
+    T aside = static_cast<T&&>(item);
+    const unsigned before = size_;
+    VectorBase::insert(__builtin_addressof(aside), index, ops_, this);
+    if (size_ == before) item = static_cast<T&&>(aside);
+  }
   void insert(const T* items, unsigned count, unsigned index) {
+    copiesItems();
     VectorBase::insert(items, count, index, coreOps(), this);
   }
   template <class Number, class = std::enable_if_t<std::is_integral_v<Number>>>
-  void insert(Number, unsigned, unsigned) = delete;
+  void insert(Number, unsigned, unsigned) = delete;  // the items are an address, not a number
 
   bool locate(const T& item, unsigned& index) const {
     static_assert(HasEquality<T>::value, "elements without == cannot be found");
@@ -193,7 +277,7 @@ struct YUTILS_EXPORT Vector : VectorBase {
     return VectorBase::compare(items, count, coreOps(), this);
   }
   template <class Number, class = std::enable_if_t<std::is_integral_v<Number>>>
-  int compare(Number, unsigned) const = delete;
+  int compare(Number, unsigned) const = delete;  // the items are an address, not a number
 
   bool removeAt(unsigned i) {
     if constexpr (areBytes()) {
@@ -219,6 +303,9 @@ struct YUTILS_EXPORT Vector : VectorBase {
 
   void sizeTo(unsigned n) { VectorBase::sizeTo(n, coreOps(), this); }
   void sizeToExact(unsigned n) { VectorBase::sizeToExact(n, coreOps(), this); }
+  void reserve(unsigned n) { VectorBase::resizeFor(n, coreOps(), this); }
+  void pop_back() { removeAt(size_ - 1); }  // Requires: not empty()
+  void clear() { sizeTo(0); }               // keeps the storage
 
  protected:
   void init() {
@@ -229,11 +316,16 @@ struct YUTILS_EXPORT Vector : VectorBase {
 
   static void* _newVec(unsigned count);
   static void _deleteVec(void* block);
+  // Moves an element that cannot be copied: only elements of the vector itself get here.
   static void _copyOp(void* dst, const void* src) {
-    *static_cast<T*>(dst) = *static_cast<const T*>(src);
+    if constexpr (std::is_copy_assignable_v<T>) {
+      *static_cast<T*>(dst) = *static_cast<const T*>(src);
+    } else if constexpr (std::is_move_assignable_v<T>) {
+      *static_cast<T*>(dst) = static_cast<T&&>(*static_cast<T*>(const_cast<void*>(src)));
+    }
   }
   static int _equalOp(const void* a, const void* b);
-  static void _copyBlank(void* slot) { *static_cast<T*>(slot) = T(); }
+  static void _copyBlank(void* slot) { blank(*static_cast<T*>(slot)); }
 
   unsigned capacity_;  // slots of the storage
   T* data_;            // the storage, owned; null if there is none
@@ -259,12 +351,29 @@ struct YUTILS_EXPORT Vector : VectorBase {
             0};
   }
 
-  // True if a copy of an element is a copy of its bytes. The base then gets a table that says so,
-  // which makes it several times faster, and operations that need no new storage are done here: an
-  // insertion among 10000 pointers would take one per cent longer through the table.
-  static constexpr bool areBytes() {
-    return std::is_trivially_copyable_v<T> && std::is_trivially_copy_constructible_v<T> &&
-           std::is_trivially_copy_assignable_v<T>;
+  // If elements are bytes, the base gets a table that says so, which makes it several times faster,
+  // and operations that need no new storage are done here: an insertion among 10000 pointers would
+  // take one per cent longer through the table.
+  static constexpr bool areBytes() { return IS_BYTES<T>; }
+
+  static constexpr bool fitsASlot() {
+    return std::is_default_constructible_v<T> && std::is_move_assignable_v<T>;
+  }
+
+  static constexpr void copiesItems() {
+    static_assert(std::is_copy_assignable_v<T> || !fitsASlot(),
+                  "elements that can only be moved: pass an rvalue, and move the vector");
+  }
+
+  template <class Field>
+  static void exchange(Field& a, Field& b) {
+    Field former = static_cast<Field&&>(a);
+    a = static_cast<Field&&>(b);
+    b = static_cast<Field&&>(former);
+  }
+
+  static void blank(T& slot) {
+    if constexpr (fitsASlot()) slot = T();
   }
 
   static const TemplOps& coreOps() {
@@ -287,6 +396,17 @@ struct YUTILS_EXPORT Vector : VectorBase {
     }
   }
 
+  unsigned addMovedGrowing(T& item) {
+    T aside = static_cast<T&&>(item);  // it may be in the storage that is freed
+    VectorBase::resizeFor(size_ + 1, ops_, this);
+    if (size_ == capacity_) {
+      item = static_cast<T&&>(aside);
+      return static_cast<unsigned>(-1);
+    }
+    data_[size_] = static_cast<T&&>(aside);
+    return size_++;
+  }
+
   void insertInPlace(const T& item, unsigned index) {  // Requires: there is room
     const T copy = item;                               // it may be one of those that move
     moveTail(index + 1, index);
@@ -297,7 +417,7 @@ struct YUTILS_EXPORT Vector : VectorBase {
   bool removeInPlace(unsigned i) {
     if (i >= size_) return false;
     moveTail(i, i + 1);
-    data_[--size_] = T();
+    blank(data_[--size_]);
     return true;
   }
 
@@ -317,6 +437,7 @@ constexpr TemplOps Vector<T>::byteOps_ = tableWith(nullptr);
 template <class T>
 void* Vector<T>::_newVec(unsigned count) {
   static_assert(alignof(T) <= 8, "the allocator aligns to 8");
+  static_assert(fitsASlot(), "elements of a Vector need a default constructor and an assignment");
   constexpr unsigned room = std::is_trivially_destructible_v<T> ? 0 : COUNT_ROOM;
   if (count > (0xffffffffu - room) / sizeof(T)) return nullptr;
   const unsigned bytes = room + count * static_cast<unsigned>(sizeof(T));
@@ -324,7 +445,7 @@ void* Vector<T>::_newVec(unsigned count) {
   if (!block) return nullptr;
   if constexpr (room != 0) ::new (static_cast<void*>(block)) unsigned(count);
   T* slots = reinterpret_cast<T*>(block + room);
-  if constexpr (!std::is_trivially_default_constructible_v<T>) {
+  if constexpr (!std::is_trivially_default_constructible_v<T> && fitsASlot()) {
     for (unsigned i = 0; i < count; i++) ::new (static_cast<void*>(slots + i)) T;
   }
   return slots;
@@ -348,6 +469,16 @@ int Vector<T>::_equalOp(const void* a, const void* b) {
   } else {
     return 0;
   }
+}
+
+// True if both have the same elements in the same order.
+template <class T, class = std::enable_if_t<HasEquality<T>::value>>
+bool operator==(const Vector<T>& a, const Vector<T>& b) {
+  return a.compare(b.data(), b.size()) == 0;
+}
+template <class T, class = std::enable_if_t<HasEquality<T>::value>>
+bool operator!=(const Vector<T>& a, const Vector<T>& b) {
+  return !(a == b);
 }
 
 }  // namespace Utils

@@ -3,7 +3,9 @@
 // checked after every step; and the assertions, which only links and balances set by hand can fail.
 #include "utils/sdk/atree.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <map>
 #include <vector>
 
@@ -11,6 +13,7 @@
 #include "support/assertion_recorder.h"
 #include "support/counted.h"
 #include "support/seed.h"
+#include "utils/sdk/atree_std.h"
 #include "utils/sdk/platform.h"
 #include "utils/sdk/ysys.h"
 #include "utils/testing/failing_allocator.h"
@@ -63,6 +66,11 @@ struct MapRun {
       EXPECT_TRUE(there || it.value() == V());
       it = V(value);
       remember(key, value);
+    } else if (kind == 6) {
+      AVLTree<K, V> moved(std::move(tree_));
+      EXPECT_EQ(tree_.root_, nullptr);
+      if (value < 500) tree_ = std::move(moved);
+      if (value >= 500) swap(tree_, moved);
     } else if (kind < 5) {
       EXPECT_EQ(tree_.remove(key), there);
       if (there) model_.erase(place);
@@ -102,10 +110,11 @@ struct MapRun {
       ++expected;
     }
     EXPECT_EQ(expected, model_.end());
+    EXPECT_EQ(tree_.size(), model_.size());
     EXPECT_EQ(Counted::live_, (std::is_same_v<V, Counted>) ? static_cast<int>(model_.size()) : 0);
   }
 
-  // Backwards, and off the end; compare() walks forwards.
+  // Backwards, with both kinds of iterators, and off the end; compare() walks forwards.
   void walk() {
     AVLTreeIter<K, V> it;
     it.tree(&tree_);
@@ -116,12 +125,16 @@ struct MapRun {
     EXPECT_FALSE(it.valid());
     it.bump(true);
     EXPECT_FALSE(it.valid());
+    EXPECT_TRUE(std::equal(std::make_reverse_iterator(tree_.end()),
+                           std::make_reverse_iterator(tree_.begin()), model_.rbegin(),
+                           model_.rend(),
+                           [](auto& node, auto& entry) { return &node == entry.second.node_; }));
   }
 
   void run(unsigned range, unsigned steps, unsigned every) {
     Random random(range);
     for (unsigned i = 0; i < steps && !testing::Test::HasFailure(); i++) {
-      const unsigned kind = random.below(6);  // as many insertions as removals
+      const unsigned kind = random.below(7);  // as many insertions as removals
       allocator_.failFrom(random.below(8) == 0 ? 1 : 0);
       step(kind, static_cast<K>(random.below(range)), static_cast<int>(random.below(1000)));
       if (i % every == 0) compare();
@@ -205,6 +218,36 @@ TEST(AVLTreeIter, PlaceAndLink) {
   EXPECT_FALSE(it.up());
 }
 
+TEST(AVLTree, EntriesCount) {
+  FailingAllocator allocator;
+  Tree tree{{1, 5}, {2, 7}, {1, 8}};
+  EXPECT_EQ(++tree[1], 6u);
+  EXPECT_EQ(tree[1]++, 6u);
+  EXPECT_EQ(tree[3] += tree[1], 7u);
+  EXPECT_EQ((tree[3] -= 2) += 1, 6u);
+  EXPECT_EQ(--tree[2], 6u);
+  EXPECT_EQ(tree[2]--, 6u);
+  allocator.failFrom(1);
+  EXPECT_EQ(++(--tree[4] += 3), tree[4]++) << "no entry";
+  std::vector<unsigned> all;
+  for (const auto& [key, value] : tree) all.insert(all.end(), {key, value});
+  EXPECT_THAT(all, ElementsAre(1, 7, 2, 5, 3, 6));
+}
+
+// A tree in a tree, which is moved there only if there is memory for its entry.
+TEST(AVLTree, HoldsWhatCannotBeCopied) {
+  FailingAllocator allocator;
+  AVLTree<unsigned, Tree> trees;
+  Tree tree{{1, 1}};
+  allocator.failFrom(1);
+  EXPECT_FALSE(trees.insert(1, std::move(tree)));
+  allocator.failFrom(0);
+  EXPECT_EQ(tree.size(), 1u);
+  EXPECT_TRUE(trees.insert(1, std::move(tree)));
+  trees[2] = std::move(trees[1].value());
+  EXPECT_EQ(trees[2].value()[1] + trees[1].value().size() + tree.size(), 1u);
+}
+
 // Without balancing, a tree is as deep as it has nodes.
 TEST(AVLTreeIter, UnbalancedTreesEndWithoutRecursion) {
   Tree tree;
@@ -257,6 +300,9 @@ TEST(Assertions, NameWhatDoesNotHold) {
 }
 
 static_assert(sizeof(AVLTree<char, char>) == sizeof(void*));
+static_assert(std::is_nothrow_move_constructible_v<Tree> && std::is_nothrow_swappable_v<Tree>);
+static_assert(std::bidirectional_iterator<Tree::iterator> &&
+              std::bidirectional_iterator<Tree::const_iterator>);
 static_assert(sizeof(Utils::AVLTreeIterBase) == 5 * sizeof(void*) &&
               sizeof(Iter) == 5 * sizeof(void*));
 static_assert(sizeof(AVLTreeNode<unsigned, const char*>) == (sizeof(void*) == 4 ? 24 : 48));

@@ -10,8 +10,11 @@
 //
 // A tree owns its nodes; each entry is one block of the process allocator. A node, with its key and
 // value, keeps its address until its entry is removed. Requires: K has a copy constructor, and ==
-// and > that are a strict total order; V has a copy constructor, and a default constructor if
-// intern(), [] or the conversion of an iterator to V is used.
+// and > that are a strict total order; V has a copy or a move constructor, and a default
+// constructor if intern(), [] or the conversion of an iterator to V is used.
+//
+// atree_std.h adds `for (auto& [key, value] : tree)`, and before C++20 the algorithms of the
+// standard library.
 //
 //   bytes, 32-bit   0 balance_   4 parent_    8 left_  12 right_  16 key_, value_
 //   bytes, 64-bit   0 balance_   8 parent_   16 left_  24 right_  32 key_, value_
@@ -27,6 +30,8 @@
 #pragma once
 
 #include <cstddef>
+#include <initializer_list>
+#include <type_traits>
 
 #include "utils/sdk/allocator.h"
 #include "utils/sdk/export.h"
@@ -157,6 +162,10 @@ inline AVLTreeNodeBase* AVLTreeIterBase::next(AVLTreeNodeBase* node, bool forwar
 template <class K, class V>
 struct YUTILS_EXPORT AVLTreeNode : AVLTreeNodeBase {
   AVLTreeNode(const K& key, const V& value) : key_(key), value_(value) { init(); }
+  template <class Value = V, class = std::enable_if_t<!IS_BYTES<Value>>>
+  AVLTreeNode(const K& key, V&& value) : key_(key), value_(static_cast<V&&>(value)) {
+    init();
+  }
   ~AVLTreeNode();
   AVLTreeNode(const AVLTreeNode&) = delete;
   AVLTreeNode& operator=(const AVLTreeNode&) = delete;
@@ -174,6 +183,20 @@ struct YUTILS_EXPORT AVLTreeNode : AVLTreeNodeBase {
   V& value() { return value_; }
   const V& value() const { return value_; }
   void value(const V& v) { value_ = v; }
+
+  // The key for I = 0, the value for I = 1.
+  template <std::size_t I>
+  auto& get() {
+    if constexpr (I == 0) {
+      return key();
+    } else {
+      return value();
+    }
+  }
+  template <std::size_t I>
+  const auto& get() const {
+    return const_cast<AVLTreeNode*>(this)->template get<I>();
+  }
 
   // Returns the child that a search visits next (trees/choose.h). The load of both children takes
   // no longer than the load of the key.
@@ -242,7 +265,11 @@ struct YUTILS_EXPORT AVLTreeIter : AVLTreeIterBase {
 
   // Attaches a new node at insertAddr_, as find() has set it, without balancing; settle() balances.
   // Does nothing and returns true if insertAddr_ is null. Returns false if there is no memory.
-  bool insert(const K& key, const V& value);
+  bool insert(const K& key, const V& value) { return !insertAddr_ || attach(new Node(key, value)); }
+  template <class Value = V, class = std::enable_if_t<!IS_BYTES<Value>>>
+  bool insert(const K& key, V&& value) {  // moves from the value if it returns true
+    return !insertAddr_ || attach(new Node(key, static_cast<V&&>(value)));
+  }
 
   // Removes the entry. Returns false if pos_ is null. Invalidates the iterator.
   bool remove() {
@@ -258,6 +285,62 @@ struct YUTILS_EXPORT AVLTreeIter : AVLTreeIterBase {
   const V& operator=(const V& v) {
     if (pos_) pos()->value_ = v;
     return v;
+  }
+  // For values that cannot be copied.
+  template <class Value = V, class = std::enable_if_t<!std::is_copy_assignable_v<Value>>>
+  void operator=(V&& v) {
+    if (pos_) pos()->value_ = static_cast<V&&>(v);
+  }
+
+  // Change the value, as in `++counts[word]`; the iterator keeps its place. Do nothing if pos_ is
+  // null.
+  template <class Amount>
+  AVLTreeIter operator+=(const Amount& amount) const {
+    if (pos_) addTo(value(), amount);
+    return *this;
+  }
+  template <class Amount>
+  AVLTreeIter operator-=(const Amount& amount) const {
+    if (pos_) subtractFrom(value(), amount);
+    return *this;
+  }
+  AVLTreeIter operator++() const {
+    if (pos_) ++value();
+    return *this;
+  }
+  AVLTreeIter operator--() const {
+    if (pos_) --value();
+    return *this;
+  }
+  V operator++(int) const { return pos_ ? value()++ : V(); }  // return the former value
+  V operator--(int) const { return pos_ ? value()-- : V(); }
+
+ private:
+  bool attach(Node* node) {
+    if (!node) return false;
+    node->parent_ = pos_;
+    *insertAddr_ = node;
+    return true;
+  }
+
+  // As the operators of numbers do, without the warnings of their conversions.
+  template <class Amount>
+  static void addTo(V& v, const Amount& amount) {
+    if constexpr (std::is_arithmetic_v<V> && std::is_arithmetic_v<Amount>) {
+      using Sum = decltype(v + amount);
+      v = static_cast<V>(static_cast<Sum>(v) + static_cast<Sum>(amount));
+    } else {
+      v += amount;
+    }
+  }
+  template <class Amount>
+  static void subtractFrom(V& v, const Amount& amount) {
+    if constexpr (std::is_arithmetic_v<V> && std::is_arithmetic_v<Amount>) {
+      using Sum = decltype(v - amount);
+      v = static_cast<V>(static_cast<Sum>(v) - static_cast<Sum>(amount));
+    } else {
+      v -= amount;
+    }
   }
 };
 
@@ -283,31 +366,105 @@ bool AVLTreeIter<K, V>::find(const K& key) {
   return true;
 }
 
-template <class K, class V>
-bool AVLTreeIter<K, V>::insert(const K& key, const V& value) {
-  if (!insertAddr_) return true;
-  Node* node = new Node(key, value);
-  if (!node) return false;
-  node->parent_ = pos_;
-  *insertAddr_ = node;
-  return true;
-}
+// Iterates over the entries in the order of their keys, as a bidirectional iterator of the standard
+// library. Requires: no entry is removed, and the tree is not moved, while it iterates; it is not
+// moved past the ends. Its category is in C++17 declared by atree_std.h.
+template <class K, class V, class Entry>
+struct AVLTreeWalk {
+  using value_type = AVLTreeNode<K, V>;
+  using difference_type = std::ptrdiff_t;
+  using pointer = Entry*;
+  using reference = Entry&;
+
+  AVLTreeWalk() : AVLTreeWalk(nullptr, nullptr) {}
+  AVLTreeWalk(AVLTreeNodeBase* node, const AVLTree<K, V>* tree) : node_(node), tree_(tree) {}
+  // A walk over constant entries from one over entries.
+  template <class Other, class = std::enable_if_t<std::is_same_v<const Other, Entry>>>
+  AVLTreeWalk(const AVLTreeWalk<K, V, Other>& other) : AVLTreeWalk(other.node_, other.tree_) {}
+
+  Entry& operator*() const { return *static_cast<Entry*>(node_); }
+  Entry* operator->() const { return static_cast<Entry*>(node_); }
+  AVLTreeWalk& operator++() {
+    node_ = AVLTreeIterBase::next(node_, true, AVLTreeNode<K, V>::ops_);
+    return *this;
+  }
+  AVLTreeWalk operator++(int) {
+    const AVLTreeWalk former = *this;
+    ++*this;
+    return former;
+  }
+  AVLTreeWalk& operator--() {
+    node_ = node_ ? AVLTreeIterBase::next(node_, false, AVLTreeNode<K, V>::ops_) : tree_->last();
+    return *this;
+  }
+  AVLTreeWalk operator--(int) {
+    const AVLTreeWalk former = *this;
+    --*this;
+    return former;
+  }
+  friend bool operator==(const AVLTreeWalk& a, const AVLTreeWalk& b) { return a.node_ == b.node_; }
+  friend bool operator!=(const AVLTreeWalk& a, const AVLTreeWalk& b) { return a.node_ != b.node_; }
+
+  AVLTreeNodeBase* node_;  // null at the end
+  const AVLTree<K, V>* tree_;
+};
 
 // The map. Search, insertion and removal take time logarithmic in the number of entries.
 template <class K, class V>
 struct YUTILS_EXPORT AVLTree : AVLTreeBase {
   using Node = AVLTreeNode<K, V>;
   using Iter = AVLTreeIter<K, V>;
+  template <class Entry>
+  using Walk = AVLTreeWalk<K, V, Entry>;
+  using iterator = Walk<Node>;
+  using const_iterator = Walk<const Node>;
+  using value_type = Node;
+
+  struct Pair {
+    K key;
+    V value;
+  };
 
   constexpr AVLTree() : root_(nullptr) {}
+  // Inserts the pairs in their order, as insert() does.
+  AVLTree(std::initializer_list<Pair> pairs) : root_(nullptr) {
+    for (const Pair& pair : pairs) insert(pair.key, pair.value);
+  }
+  // Constant time; `other` is then empty. Entries keep their addresses. Iterators of `other`, and
+  // walks, are invalid.
+  AVLTree(AVLTree&& other) noexcept : root_(other.root_) { other.root_ = nullptr; }
   ~AVLTree() { empty(); }
   AVLTree(const AVLTree&) = delete;
   AVLTree& operator=(const AVLTree&) = delete;
+  // Removes the former entries. Changes nothing if `other` is this tree.
+  AVLTree& operator=(AVLTree&& other) noexcept {
+    AVLTree moved(static_cast<AVLTree&&>(other));
+    swap(moved);
+    return *this;
+  }
 
-  void empty() {  // removes all entries
+  void swap(AVLTree& other) noexcept {
+    AVLTreeNodeBase* former = root_;
+    root_ = other.root_;
+    other.root_ = former;
+  }
+  friend void swap(AVLTree& a, AVLTree& b) noexcept { a.swap(b); }
+
+  // Removes all entries. Unlike the operation of that name in the standard library, it is no
+  // question; root_ is null if the tree has no entry.
+  void empty() {
     Node* root = static_cast<Node*>(root_);
     root_ = nullptr;
     delete root;
+  }
+  void clear() { empty(); }
+
+  // Counts the entries: a tree stores no number. Takes as long as a loop over the tree.
+  unsigned size() const {
+    unsigned count = 0;
+    for (const AVLTreeNodeBase* node = first(); node; count++)
+      node = AVLTreeIterBase::next(const_cast<AVLTreeNodeBase*>(node), true, Node::ops_);
+    return count;
   }
 
   Iter find(const K& key) const {  // returns an invalid iterator if there is none
@@ -320,6 +477,13 @@ struct YUTILS_EXPORT AVLTree : AVLTreeBase {
   bool insert(const K& key, const V& value) {
     Iter it;
     if (locate(it, key) || !it.insert(key, value)) return false;
+    it.settle();
+    return true;
+  }
+  template <class Value = V, class = std::enable_if_t<!IS_BYTES<Value>>>
+  bool insert(const K& key, V&& value) {  // moves from the value if it returns true
+    Iter it;
+    if (locate(it, key) || !it.insert(key, static_cast<V&&>(value))) return false;
     it.settle();
     return true;
   }
@@ -346,26 +510,11 @@ struct YUTILS_EXPORT AVLTree : AVLTreeBase {
   }
   Iter operator[](const K& key) { return intern(key); }
 
-  // Iterates over the entries in the order of their keys. Requires: no entry is removed while it
-  // iterates.
-  template <class Entry>
-  struct Walk {
-    Entry& operator*() const { return *static_cast<Entry*>(node_); }
-    Entry* operator->() const { return static_cast<Entry*>(node_); }
-    Walk& operator++() {
-      node_ = AVLTreeIterBase::next(node_, true, Node::ops_);
-      return *this;
-    }
-    bool operator==(const Walk& other) const { return node_ == other.node_; }
-    bool operator!=(const Walk& other) const { return node_ != other.node_; }
-
-    AVLTreeNodeBase* node_;
-  };
-
-  Walk<Node> begin() { return {first()}; }
-  Walk<Node> end() { return {nullptr}; }
-  Walk<const Node> begin() const { return {first()}; }
-  Walk<const Node> end() const { return {nullptr}; }
+  // From the smallest key to the greatest.
+  iterator begin() { return {first(), this}; }
+  iterator end() { return {nullptr, this}; }
+  const_iterator begin() const { return {first(), this}; }
+  const_iterator end() const { return {nullptr, this}; }
 
   AVLTreeNodeBase* root_;
   static const TemplOps ops_;
@@ -384,6 +533,16 @@ struct YUTILS_EXPORT AVLTree : AVLTreeBase {
     it.downLeft();
     return it.pos_;
   }
+  AVLTreeNodeBase* last() const {
+    Iter it;
+    it.tree(this);
+    it.top();
+    it.downRight();
+    return it.pos_;
+  }
+
+  template <class, class, class>
+  friend struct AVLTreeWalk;
 };
 
 // A tree has one field, the root.

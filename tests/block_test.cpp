@@ -3,12 +3,16 @@
 // contention.
 #include "utils/sdk/block.h"
 
+#include <atomic>
+#include <mutex>
 #include <type_traits>
 
 #include "gmock/gmock.h"
 #include "support/contention.h"
+#include "support/seed.h"
 #include "support/sharing.h"
 #include "support/system_calls.h"
+#include "utils/sdk/locker.h"
 
 NOTED_MAKER(YIF_CreateEventCoop, (int manualReset, int initiallySet), (manualReset, initiallySet))
 NOTED(YIF_DestroyEventCoop, "destroy")
@@ -101,7 +105,7 @@ TEST(LightLock, TellsOfViolationsAndGoesOn) {
   });
 }
 
-// --- Both ---
+// --- Both, and those of locker.h ---
 
 template <class Kind>
 struct Blocks : testing::Test {};
@@ -122,6 +126,42 @@ TYPED_TEST(Blocks, Exclude) {
     }
   });
   EXPECT_EQ(count, 20000u);
+}
+
+// Two locks in either order, tried or waited for.
+template <class Kind>
+void excludeWithStd(Kind& a, Kind& b) {
+  unsigned count = 0;
+  std::atomic<unsigned> tasks{0};
+  inTasks(3, [&] {
+    Random random(tasks++);
+    for (unsigned done = 0; done < 3000;) {
+      const bool aFirst = random.below(2) == 0;
+      if (random.below(2) == 0) {
+        const std::scoped_lock both(aFirst ? a : b, aFirst ? b : a);
+        done++, count++;
+      } else if (const std::unique_lock first(a, std::try_to_lock); first.owns_lock()) {
+        const std::lock_guard again(a);
+        const std::unique_lock second(b, std::try_to_lock);
+        if (second.owns_lock()) done++, count++;
+      }
+    }
+    const std::lock_guard held(a);
+    std::thread([&] { EXPECT_FALSE(a.try_lock()); }).join();
+  });
+  EXPECT_EQ(count, 9000u);
+}
+
+TYPED_TEST(Blocks, ServeTheStandardGuards) {
+  TypeParam a("a"), b("b");
+  excludeWithStd(a, b);
+}
+
+TEST(Locks, ServeTheStandardGuards) {
+  Mutex mutexes[2];
+  excludeWithStd(mutexes[0], mutexes[1]);
+  CriticalSection sections[2];
+  excludeWithStd(sections[0], sections[1]);
 }
 
 TYPED_TEST(Blocks, ThatAreCopiesShareOneAndEndItOnce) {

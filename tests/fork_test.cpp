@@ -31,6 +31,7 @@ using namespace std::chrono_literals;
 
 struct AnyLock {
   std::function<void()> enter_, exit_;
+  std::function<bool()> tryEnter_;
 };
 
 // One of each kind, all used alike.
@@ -39,10 +40,11 @@ struct AllLocks {
   CriticalSection section_;
   std::optional<YtLightBLock> light_{"light"}, copy_{*light_};
   YtHeavyBLock heavy_{"heavy"};
-  std::vector<AnyLock> all_ = {{[&] { mutex_.enter(); }, [&] { mutex_.exit(); }},
-                               {[&] { section_.enter(); }, [&] { section_.exit(); }},
-                               {[&] { heavy_.lock(); }, [&] { heavy_.unlock(); }},
-                               {[&] { copy_->lock(); }, [&] { copy_->unlock(); }}};
+  std::vector<AnyLock> all_ = {
+      {[&] { mutex_.enter(); }, [&] { mutex_.exit(); }, [&] { return mutex_.try_lock(); }},
+      {[&] { section_.enter(); }, [&] { section_.exit(); }, [&] { return section_.try_lock(); }},
+      {[&] { heavy_.lock(); }, [&] { heavy_.unlock(); }, [&] { return heavy_.try_lock(); }},
+      {[&] { copy_->lock(); }, [&] { copy_->unlock(); }, [&] { return copy_->try_lock(); }}};
 };
 
 // --- Locks ---
@@ -55,7 +57,7 @@ int leaveAll(AllLocks& locks, const Depths& depths) {
   std::atomic<unsigned> passed{0};
   std::thread visitor([&] {
     for (const AnyLock& lock : locks.all_) {
-      lock.enter_();
+      if (!lock.tryEnter_()) lock.enter_();
       lock.exit_();
       ++passed;
     }
@@ -65,12 +67,14 @@ int leaveAll(AllLocks& locks, const Depths& depths) {
     for (unsigned exits = 0; exits < depths[i]; ++exits) {
       while (passed < i) std::this_thread::yield();
       std::this_thread::sleep_for(1ms);
-      if (passed != i) fault = 1;
+      if (passed != i || !locks.all_[i].tryEnter_()) fault = 1;
+      locks.all_[i].exit_();
       locks.all_[i].exit_();
     }
   }
   visitor.join();
-  for (const AnyLock& lock : locks.all_) lock.enter_();
+  for (const AnyLock& lock : locks.all_)
+    if (!lock.tryEnter_()) fault = 2;
   return fault;
 }
 

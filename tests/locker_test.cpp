@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <deque>
 #include <initializer_list>
+#include <mutex>
 #include <sstream>
 
 #include "gmock/gmock.h"
@@ -32,6 +33,19 @@ NOTED_MAKER(YIF_CreateMutex, (), ())
 NOTED(YIF_DestroyMutex, "destroy")
 NOTED(YIF_EnterMutex, "enter")
 NOTED(YIF_ExitMutex, "exit")
+int YfTryEnterMutex(unsigned mutex) noexcept {
+  SystemCalls::note("try");
+  static const auto real = SystemCalls::real(YfTryEnterMutex, "YfTryEnterMutex");
+  return real(mutex);
+}
+
+int YfTryEnterCriticalSection(unsigned section) noexcept {
+  SystemCalls::note("try");
+  static const auto real =
+      SystemCalls::real(YfTryEnterCriticalSection, "YfTryEnterCriticalSection");
+  return real(section);
+}
+
 NOTED_MAKER(YIF_CreateCriticalSection, (), ())
 NOTED(YIF_DestroyCriticalSection, "destroy")
 NOTED(YIF_EnterCriticalSection, "enter")
@@ -56,6 +70,8 @@ TYPED_TEST(Locks, AreTracedStepByStep) {
     {
       TypeParam lock;
       const Locker locker(&lock, "a%s.cpp", 77);
+      const std::unique_lock again(lock, std::try_to_lock);
+      std::thread([&] { EXPECT_FALSE(lock.try_lock()); }).join();
     }
     const std::string kind = std::is_same_v<TypeParam, Mutex> ? " mutex " : " critical section ";
     const std::string lock = kind + std::to_string(calls.made_);
@@ -72,6 +88,11 @@ TYPED_TEST(Locks, AreTracedStepByStep) {
     line(2, "Waiting for" + lock);
     call("enter");
     line(2, "Got" + lock);
+    call("try");
+    line(2, "Got" + lock);
+    call("try");
+    line(2, "Exiting" + lock);
+    call("exit");
     line(2, "Freeing lock taken at file:'a%s.cpp', line:77");
     line(2, "Exiting" + lock);
     call("exit");

@@ -31,6 +31,7 @@
 #include <bit>
 
 #include "utils/sdk/base/layout.h"
+#include "utils/sdk/platform.h"
 #include "utils/sdk/ysys.h"
 #include "ysys/fork.h"
 #include "ysys/futex.h"
@@ -59,6 +60,7 @@ class Event : private EventFields {
   bool wait(Deadline deadline);
   void setAsTicket();
   void waitAsTicket();
+  bool tryAsTicket();
   void repair(uint32_t me);  // in the child of a fork, where no task waits
 
  private:
@@ -193,6 +195,15 @@ inline void Event::waitAsTicket() {
   taker_.store(taskId(), std::memory_order_relaxed);
 }
 
+bool Event::tryAsTicket() {
+  if (!tryPass()) {
+    repairNewChild();
+    if (!tryPass()) return false;
+  }
+  taker_.store(taskId(), std::memory_order_relaxed);
+  return true;
+}
+
 void Event::repair(uint32_t me) {
   const uint64_t state = state_.load(std::memory_order_relaxed);
   const bool isLost = isTicket_ && taker_.load(std::memory_order_relaxed) != me;
@@ -253,4 +264,8 @@ void YIF_SetEventCoop(YIF_Handle event) noexcept {
 
 void YIF_WaitEventCoop(YIF_Handle event) noexcept {
   _cooperativeEvents.at(event, __func__).waitAsTicket();
+}
+
+int YfTryWaitEventCoop(YIF_Handle event) noexcept {
+  return _cooperativeEvents.at(event, __func__).tryAsTicket() ? 1 : 0;
 }

@@ -16,7 +16,8 @@ void repairFiles();
 void repairMemory();
 
 // Repairs the child of a fork if its handler has not run yet; does nothing in any other process.
-// Called by each wait before the task counts as waiting, and by queries about tasks that the child
+// Called by each wait before the task counts as waiting, by each attempt that finds a lock taken,
+// and by queries about tasks that the child
 // does not have.
 void repairNewChild();
 

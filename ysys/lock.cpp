@@ -17,6 +17,7 @@
 #include <atomic>
 
 #include "utils/sdk/base/layout.h"
+#include "utils/sdk/platform.h"
 #include "utils/sdk/ysys.h"
 #include "ysys/fork.h"
 #include "ysys/futex.h"
@@ -31,10 +32,16 @@ class Lock : private LockFields {
  public:
   void init();
   void enter();
+  bool tryEnter();
   bool exit();  // returns false, and changes nothing, if the calling task does not hold the lock
   void repair(uint32_t me);  // in the child of a fork: free unless the calling task holds it
 
  private:
+  bool enterAgain(uint32_t me) {
+    if ((word_.load(std::memory_order_relaxed) & ~SLEEPERS) != me) return false;
+    again_.store(again_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    return true;
+  }
   bool takeIfFree(uint32_t held) {
     uint32_t nobody = 0;
     return word_.load(std::memory_order_relaxed) == 0 &&
@@ -52,11 +59,14 @@ void Lock::init() {
 
 inline void Lock::enter() {
   const uint32_t me = taskId();
-  if ((word_.load(std::memory_order_relaxed) & ~SLEEPERS) == me) {
-    again_.store(again_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-  } else if (!takeIfFree(me)) {
-    enterContended(me);
-  }
+  if (!enterAgain(me) && !takeIfFree(me)) enterContended(me);
+}
+
+bool Lock::tryEnter() {
+  const uint32_t me = taskId();
+  if (enterAgain(me) || takeIfFree(me)) return true;
+  repairNewChild();
+  return takeIfFree(me);
 }
 
 inline bool Lock::exit() {
@@ -130,6 +140,14 @@ void YIF_DestroyMutex(YIF_Handle mutex) noexcept { _mutexes.destroy(mutex, __fun
 void YIF_EnterMutex(YIF_Handle mutex) noexcept { _mutexes.at(mutex, __func__).enter(); }
 
 void YIF_ExitMutex(YIF_Handle mutex) noexcept { exitOrReport(_mutexes.at(mutex, __func__)); }
+
+int YfTryEnterMutex(YIF_Handle mutex) noexcept {
+  return _mutexes.at(mutex, __func__).tryEnter() ? 1 : 0;
+}
+
+int YfTryEnterCriticalSection(YIF_Handle section) noexcept {
+  return _sections.at(section, __func__).tryEnter() ? 1 : 0;
+}
 
 YIF_Handle YIF_CreateCriticalSection() noexcept { return orStop(_sections.create(), __func__); }
 

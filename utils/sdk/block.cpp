@@ -46,6 +46,17 @@ YtLightBLock::~YtLightBLock() {
   if (_events.remove(event_)) YIF_DestroyEventCoop(event_);
 }
 
+bool YtLightBLock::try_lock() {
+  const unsigned long id = YIF_CurrentTaskIdCoop();
+  if (ownerIs(id)) {
+    count(1);
+    return true;
+  }
+  if (!YfTryWaitEventCoop(event_)) return false;
+  setOwner(id);
+  return true;
+}
+
 void YtLightBLock::tellViolation() const {
   if (traces(TRACE_LIFETIME))
     Log::theLog()->print(Debug, LIBRARY_CATEGORY, TRACE_LIFETIME, SOURCE, __LINE__,
@@ -64,6 +75,8 @@ YtHeavyBLock& YtHeavyBLock::operator=(const YtHeavyBLock& other) {
   section_ = reassign(_sections, section_, other.section_, YIF_DestroyCriticalSection);
   return *this;
 }
+
+bool YtHeavyBLock::try_lock() { return YfTryEnterCriticalSection(section_) != 0; }
 
 YtHeavyBLock::~YtHeavyBLock() {
   if (_sections.remove(section_)) YIF_DestroyCriticalSection(section_);

@@ -17,8 +17,11 @@
 //   YtLightBLock, held twice by task 2480, 64-bit: name_ 8 bytes, count_ 2, owner_ 2480, event_
 //   clear. Free: count_ 0, owner_ (unsigned long)-1, event_ set.
 //
-// Thread safety: lock and unlock may be called from any task; the caller serialises copies,
-// assignments and destruction.
+// The locks that block serve std::lock_guard, unique_lock and scoped_lock; the empty ones serve
+// none that is to exclude.
+//
+// Thread safety: lock, try_lock and unlock may be called from any task; the caller serialises
+// copies, assignments and destruction.
 #pragma once
 
 #include "utils/sdk/export.h"
@@ -72,9 +75,11 @@ struct YUTILS_EXPORT YtLightBLock {
       return;
     }
     YIF_WaitEventCoop(event_);
-    __atomic_store_n(&count_, 1, __ATOMIC_RELAXED);
-    __atomic_store_n(&owner_, id, __ATOMIC_RELAXED);
+    setOwner(id);
   }
+
+  // Takes the lock, or takes it again, unless another task has it. Returns true if it did.
+  [[nodiscard]] bool try_lock();
 
   // Requires: called once for each lock(), by the task that holds the lock. Any other call is a
   // violation: it is reported to the log, category "utils", level 0, and then counts like one of
@@ -101,6 +106,10 @@ struct YUTILS_EXPORT YtLightBLock {
   // owner's own task ever reads its own id here. The fields are mutable because a locker takes a
   // const lock.
   bool ownerIs(unsigned long id) const { return __atomic_load_n(&owner_, __ATOMIC_RELAXED) == id; }
+  void setOwner(unsigned long id) {
+    __atomic_store_n(&count_, 1, __ATOMIC_RELAXED);
+    __atomic_store_n(&owner_, id, __ATOMIC_RELAXED);
+  }
   int count(int step) {  // returns the new count
     const auto before = static_cast<unsigned>(__atomic_load_n(&count_, __ATOMIC_RELAXED));
     const int after = static_cast<int>(before + static_cast<unsigned>(step));
@@ -116,7 +125,7 @@ struct YUTILS_EXPORT YtLightBLock {
 
 // Holds a YtLightBLock for a scope, in one task.
 struct YUTILS_EXPORT YtLightBLocker {
-  YtLightBLocker(const YtLightBLock& lock)
+  [[nodiscard]] YtLightBLocker(const YtLightBLock& lock)
       : lock_(const_cast<YtLightBLock&>(lock)), unlocked_(false) {
     lock_.lock();
   }
@@ -143,6 +152,7 @@ struct YUTILS_EXPORT YtHeavyBLock {
   ~YtHeavyBLock();  // Requires: no task holds the lock or waits for it
 
   void lock() { YIF_EnterCriticalSection(section_); }
+  [[nodiscard]] bool try_lock();  // as in YtLightBLock
   void unlock() { YIF_ExitCriticalSection(section_); }
 
  private:

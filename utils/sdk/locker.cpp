@@ -3,6 +3,7 @@
 #include "utils/sdk/locker.h"
 
 #include "utils/sdk/logging/trace.h"
+#include "utils/sdk/platform.h"
 #include "utils/sdk/sync/shared_handles.h"
 
 namespace Utils {
@@ -17,6 +18,7 @@ struct MutexKind {
   static constexpr auto CREATE = YIF_CreateMutex;
   static constexpr auto DESTROY = YIF_DestroyMutex;
   static constexpr auto ENTER = YIF_EnterMutex;
+  static constexpr auto TRY = YfTryEnterMutex;
   static constexpr auto EXIT = YIF_ExitMutex;
   static constexpr char CREATED[] = "%d Created mutex %ld";
   static constexpr char DESTROYING[] = "%d Destroying mutex %ld";
@@ -31,6 +33,7 @@ struct SectionKind {
   static constexpr auto CREATE = YIF_CreateCriticalSection;
   static constexpr auto DESTROY = YIF_DestroyCriticalSection;
   static constexpr auto ENTER = YIF_EnterCriticalSection;
+  static constexpr auto TRY = YfTryEnterCriticalSection;
   static constexpr auto EXIT = YIF_ExitCriticalSection;
   static constexpr char CREATED[] = "%d Created critical section %ld";
   static constexpr char DESTROYING[] = "%d Destroying critical section %ld";
@@ -86,6 +89,13 @@ void enter(YIF_Handle handle) {
 }
 
 template <class Kind>
+bool tryEnter(YIF_Handle handle) {
+  const bool entered = Kind::TRY(handle) != 0;
+  if (entered && traces(TRACE_USE)) print(TRACE_USE, __LINE__, Kind::ENTERED, handle);
+  return entered;
+}
+
+template <class Kind>
 void exit(YIF_Handle handle) {
   if (traces(TRACE_USE)) print(TRACE_USE, __LINE__, Kind::EXITING, handle);
   Kind::EXIT(handle);
@@ -114,6 +124,8 @@ Mutex::~Mutex() { release<MutexKind>(handle_); }
 
 void Mutex::enter() const { Utils::enter<MutexKind>(handle_); }
 
+bool Mutex::try_lock() const { return tryEnter<MutexKind>(handle_); }
+
 void Mutex::exit() const { Utils::exit<MutexKind>(handle_); }
 
 CriticalSection::CriticalSection() : handle_(create<SectionKind>()) {}
@@ -129,6 +141,8 @@ CriticalSection& CriticalSection::operator=(const CriticalSection& other) {
 CriticalSection::~CriticalSection() { release<SectionKind>(handle_); }
 
 void CriticalSection::enter() const { Utils::enter<SectionKind>(handle_); }
+
+bool CriticalSection::try_lock() const { return tryEnter<SectionKind>(handle_); }
 
 void CriticalSection::exit() const { Utils::exit<SectionKind>(handle_); }
 

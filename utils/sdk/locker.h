@@ -16,9 +16,11 @@
 // other tasks held are free (ysys.h). A copy refers to the same system object; the last one to be
 // destroyed destroys it.
 //
-// Thread safety: enter and exit may be called from any task; with the lines on, no task may change
-// the hub at the same time (log.h). The caller serialises copying, destroying copies, and new and
-// delete (allocator.h).
+// Both also have the operations that std::lock_guard, unique_lock and scoped_lock call.
+//
+// Thread safety: enter, exit and try_lock may be called from any task; with the lines on, no task
+// may change the hub at the same time (log.h). The caller serialises copying, destroying copies,
+// and new and delete (allocator.h).
 #pragma once
 
 #include <cstddef>
@@ -39,6 +41,8 @@ struct YUTILS_EXPORT Lock {
 
   virtual void enter() const = 0;  // waits until the calling task holds the lock
   virtual void exit() const = 0;   // Requires: the calling task holds the lock.
+  void lock() const { enter(); }
+  void unlock() const { exit(); }
 
   // Returns null, and no constructor runs, if there is no memory.
   static void* operator new(std::size_t size) noexcept;
@@ -57,6 +61,9 @@ struct YUTILS_EXPORT Mutex : Lock {
 
   void enter() const override;
   void exit() const override;
+  // Enters unless another task holds the lock. Returns true if it did; only that is logged, by the
+  // line of a task that got the lock.
+  [[nodiscard]] bool try_lock() const;
 
  private:
   friend struct DebuggerLayout;
@@ -72,6 +79,7 @@ struct YUTILS_EXPORT CriticalSection : Lock {
 
   void enter() const override;
   void exit() const override;
+  [[nodiscard]] bool try_lock() const;  // as in Mutex
 
  private:
   friend struct DebuggerLayout;
@@ -83,7 +91,7 @@ struct YUTILS_EXPORT CriticalSection : Lock {
 struct YUTILS_EXPORT Locker {
   // Enters the lock; the destructor exits it. Borrows the lock and the name of the source file.
   // Name and line are shown in the log.
-  Locker(Lock* lock, const char* file, unsigned line);
+  [[nodiscard]] Locker(Lock* lock, const char* file, unsigned line);
   // Copies the fields only: exits no lock and enters none. Do not assign lockers: the former lock
   // stays held, and both destructors exit the other one.
   Locker& operator=(const Locker&) = default;

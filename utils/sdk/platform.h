@@ -43,6 +43,13 @@ void YfWithoutExhaustionReport(void (*step)(void*), void* argument) noexcept;
 // process did not get in its fork, else 0.
 int YfStayedInParent(unsigned long task) noexcept;
 
+// Take a lock of ysys.h if that needs no wait: a mutex, a critical section, and a cooperative event
+// as the ticket of a lock. Return 1 if the calling task has it then, or has it once more, else 0. A
+// ticket is never taken twice.
+int YfTryEnterMutex(unsigned int mutex) noexcept;
+int YfTryEnterCriticalSection(unsigned int section) noexcept;
+int YfTryWaitEventCoop(unsigned int event) noexcept;
+
 // Returns the number of the process that the tools of the system show.
 unsigned long YfProcessId() noexcept;
 

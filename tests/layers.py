@@ -12,7 +12,7 @@ from concurrent.futures import ThreadPoolExecutor
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 PAGE = (ROOT / "ARCHITECTURE.md").read_text()
 STANDARD = set("""algorithm atomic bit cctype cerrno cfloat climits clocale cmath compare cstdarg cstddef
-    cstdint cstdio cstdlib cstring ctime functional initializer_list iterator limits map memory mutex
+    cstdint cstdio cstdlib cstring ctime functional initializer_list iterator limits map memory memory_resource mutex
     new set string string_view tuple type_traits typeinfo utility vector errno.h limits.h math.h stddef.h
     stdint.h stdio.h stdlib.h string.h""".split())
 wrong = []

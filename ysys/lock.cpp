@@ -37,11 +37,6 @@ class Lock : private LockFields {
   void repair(uint32_t me);  // in the child of a fork: free unless the calling task holds it
 
  private:
-  bool enterAgain(uint32_t me) {
-    if ((word_.load(std::memory_order_relaxed) & ~SLEEPERS) != me) return false;
-    again_.store(again_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    return true;
-  }
   bool takeIfFree(uint32_t held) {
     uint32_t nobody = 0;
     return word_.load(std::memory_order_relaxed) == 0 &&
@@ -59,12 +54,20 @@ void Lock::init() {
 
 inline void Lock::enter() {
   const uint32_t me = taskId();
-  if (!enterAgain(me) && !takeIfFree(me)) enterContended(me);
+  if ((word_.load(std::memory_order_relaxed) & ~SLEEPERS) == me) {
+    again_.store(again_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  } else if (!takeIfFree(me)) {
+    enterContended(me);
+  }
 }
 
 bool Lock::tryEnter() {
   const uint32_t me = taskId();
-  if (enterAgain(me) || takeIfFree(me)) return true;
+  if ((word_.load(std::memory_order_relaxed) & ~SLEEPERS) == me) {
+    enter();  // once more, which needs no wait
+    return true;
+  }
+  if (takeIfFree(me)) return true;
   repairNewChild();
   return takeIfFree(me);
 }

@@ -136,7 +136,7 @@ struct YUTILS_EXPORT AllocationLimiter : Allocator {
 // Sets the default colour of the process allocator for a scope. Scopes nest within one task. There
 // is one default colour for the whole process, so scopes in different tasks change each other's.
 struct YUTILS_EXPORT MemoryColor {
-  explicit MemoryColor(unsigned color);
+  [[nodiscard]] explicit MemoryColor(unsigned color);
   ~MemoryColor();
   MemoryColor(const MemoryColor&) = default;
   MemoryColor& operator=(const MemoryColor&) = default;

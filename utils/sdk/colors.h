@@ -39,7 +39,7 @@ YUTILS_EXPORT const char* colorName(unsigned color);
 
 // A MemoryColor by name. The colour is 0 if all numbers are taken.
 struct NamedColor : MemoryColor {
-  explicit NamedColor(const char* name) : MemoryColor(colorNamed(name)) {}
+  [[nodiscard]] explicit NamedColor(const char* name) : MemoryColor(colorNamed(name)) {}
 };
 
 // --- The table ---

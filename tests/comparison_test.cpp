@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "gtest/gtest.h"
+#include "support/seed.h"
 #include "utils/sdk/atree.h"
 #include "utils/sdk/string.h"
 #include "utils/sdk/time.h"
@@ -79,6 +80,8 @@ void expectOrderOfTexts(std::string_view a, std::string_view b, int sign) {
   const SubString range(t);
   EXPECT_EQ(range == s, sign == 0 && a.size() == b.size());
   EXPECT_EQ(s != range, !(range == s));
+  EXPECT_EQ(std::hash<String>()(s) == std::hash<String>()(t), sign == 0);
+  EXPECT_TRUE(range != s || std::hash<SubString>()(range) == std::hash<String>()(s));
   EXPECT_EQ(s.begin() == range, range == s.begin());
   EXPECT_EQ(s.begin() != range, !(range == s.begin()));
 }
@@ -99,6 +102,37 @@ TEST(Comparison, OfTexts) {
   Utils::AVLTree<int, String> tree;
   tree.insert(1, "a");
   EXPECT_TRUE(tree.find(1) == "a" && tree.find(1) == String("a") && s != tree.find(1));
+}
+
+// Short texts over few characters, so that equal ones and prefixes are frequent.
+std::string randomText(Random& random) {
+  std::string text(random.below(5), ' ');
+  for (char& c : text) c = "ab\x80\xff"[random.below(4)];
+  return text;
+}
+
+// One comparison of texts without NULs by all types, as std::string does it.
+void expectOrderAndHashOf(const std::string& a, const std::string& b) {
+  const int sign = (a > b) - (a < b);
+  const String s(a), t("<" + b + ">");
+  const SubString range = String(a)(0), other = String(t)(1, t.size() - 2);
+  expectOrder(s, String(b), sign);
+  expectOrder(range, other, sign);
+  expectSign(s, other, sign);
+  expectSign(range, String(b), sign);
+  expectSign(range, b.c_str(), sign);
+  expectSign(a.c_str(), other, sign);
+  expectSign(range, std::string_view(b), sign);
+  expectSign(a, other, sign);
+  const std::hash<std::string> model;
+  EXPECT_EQ(std::hash<String>()(s), model(a));
+  EXPECT_EQ(std::hash<SubString>()(other), model(b));
+}
+
+TEST(Comparison, FollowsStdStringOnRandomTexts) {
+  Random random(11);
+  for (int i = 0; i < 3000 && !testing::Test::HasFailure(); i++)
+    expectOrderAndHashOf(randomText(random), randomText(random));
 }
 
 TEST(Comparison, OfIdentifiersAndNumbers) {
@@ -124,12 +158,11 @@ constexpr bool noneCompiles(Uses...) {
 #define USE(EXPRESSION) [](auto& x) -> decltype(void(EXPRESSION)) {}
 
 // A literal 0 is a null pointer wherever a pointer can be meant.
-static_assert(noneCompiles<String>(USE(x == 0), USE(NULL != x), USE(x < nullptr), USE(x + 0),
-                                   USE(NULL + x), USE(x.index(0, 0)), USE(x.indexChar(0, 0)),
-                                   USE(x.rindexChar(0, 0)), USE(x.startsWith(0)),
-                                   USE(x.icompare(0)), USE(x.substitute(0, "")),
-                                   USE(x.substitute("", NULL)), USE(x(0) == 0),
-                                   USE(x(0).compare(0)), USE(x(0).icompare(0))));
+static_assert(noneCompiles<String>(
+    USE(x == 0), USE(NULL != x), USE(x < nullptr), USE(x + 0), USE(NULL + x), USE(x.index(0, 0)),
+    USE(x.indexChar(0, 0)), USE(x.rindexChar(0, 0)), USE(x.startsWith(0)), USE(x.icompare(0)),
+    USE(x.substitute(0, "")), USE(x.substitute("", NULL)), USE(x(0) == 0), USE(x(0).compare(0)),
+    USE(x(0).icompare(0)), USE(x(0) < nullptr), USE(x ? 1 : 2), USE(!x)));
 static_assert(noneCompiles<Utils::Vector<int>>(USE(x.remove(0, 25)), USE(x.add(0, 25)),
                                                USE(x.insert(0, 1, 2)), USE(x.compare(0, 1))));
 

@@ -11,9 +11,10 @@ from concurrent.futures import ThreadPoolExecutor
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 PAGE = (ROOT / "ARCHITECTURE.md").read_text()
-STANDARD = set("""algorithm atomic bit cctype cerrno cfloat climits clocale cmath compare cstdarg cstddef
-    cstdint cstdio cstdlib cstring ctime functional initializer_list iterator limits map memory memory_resource mutex
-    new set string string_view tuple type_traits typeinfo utility vector errno.h limits.h math.h stddef.h
+STANDARD = set("""algorithm atomic bit cctype cerrno cfloat chrono climits clocale cmath compare cstdarg
+    cstddef cstdint cstdio cstdlib cstring ctime format functional initializer_list iosfwd iterator limits
+    map memory memory_resource mutex new set string string_view tuple type_traits typeinfo utility vector
+    version errno.h limits.h math.h stddef.h
     stdint.h stdio.h stdlib.h string.h""".split())
 wrong = []
 

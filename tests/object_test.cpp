@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include "gtest/gtest.h"
 #include "support/huge_text.h"
@@ -49,6 +50,13 @@ TEST(Ref, OwnsFromTheFirstToTheLast) {
     EXPECT_EQ(p->refCount(), 1u);
     b = a;
     EXPECT_EQ(Probe::ended_, 1);
+    Ref<Object> base(b), moved(std::move(base));
+    base = std::move(moved);
+    base.swap(moved);
+    EXPECT_TRUE(moved == a && base == nullptr && a->refCount() == 3u);
+    base = std::move(moved);
+    base = Ref<Probe>();
+    EXPECT_TRUE(!moved && !base && a->refCount() == 2u);
   }
   EXPECT_EQ(Probe::made_, 2);
   EXPECT_EQ(Probe::ended_, 2);

@@ -63,6 +63,9 @@ struct YUTILS_EXPORT Allocator {
   // Adds to the total of busy bytes of one colour and to nothing else. Default: does nothing.
   virtual void adjustColorMemory(unsigned color, int delta);
 
+ protected:
+  ~Allocator() = default;  // not virtual: no allocator is destroyed through a pointer to this class
+
  private:
   static Allocator* buildTheAllocator();  // returns the same one at every call
 };
@@ -82,6 +85,11 @@ struct BlockInfo {
   unsigned color;
   Kind kind;
 };
+
+// The two classes below may be derived from, but objects of these are not destroyed through a
+// pointer to them either.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
 // Memory directly from the system layer. If that has no memory, alloc() fails the assertion "m" and
 // then returns null; the assertion stops the process only if YSYS_ASSERT is "stop" (YfAssert__ in
@@ -132,6 +140,8 @@ struct YUTILS_EXPORT AllocationLimiter : Allocator {
   char* poolNext_;  // the first free byte
   char* poolEnd_;
 };
+
+#pragma GCC diagnostic pop
 
 // Sets the default colour of the process allocator for a scope. Scopes nest within one task. There
 // is one default colour for the whole process, so scopes in different tasks change each other's.

@@ -34,12 +34,28 @@
 #include "utils/sdk/vector.h"
 #include "utils/sdk/ysys.h"
 
+// A program may have macros of these names. They are set aside up to the end of this header.
+#pragma push_macro("Error")
+#pragma push_macro("Warning")
+#pragma push_macro("Info")
+#pragma push_macro("Debug")
+#undef Error
+#undef Warning
+#undef Info
+#undef Debug
+
 namespace Utils {
 
 template <class T>
 struct LateImmortal;
 
 enum MessageClass { Error, Warning, Info, Debug };
+
+// The same classes, for programs that have macros of those names.
+constexpr MessageClass ErrorClass = Error;
+constexpr MessageClass WarningClass = Warning;
+constexpr MessageClass InfoClass = Info;
+constexpr MessageClass DebugClass = Debug;
 
 // --- Sinks ---
 
@@ -285,3 +301,8 @@ struct YUTILS_EXPORT Log : Object {
 };
 
 }  // namespace Utils
+
+#pragma pop_macro("Error")
+#pragma pop_macro("Warning")
+#pragma pop_macro("Info")
+#pragma pop_macro("Debug")

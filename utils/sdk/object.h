@@ -55,9 +55,14 @@ struct YUTILS_EXPORT Object : Countable {
   static void operator delete(void* mem) noexcept;
 };
 
-// A reference to a T derived from Object, or empty.
+// A reference to a T derived from Object, or empty. A Ref of a derived class converts to a Ref of
+// its base. hash.h has std::hash.
 template <class T>
 struct Ref {
+ private:
+  static void accept(T* object);  // not defined: tests if a pointer converts
+
+ public:
   constexpr Ref() : ptr_(nullptr) {}
   Ref(const T* object) : ptr_(const_cast<T*>(object)) {
     if (ptr_) ptr_->incRef();
@@ -66,6 +71,9 @@ struct Ref {
     init();
     *this = other;
   }
+  Ref(Ref&& other) noexcept : ptr_(other.ptr_) { other.ptr_ = nullptr; }
+  template <class Derived, class = decltype(accept(static_cast<Derived*>(nullptr)))>
+  Ref(const Ref<Derived>& other) : Ref(other.get()) {}
   ~Ref() {
     while (ptr_) purge();
   }
@@ -81,9 +89,25 @@ struct Ref {
     release(former);
     return *this;
   }
+  Ref& operator=(Ref&& other) noexcept {  // leaves `other` empty, unless that is this Ref
+    T* object = other.ptr_;
+    other.ptr_ = nullptr;
+    T* former = ptr_;
+    ptr_ = object;
+    release(former);
+    return *this;
+  }
+  void swap(Ref& other) noexcept {
+    T* object = other.ptr_;
+    other.ptr_ = ptr_;
+    ptr_ = object;
+  }
 
   T* operator->() const { return ptr_; }  // Requires: valid()
+  T& operator*() const { return *ptr_; }  // Requires: valid()
+  T* get() const { return ptr_; }         // null if empty; valid as long as a Ref holds the object
   bool valid() const { return ptr_ != nullptr; }
+  explicit operator bool() const { return valid(); }
 
  private:
   void init() { ptr_ = nullptr; }
@@ -100,6 +124,32 @@ struct Ref {
 
   T* ptr_;
 };
+
+// Two Refs are equal if they refer to one object or are both empty. A pointer is compared likewise.
+#define YUTILS_COMPARE_REFS(OP)                        \
+  template <class T, class U>                          \
+  bool operator OP(const Ref<T>& a, const Ref<U>& b) { \
+    return a.get() OP b.get();                         \
+  }                                                    \
+  template <class T, class U>                          \
+  bool operator OP(const Ref<T>& a, U* b) {            \
+    return a.get() OP b;                               \
+  }                                                    \
+  template <class T, class U>                          \
+  bool operator OP(U* a, const Ref<T>& b) {            \
+    return a OP b.get();                               \
+  }                                                    \
+  template <class T>                                   \
+  bool operator OP(const Ref<T>& a, std::nullptr_t) {  \
+    return a.get() OP nullptr;                         \
+  }                                                    \
+  template <class T>                                   \
+  bool operator OP(std::nullptr_t, const Ref<T>& b) {  \
+    return b.get() OP nullptr;                         \
+  }
+YUTILS_COMPARE_REFS(==)
+YUTILS_COMPARE_REFS(!=)
+#undef YUTILS_COMPARE_REFS
 
 // One message, formatted and owned, for programs that pass errors on as values; the library itself
 // creates none.

@@ -119,6 +119,10 @@ String& String::operator+=(long i) { return appendNumber(*this, "%ld", i); }
 
 String& String::operator+=(unsigned long i) { return appendNumber(*this, "%lu", i); }
 
+String& String::operator+=(long long i) { return appendNumber(*this, "%lld", i); }
+
+String& String::operator+=(unsigned long long i) { return appendNumber(*this, "%llu", i); }
+
 String& String::operator+=(double d) { return appendNumber(*this, "%f", d); }
 
 String& String::appendAnew(const char* text, unsigned count) {

@@ -17,6 +17,12 @@
 // Capacity is the smallest power of two, at least 16, above the size that the last reallocation
 // asked for. A buffer adopted by consume() has exactly size_ + 1 bytes.
 //
+// Beside the types of the standard library: a std::string_view or a std::string can be appended,
+// assigned and compared, and is copied by an explicit String(text). A String converts to both, to a
+// std::string as a const char* does, up to the first NUL; std::string(std::string_view(s)) is
+// whole. Streams write a text with its NULs. std::hash agrees with ==. A moved-from String is
+// empty. format.h has the formatters of std::format.
+//
 // Sizes and positions are 32-bit; a search that finds nothing returns 0xffffffff. If there is no
 // memory, an operation leaves the string unchanged, and a String or SubString that cannot be
 // created is empty, without a representation. The same holds for a text of more than 33554431
@@ -32,6 +38,7 @@
 // std::string_view without it, but not the types that convert to one.
 #include <cstddef>
 #include <cstring>
+#include <iosfwd>
 #include <string_view>
 #include <type_traits>
 #ifdef __cpp_impl_three_way_comparison
@@ -43,14 +50,32 @@
 
 namespace Utils {
 
+struct String;
 struct StringChar;
 struct StringRep;
 struct SubString;
+
+// A std::string_view, or a type that converts to one and not to const char*, such as std::string.
+template <class T>
+struct IsView : std::bool_constant<std::is_convertible_v<const T&, std::string_view> &&
+                                   !std::is_convertible_v<const T&, const char*>> {};
+template <>
+struct IsView<String> : std::false_type {};
+template <>
+struct IsView<SubString> : std::false_type {};
+
+// An integer that a conversion would take to several of int, long, double and char alike.
+template <class T>
+struct IsWideInteger
+    : std::bool_constant<std::is_same_v<T, unsigned> || std::is_same_v<T, long> ||
+                         std::is_same_v<T, unsigned long> || std::is_same_v<T, long long> ||
+                         std::is_same_v<T, unsigned long long>> {};
 
 // Operations that read a text have a deleted overload for nullptr, which also refuses a literal 0.
 struct YUTILS_EXPORT String {
   constexpr String() : rep_(nullptr) {}
   String(const String& s);
+  String(String&& s) noexcept : rep_(s.rep_) { s.rep_ = nullptr; }
   String(const char* text);  // null counts as empty
   String(char c);
   String(const char* text, unsigned count);  // null counts as empty
@@ -59,18 +84,35 @@ struct YUTILS_EXPORT String {
   String(int i) : rep_(nullptr) { *this += i; }
   String(float f) : rep_(nullptr) { *this += static_cast<double>(f); }
   String(double d) : rep_(nullptr) { *this += d; }
+  template <class Integer, std::enable_if_t<IsWideInteger<Integer>::value, int> = 0>
+  String(Integer i) : rep_(nullptr) {
+    *this += i;
+  }
   String(const SubString& s);               // copies the range
   String(const String& s, unsigned count);  // copies the first count characters
   ~String() { purge(); }
 
   String& operator=(const String& s);
+  String& operator=(String&& s) noexcept;
   String& operator=(const char* text) { return takeOver(String(text)); }
   String& operator=(double d) { return takeOver(String(d)); }
   String& operator=(char c) { return takeOver(String(c)); }
+  String& operator=(int i) { return takeOver(String(i)); }
+  template <class Integer, std::enable_if_t<IsWideInteger<Integer>::value, int> = 0>
+  String& operator=(Integer i) {
+    return takeOver(String(i));
+  }
+  template <class View, std::enable_if_t<IsView<View>::value, char> = 0>
+  String& operator=(const View& text) {
+    return takeOver(String(std::string_view(text)));
+  }
+  void swap(String& s) noexcept;
 
   // Returns a negative number, 0 or a positive number if this string is less than, equal to or
   // greater than s. Every comparison is by bytes and stops at the first NUL of either text.
   int compare(const String& s) const;
+  template <class View, class = std::enable_if_t<IsView<View>::value>>
+  int compare(const View& text) const;
   int icompare(const String& s) const;   // ignores case, by the current locale
   int icompare(const char* text) const;  // -1 for every text if there is no representation
   int icompare(std::nullptr_t) const = delete;
@@ -103,7 +145,13 @@ struct YUTILS_EXPORT String {
   String& operator+=(long i);
   String& operator+=(unsigned i) { return *this += static_cast<unsigned long>(i); }
   String& operator+=(unsigned long i);
-  String& operator+=(double d);                      // with six decimals
+  String& operator+=(long long i);
+  String& operator+=(unsigned long long i);
+  String& operator+=(double d);  // with six decimals
+  template <class View, class = std::enable_if_t<IsView<View>::value>>
+  String& operator+=(const View& text) {
+    return appendView(text);
+  }
   String& append(const char* text, unsigned count);  // null counts as empty
 
   // Returns NUL for a position outside of the text.
@@ -159,10 +207,10 @@ struct YUTILS_EXPORT String {
   // Returns a copy, up to the first NUL, with every occurrence replaced, from left to right; the
   // inserted texts are not searched. An empty `search` has no occurrence. Returns an empty string
   // if there is no memory.
-  String substitute(const char* search, const char* with);
+  [[nodiscard]] String substitute(const char* search, const char* with);
   String substitute(std::nullptr_t, const char*) = delete;
   String substitute(const char*, std::nullptr_t) = delete;
-  String reverse();  // returns a copy; empty if there is no memory
+  [[nodiscard]] String reverse();  // returns a copy; empty if there is no memory
   String& toUpper();
   String& toLower();
   String& rotateLeft(unsigned n);
@@ -172,6 +220,8 @@ struct YUTILS_EXPORT String {
   // Never null. Valid until a String that shares the text changes or is destroyed.
   operator const char*() const;
   operator std::string_view() const { return {begin(), size()}; }
+  // As a pointer, an empty String would be true.
+  explicit operator bool() const = delete;  // test size() != 0
   // Returns the address of character i in the text that the conversion returns. Null if there is no
   // representation. Requires: i <= size().
   const char* textAt(unsigned i) const;
@@ -183,7 +233,7 @@ struct YUTILS_EXPORT String {
   // string. If size() is 0 there is nothing to own: a buffer is freed, and the result is a static
   // empty text that must not be freed, so test size() first. Returns null, and changes nothing, if
   // there is no representation, or if the text is shared and there is no memory for a copy.
-  char* donate();
+  [[nodiscard]] char* donate();
   // Replaces the string by a text that theAllocator() has allocated, without a copy, and owns it.
   // If the text is null or empty, the string becomes empty and the caller keeps the text. If it has
   // 0x80000000 bytes or more, or if there is no memory, nothing changes.
@@ -217,6 +267,7 @@ struct YUTILS_EXPORT String {
   static unsigned lengthOf(const char* text);  // as in StringRep
   static String joined(const char* a, unsigned sizeOfA, const char* b, unsigned sizeOfB);
   String& takeOver(const String& made) { return made.rep_ ? *this = made : *this; }
+  String& appendView(std::string_view text);
   void put(unsigned index, char c);
   void set(unsigned index, char c);  // put() if the text is shared or too short
   String& appendAnew(const char* text, unsigned count);
@@ -246,6 +297,15 @@ struct YUTILS_EXPORT StringChar {
 YUTILS_EXPORT String operator+(const String& a, const String& b);
 YUTILS_EXPORT String operator+(const String& a, const char* b);  // a null b adds nothing
 YUTILS_EXPORT String operator+(const char* a, const String& b);
+
+template <class View, class = std::enable_if_t<IsView<View>::value>>
+String operator+(const String& a, const View& b) {
+  return String(a) += b;
+}
+template <class View, class = std::enable_if_t<IsView<View>::value>>
+String operator+(const View& a, const String& b) {
+  return String(std::string_view(a)) += b;
+}
 
 template <class T>
 struct IsNumber : std::bool_constant<std::is_integral_v<T> && !std::is_same_v<T, char>> {};
@@ -320,10 +380,32 @@ std::weak_ordering operator<=>(const Text& a, std::string_view b) {
 }
 #endif
 
+template <class View, class>
+int String::compare(const View& text) const {
+  return compareText(*this, text);
+}
+
+// Writes a String or a SubString, with its NULs, as the stream writes a std::string_view.
+template <class Traits, class Text,
+          class = std::enable_if_t<std::is_same_v<Text, String> || std::is_same_v<Text, SubString>>>
+std::basic_ostream<char, Traits>& operator<<(std::basic_ostream<char, Traits>& out,
+                                             const Text& text) {
+  const std::string_view view(text);
+  return out << std::basic_string_view<char, Traits>(view.data(), view.size());
+}
+
 // Returns the bytes that the representations and buffers of all strings of the process take.
 YUTILS_EXPORT unsigned YfTotalStringMemory();
 
 }  // namespace Utils
+
+// Hashes a text up to its first NUL, since == compares no more.
+template <>
+struct std::hash<Utils::String> {
+  std::size_t operator()(const Utils::String& s) const noexcept {
+    return std::hash<std::string_view>()(s.begin());
+  }
+};
 
 #include "utils/sdk/text/string_inline.h"
 #include "utils/sdk/text/string_rep.h"

@@ -11,6 +11,9 @@
 // round down; quotients and conversions from floating-point numbers round towards zero: -1 / 3 is
 // -21845 steps, and -1 step times half a unit is -1 step.
 //
+// A number and a Time compare and calculate in either order, as Time(number) does. chrono.h
+// converts from and to the durations of std::chrono, hash.h has std::hash.
+//
 // Thread safety: functions share no state; the caller serialises changes of one Time.
 #pragma once
 
@@ -22,6 +25,9 @@
 
 namespace Utils {
 
+template <class T>
+struct TimeConversion;  // of a type that converts to a Time by another header (chrono.h)
+
 struct YUTILS_EXPORT Time {
   Time() = default;  // `Time t;` has no value, Time() is 0
   Time(unsigned u) : value_(static_cast<long long>(u) * ONE) {}
@@ -29,6 +35,9 @@ struct YUTILS_EXPORT Time {
   // A number beyond the 64 bits becomes the nearest end of their range, a NaN becomes 0.
   Time(float f) : value_(rawOf(f * 65536.0)) {}
   Time(double d) : value_(rawOf(d * 65536.0)) {}
+  template <class T,
+            class Raw = decltype(TimeConversion<T>::rawOf(*static_cast<const T*>(nullptr)))>
+  explicit Time(const T& value) : value_(TimeConversion<T>::rawOf(value)) {}
   Time(const Time&) = default;
   Time& operator=(const Time&) = default;
 
@@ -39,17 +48,17 @@ struct YUTILS_EXPORT Time {
   operator bool() const { return value_ != 0; }
   bool operator!() const { return value_ == 0; }
 
-  Time operator-() { return wrapped(0 - bits()); }
-  Time operator+(const Time& t) { return wrapped(bits() + t.bits()); }
-  Time operator-(const Time& t) { return wrapped(bits() - t.bits()); }
-  Time operator*(const Time& t) { return Time(signedOf(bits() * t.bits()) >> 16, true); }
+  Time operator-() const { return wrapped(0 - bits()); }
+  Time operator+(const Time& t) const { return wrapped(bits() + t.bits()); }
+  Time operator-(const Time& t) const { return wrapped(bits() - t.bits()); }
+  Time operator*(const Time& t) const { return Time(signedOf(bits() * t.bits()) >> 16, true); }
   // A division by zero returns tmax(), tmin() or 0, by the sign of the dividend.
-  Time operator/(const Time& t) { return Time(quotient(value_, t.value_), true); }
+  Time operator/(const Time& t) const { return Time(quotient(value_, t.value_), true); }
 
-  Time operator+(int i) { return *this + Time(i); }
-  Time operator-(int i) { return *this - Time(i); }
-  Time operator*(int i) { return *this * Time(i); }
-  Time operator/(int i) { return *this / Time(i); }
+  Time operator+(int i) const { return *this + Time(i); }
+  Time operator-(int i) const { return *this - Time(i); }
+  Time operator*(int i) const { return *this * Time(i); }
+  Time operator/(int i) const { return *this / Time(i); }
 
   Time& operator+=(const Time& t) { return *this = *this + t; }
   Time& operator-=(const Time& t) { return *this = *this - t; }
@@ -96,6 +105,9 @@ struct YUTILS_EXPORT Time {
   Time(long long raw, bool) : value_(raw) {}  // sets the word itself
 
  private:
+  template <class T>
+  friend struct TimeConversion;
+
   using Bits = unsigned long long;
 
   static constexpr long long ONE = 0x10000;
@@ -123,5 +135,29 @@ struct YUTILS_EXPORT Time {
 };
 
 static_assert(sizeof(Time) == 8, "one word");
+
+// A number beside a Time counts as a Time. Without these operators it would be converted to int, or
+// the Time to one of several numbers. The + refuses a Time, which several numbers can stand for. An
+// int on the right is left to the members above, as they are no templates.
+#define YUTILS_TIME_AND_NUMBER(OP)                                     \
+  template <class Number>                                              \
+  auto operator OP(const Time& a, Number b)->decltype(a OP Time(+b)) { \
+    return a OP Time(+b);                                              \
+  }                                                                    \
+  template <class Number>                                              \
+  auto operator OP(Number a, const Time& b)->decltype(Time(+a) OP b) { \
+    return Time(+a) OP b;                                              \
+  }
+YUTILS_TIME_AND_NUMBER(+)
+YUTILS_TIME_AND_NUMBER(-)
+YUTILS_TIME_AND_NUMBER(*)
+YUTILS_TIME_AND_NUMBER(/)
+YUTILS_TIME_AND_NUMBER(==)
+YUTILS_TIME_AND_NUMBER(!=)
+YUTILS_TIME_AND_NUMBER(<)
+YUTILS_TIME_AND_NUMBER(<=)
+YUTILS_TIME_AND_NUMBER(>)
+YUTILS_TIME_AND_NUMBER(>=)
+#undef YUTILS_TIME_AND_NUMBER
 
 }  // namespace Utils

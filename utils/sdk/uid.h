@@ -19,6 +19,7 @@
 #include <compare>
 #endif
 #include <ctime>
+#include <string_view>
 
 #include "utils/sdk/export.h"
 #include "utils/sdk/string.h"
@@ -45,6 +46,7 @@ struct YUTILS_EXPORT UID {
   // True if valid and of a second before 1997-08-11 17:02:55 UTC, which no right clock shows now.
   bool isReserved() const { return valid() && timeBits_ < 0x10000000u; }
   String asText();  // returns the text form; empty if there is no memory
+  String asText() const { return UID(*this).asText(); }
 
   // Returns 1 if `other` is greater, -1 if this one is, 0 if they are equal.
   int compare(const UID& other) const;
@@ -100,3 +102,10 @@ inline UID::UID() : machineNum_(ourMachineNum()) {
 }
 
 }  // namespace Utils
+
+template <>
+struct std::hash<Utils::UID> {
+  std::size_t operator()(const Utils::UID& id) const noexcept {
+    return std::hash<std::string_view>()({reinterpret_cast<const char*>(&id), sizeof id});
+  }
+};

@@ -31,6 +31,20 @@ inline String& String::operator=(const String& s) {
   return *this;
 }
 
+inline String& String::operator=(String&& s) noexcept {
+  StringRep* rep = s.rep_;
+  s.rep_ = nullptr;
+  purge();
+  rep_ = rep;
+  return *this;
+}
+
+inline void String::swap(String& s) noexcept {
+  StringRep* rep = s.rep_;
+  s.rep_ = rep_;
+  rep_ = rep;
+}
+
 inline void String::purge() {
   StringRep* rep = rep_;
   rep_ = nullptr;
@@ -106,6 +120,12 @@ inline int String::operator==(const String& s) const {
 
 inline String& String::append(const char* text, unsigned count) {
   return rep_ && text && rep_->appendInPlace(text, count) ? *this : appendAnew(text, count);
+}
+
+// A view that is too long is cut to SIZE_LIMIT, which no text has, so nothing is appended.
+inline String& String::appendView(std::string_view text) {
+  const bool fits = text.size() < StringRep::SIZE_LIMIT;
+  return append(text.data(), fits ? static_cast<unsigned>(text.size()) : StringRep::SIZE_LIMIT);
 }
 
 inline String& String::operator+=(const char* text) {

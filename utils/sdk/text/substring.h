@@ -5,6 +5,9 @@
 #pragma once
 
 #include <cstddef>
+#include <cstring>
+#include <string_view>
+#include <type_traits>
 
 #include "utils/sdk/allocator.h"
 #include "utils/sdk/string.h"
@@ -76,6 +79,7 @@ struct YUTILS_EXPORT SubString {
   SubString(const String& s, unsigned index, unsigned size)
       : SubString(new SubStringRep(s, index, size)) {}
   SubString(const SubString& s) : SubString(s.rep_) {}
+  SubString(SubString&& s) noexcept : rep_(s.rep_) { s.rep_ = nullptr; }
   ~SubString() { purge(); }
 
   unsigned index() const { return rep_ ? rep_->index_ : 0; }
@@ -84,6 +88,20 @@ struct YUTILS_EXPORT SubString {
   // Views all of s, or the range that s views; copies no text. Unchanged if there is no memory.
   SubString& operator=(const String& s);
   SubString& operator=(const SubString& s);
+  SubString& operator=(SubString&& s) noexcept {
+    SubStringRep* rep = s.rep_;
+    s.rep_ = nullptr;
+    purge();
+    rep_ = rep;
+    return *this;
+  }
+  void swap(SubString& s) noexcept {
+    SubStringRep* rep = s.rep_;
+    s.rep_ = rep_;
+    rep_ = rep;
+  }
+  // Valid until the last SubString of the range is destroyed or assigned to.
+  operator std::string_view() const { return {text(), size()}; }
 
   int operator==(const SubString& s) const;
   int operator==(const char* text) const;
@@ -127,6 +145,46 @@ inline int operator!=(const String& a, const SubString& b) { return b != a; }
 inline int operator==(const char* a, const SubString& b) { return b == a; }
 inline int operator!=(const char* a, const SubString& b) { return b != a; }
 
+// Returns a negative number, 0 or a positive number if a is less than, equal to or greater than b:
+// by their bytes up to the first NUL, then by their sizes, as == finds them equal.
+inline int orderOfRanges(std::string_view a, std::string_view b) {
+  const std::size_t common = a.size() < b.size() ? a.size() : b.size();
+  const int result = common == 0 ? 0 : std::strncmp(a.data(), b.data(), common);
+  return result != 0 ? result : (a.size() > b.size()) - (a.size() < b.size());
+}
+
+// A SubString, and a SubString or a text that it is compared with.
+template <class T>
+struct IsRange : std::is_same<T, SubString> {};
+template <class T>
+struct IsText : std::is_convertible<const T&, std::string_view> {};
+template <>
+struct IsText<std::nullptr_t> : std::false_type {};
+template <class A, class B, class Result>
+using IfRanges = std::enable_if_t<std::disjunction_v<std::conjunction<IsRange<A>, IsText<B>>,
+                                                     std::conjunction<IsRange<B>, IsText<A>>>,
+                                  Result>;
+
+// == and != of the types above are functions, which are chosen before templates.
+#define YUTILS_COMPARE_RANGES(OP)                           \
+  template <class A, class B>                               \
+  IfRanges<A, B, int> operator OP(const A& a, const B& b) { \
+    return orderOfRanges(a, b) OP 0;                        \
+  }
+YUTILS_COMPARE_RANGES(==)
+YUTILS_COMPARE_RANGES(!=)
+YUTILS_COMPARE_RANGES(<)
+YUTILS_COMPARE_RANGES(<=)
+YUTILS_COMPARE_RANGES(>)
+YUTILS_COMPARE_RANGES(>=)
+#undef YUTILS_COMPARE_RANGES
+#ifdef __cpp_impl_three_way_comparison
+template <class A, class B>
+IfRanges<A, B, std::weak_ordering> operator<=>(const A& a, const B& b) {
+  return orderOfRanges(a, b) <=> 0;
+}
+#endif
+
 inline SubString String::operator()(unsigned index, unsigned size) {
   return SubString(*this, index, size);
 }
@@ -134,3 +192,12 @@ inline SubString String::operator()(unsigned index, unsigned size) {
 inline SubString String::operator()(unsigned index) { return SubString(*this, index); }
 
 }  // namespace Utils
+
+// A range and a String that are equal have one hash.
+template <>
+struct std::hash<Utils::SubString> {
+  std::size_t operator()(const Utils::SubString& s) const noexcept {
+    const std::string_view text(s);
+    return std::hash<std::string_view>()(text.substr(0, text.find('\0')));
+  }
+};

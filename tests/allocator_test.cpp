@@ -142,8 +142,8 @@ TEST(TheAllocator, VisitsAllBusyBlocksAndNoGap) {
   auto* arena = static_cast<Utils::MemoryAllocator*>(Allocator::theAllocator());
   for (unsigned color = 0; color < 200; color++) {
     YIF_MemAlloc(16);
-    arena->alloc(300000, color);
-    arena->alloc(color, color);
+    (void)arena->alloc(300000, color);
+    (void)arena->alloc(color, color);
   }
   struct Sums {
     unsigned colors_[64], gaps_, countedPages_;

@@ -153,11 +153,11 @@ TYPED_TEST(Arenas, ReportDamageAndLeaveItAlone) {
   }
   constexpr char CHUNK_FITS[] = "((unsigned long)candidate & (CHUNK_ALIGN - 1)) == 0";
   this->parent_.placeAt(400008);
-  arena.alloc(300000);
+  (void)arena.alloc(300000);
   EXPECT_THAT(this->recorder_.take(), ElementsAre(CHUNK_FITS));
   this->parent_.placeAt(800004);
   other = typename TypeParam::Arena(&this->parent_);
-  other.alloc(300000);
+  (void)other.alloc(300000);
   EXPECT_THAT(this->recorder_.take(),
               ElementsAre(CHUNK_FITS, "((unsigned int)mem & (ALIGN - 1)) == 0"));
   EXPECT_THAT(this->recorder_.files_, Each(TypeParam::SOURCE));
@@ -206,11 +206,11 @@ TEST_F(Arena, PagesAreFoundFastBesideManyFreeBlocks) {
   std::vector<void*> blocks;
   for (int i = 0; i < 20000; i++) {
     blocks.push_back(arena_.alloc(10240));
-    arena_.alloc(1016);
+    (void)arena_.alloc(1016);
   }
   for (void* mem : blocks) arena_.free(mem);
   const std::clock_t begin = std::clock();
-  for (int i = 0; i < 19 * 8000; i++) arena_.alloc(500);
+  for (int i = 0; i < 19 * 8000; i++) (void)arena_.alloc(500);
   EXPECT_LT(std::clock() - begin, CLOCKS_PER_SEC) << "0.05 s, or 2 s if all are looked at";
 }
 
@@ -285,7 +285,7 @@ TEST_F(Arena, StepsOfSmallAndLostBlocks) {
 using BankNumbers = OnScriptedChunks<OpenBank>;
 
 TEST_F(BankNumbers, OfAFirstChunk) {
-  arena_.alloc(0);
+  (void)arena_.alloc(0);
   EXPECT_THAT(parent_.sizes_, ElementsAre(131072u));
   EXPECT_EQ(reportOf(arena_),
             "Arenas: \nArena Count  Used       Free Biggest\n"

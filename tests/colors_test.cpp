@@ -70,7 +70,7 @@ TEST(Names, AreGivenOnceAndCopied) {
   EXPECT_STREQ(colorName(1 + 64), "before main");
   expectInChild([] {
     char text[] = "cache";
-    heap().alloc(100, 2);
+    (void)heap().alloc(100, 2);
     heap().free(heap().alloc(100, 3));
     const Utils::MemoryColor inUse(4);
     EXPECT_EQ(colorNamed(text), 5u);
@@ -172,7 +172,7 @@ void fillAtRandom(Random& random) {
   }
   nameColor(50, "a<&>\"'\\</script>");
   nameColor(51, "\u00e9\u20ac\U0001f600\uffff\xed\xa0\x80");
-  for (unsigned i = 0; i < 500; i++) heap().alloc(131000, i);  // more than was reserved
+  for (unsigned i = 0; i < 500; i++) (void)heap().alloc(131000, i);  // more than was reserved
   std::vector<void*> live;
   for (unsigned step = 0; step < 20000; step++) {
     const unsigned size = random.below(1u << random.below(random.below(10) == 0 ? 19 : 10));
@@ -226,7 +226,7 @@ TEST(Heap, IsWrittenAsItIsAndStaysAsItIs) {
   Random random(20261123);
   expectInChild([&] {
     fillAtRandom(random);
-    heap().alloc(1 << 20, 0);  // a new peak
+    (void)heap().alloc(1 << 20, 0);  // a new peak
     const Totals before = Totals::now();
     for (const char* name : {"heap.json", "heap.svg", "heap.html", "heap.txt"})
       EXPECT_EQ(writeHeap(directory.pathOf(name).c_str()), 0);
@@ -266,9 +266,9 @@ void endWithAPage() {
   ASSERT_EQ(blocks.back().kind, BlockInfo::FREE);
   blocks.back().size -= 10400;
   for (const BlockInfo& each : blocks) {
-    if (each.kind == BlockInfo::FREE && each.size > 10000) heap().alloc(each.size - 8);
+    if (each.kind == BlockInfo::FREE && each.size > 10000) (void)heap().alloc(each.size - 8);
   }
-  for (unsigned i = 0; i < 20; i++) heap().alloc(500);
+  for (unsigned i = 0; i < 20; i++) (void)heap().alloc(500);
   heap().visitBlocks(note, &blocks);
   EXPECT_EQ(blocks.back().size, 512u);
 }

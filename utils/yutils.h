@@ -3,13 +3,16 @@
 //
 // Heavy: 17000 lines after the preprocessor, a sixth more than uid.h alone. A header that many
 // sources include takes the parts that it needs instead. The interface to the system (ysys.h,
-// platform.h) and the headers for tests (utils/testing/) are not part of it.
+// platform.h), the headers for tests (utils/testing/) and those that need much of the standard
+// library (atree_std.h, chrono.h, color_allocator.h, color_resource.h, format.h, hash.h) are not part
+// of it.
 #pragma once
 
 #include "utils/sdk/alloc.h"
 #include "utils/sdk/allocator.h"
 #include "utils/sdk/atree.h"
 #include "utils/sdk/block.h"
+#include "utils/sdk/chunk_parent.h"
 #include "utils/sdk/colors.h"
 #include "utils/sdk/event.h"
 #include "utils/sdk/export.h"

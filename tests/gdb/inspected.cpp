@@ -66,7 +66,7 @@ void runRandomly(Arena& arena, unsigned seed, unsigned operations) {
 }
 
 void makeMillion() {
-  for (unsigned i = 0; i < 1000000; i++) memory()->alloc(i % 8 == 0 ? 1000 : 100, i % 64);
+  for (unsigned i = 0; i < 1000000; i++) (void)memory()->alloc(i % 8 == 0 ? 1000 : 100, i % 64);
 }
 
 // The picture is that of the heap at the stop: names that are no UTF-8, gaps, pages of both kinds.
@@ -179,9 +179,9 @@ int inspectValues() {
   addResultListener(&listener);
   raiseError(RESULT_FILE_CORRUPT);
   MemoryBank bank;
-  bank.alloc(100, 4);
+  (void)bank.alloc(100, 4);
   MemoryAllocator own;
-  own.alloc(5000, 5);
+  (void)own.alloc(5000, 5);
   AllocationLimiter limiter(100);
   void* big = memory()->alloc(50000, 7);
   void* small = memory()->alloc(100, 7);

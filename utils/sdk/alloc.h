@@ -83,8 +83,8 @@ struct YUTILS_EXPORT MemoryAllocator : Allocator {
   // block is large enough and the parent has no memory. A small request for which there is no
   // memory for a page fails the assertion "h", which stops the process only if YSYS_ASSERT is
   // "stop" (YfAssert__ in ysys.h), and then gets a large block if one is free.
-  void* alloc(unsigned size, unsigned color) override;
-  void* alloc(unsigned size) override;
+  [[nodiscard]] void* alloc(unsigned size, unsigned color) override;
+  [[nodiscard]] void* alloc(unsigned size) override;
   // Does nothing for null. If `mem` is not the memory of a busy block of this arena, or the program
   // has written past the end of a large block, reports that, fails an assertion (which stops the
   // process by default) and changes nothing.

@@ -38,8 +38,8 @@ struct YUTILS_EXPORT Allocator {
 
   // Returns at least `size` bytes aligned to 8, which the caller owns until free(). Null if there
   // is no memory. Without a colour the block gets the default colour. Default: ignores the colour.
-  virtual void* alloc(unsigned size, unsigned color);
-  virtual void* alloc(unsigned size) = 0;
+  [[nodiscard]] virtual void* alloc(unsigned size, unsigned color);
+  [[nodiscard]] virtual void* alloc(unsigned size) = 0;
   virtual void free(void* mem) = 0;  // Requires: a busy block of this allocator, or null
 
   // Returns the bytes of a busy block, its bookkeeping included.
@@ -96,13 +96,15 @@ struct BlockInfo {
 // ysys.h). size(), color() and all totals return 0, valid() returns false.
 struct YUTILS_EXPORT HostAllocator : Allocator {
   using Allocator::alloc;
-  void* alloc(unsigned size) override;
+  [[nodiscard]] void* alloc(unsigned size) override;
   void free(void* mem) override;  // does nothing: the system layer cannot free memory
   unsigned size(const void* mem) const override;
   unsigned allocatedMemory() const override;
   unsigned internalFree() const override;
-  virtual void* alloc(unsigned size, char unused);  // the same as alloc(size)
-  void* alloc(unsigned size, int color) { return alloc(size, static_cast<unsigned>(color)); }
+  [[nodiscard]] virtual void* alloc(unsigned size, char unused);  // the same as alloc(size)
+  [[nodiscard]] void* alloc(unsigned size, int color) {
+    return alloc(size, static_cast<unsigned>(color));
+  }
 };
 
 // Serves requests one after the other from a pool of a fixed size; their sizes are not rounded, and
@@ -121,13 +123,15 @@ struct YUTILS_EXPORT AllocationLimiter : Allocator {
   // Null if neither the pool nor the system layer has memory. If the pool itself cannot be
   // allocated, a request of up to its size returns null; the next request tries to allocate it
   // again.
-  void* alloc(unsigned size) override;
+  [[nodiscard]] void* alloc(unsigned size) override;
   void free(void* mem) override;  // does nothing
   unsigned size(const void* mem) const override;
   unsigned allocatedMemory() const override;
   unsigned internalFree() const override;
-  virtual void* alloc(unsigned size, char unused);  // the same as alloc(size)
-  void* alloc(unsigned size, int color) { return alloc(size, static_cast<unsigned>(color)); }
+  [[nodiscard]] virtual void* alloc(unsigned size, char unused);  // the same as alloc(size)
+  [[nodiscard]] void* alloc(unsigned size, int color) {
+    return alloc(size, static_cast<unsigned>(color));
+  }
 
  private:
   void init();

@@ -40,8 +40,8 @@ struct YUTILS_EXPORT MemoryBank : Allocator {
   // end, valid() requires of every block a tail that agrees with its head, and alloc() fails no
   // assertion if there is no memory.
 
-  void* alloc(unsigned size, unsigned color) override;
-  void* alloc(unsigned size) override;
+  [[nodiscard]] void* alloc(unsigned size, unsigned color) override;
+  [[nodiscard]] void* alloc(unsigned size) override;
   void free(void* mem) override;
 
   unsigned size(const void* mem) const override;

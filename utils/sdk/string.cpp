@@ -119,9 +119,21 @@ String& String::operator+=(long i) { return appendNumber(*this, "%ld", i); }
 
 String& String::operator+=(unsigned long i) { return appendNumber(*this, "%lu", i); }
 
-String& String::operator+=(long long i) { return appendNumber(*this, "%lld", i); }
+String& String::operator+=(long long i) {
+  if constexpr (sizeof(long) == sizeof i) {
+    return *this += static_cast<long>(i);
+  } else {
+    return appendNumber(*this, "%lld", i);
+  }
+}
 
-String& String::operator+=(unsigned long long i) { return appendNumber(*this, "%llu", i); }
+String& String::operator+=(unsigned long long i) {
+  if constexpr (sizeof(long) == sizeof i) {
+    return *this += static_cast<unsigned long>(i);
+  } else {
+    return appendNumber(*this, "%llu", i);
+  }
+}
 
 String& String::operator+=(double d) { return appendNumber(*this, "%f", d); }
 

@@ -4,8 +4,8 @@
 // Heavy: 17000 lines after the preprocessor, a sixth more than uid.h alone. A header that many
 // sources include takes the parts that it needs instead. The interface to the system (ysys.h,
 // platform.h), the headers for tests (utils/testing/) and those that need much of the standard
-// library (atree_std.h, chrono.h, color_allocator.h, color_resource.h, format.h, hash.h) are not part
-// of it.
+// library (atree_std.h, chrono.h, color_allocator.h, color_resource.h, format.h, hash.h) are not
+// part of it.
 #pragma once
 
 #include "utils/sdk/alloc.h"

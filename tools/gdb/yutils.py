@@ -1152,7 +1152,7 @@ class WalkPrinter(PrinterOfMany):
 
     def each(self):
         if self.field_address("node_"):
-            entry = self.value["node_"].cast(self.value.type.strip_typedefs().template_argument(0).pointer())
+            entry = self.value["node_"].cast(self.value.type.strip_typedefs().template_argument(2).pointer())
             yield "key", entry["key_"]
             yield "value", entry["value_"]
 
@@ -1236,7 +1236,7 @@ def printers():
     found = gdb.printing.RegexpCollectionPrettyPrinter("yutils")
     for name, pattern, printer in (
             ("String", "String", StringPrinter), ("SubString", "SubString", SubStringPrinter),
-            ("Vector", "Vector<.*>", VectorPrinter), ("Walk", "AVLTree<.*>::Walk<.*>", WalkPrinter),
+            ("Vector", "Vector<.*>", VectorPrinter), ("Walk", "AVLTreeWalk<.*>", WalkPrinter),
             ("AVLTree", "AVLTree<.*>", TreePrinter), ("AVLTreeIter", "AVLTreeIter<.*>", IterPrinter),
             ("Ref", "Ref<.*>", RefPrinter), ("Time", "Time", TimePrinter), ("UID", "UID", UidPrinter),
             ("YtBLock", "YtBLock|Utils::YtReadWriteBLock", NullLockPrinter),

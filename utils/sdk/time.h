@@ -136,17 +136,26 @@ struct YUTILS_EXPORT Time {
 
 static_assert(sizeof(Time) == 8, "one word");
 
+// Has a type for every operand that is no object of a class. Such an object, even if it converts to
+// a number, keeps its own operators.
+template <bool isClass>
+struct TimeOperand {};
+template <>
+struct TimeOperand<false> {
+  using Type = int;
+};
+
 // A number beside a Time counts as a Time. Without these operators it would be converted to int, or
 // the Time to one of several numbers. The + refuses a Time, which several numbers can stand for. An
 // int on the right is left to the members above, as they are no templates.
-#define YUTILS_TIME_AND_NUMBER(OP)                                     \
-  template <class Number>                                              \
-  auto operator OP(const Time& a, Number b)->decltype(a OP Time(+b)) { \
-    return a OP Time(+b);                                              \
-  }                                                                    \
-  template <class Number>                                              \
-  auto operator OP(Number a, const Time& b)->decltype(Time(+a) OP b) { \
-    return Time(+a) OP b;                                              \
+#define YUTILS_TIME_AND_NUMBER(OP)                                            \
+  template <class Number, typename TimeOperand<__is_class(Number)>::Type = 0> \
+  auto operator OP(const Time& a, Number b)->decltype(a OP Time(+b)) {        \
+    return a OP Time(+b);                                                     \
+  }                                                                           \
+  template <class Number, typename TimeOperand<__is_class(Number)>::Type = 0> \
+  auto operator OP(Number a, const Time& b)->decltype(Time(+a) OP b) {        \
+    return Time(+a) OP b;                                                     \
   }
 YUTILS_TIME_AND_NUMBER(+)
 YUTILS_TIME_AND_NUMBER(-)

@@ -3,9 +3,8 @@
 //
 // The bytes go to a file beside the wanted one, with the number of the process in its name:
 // heap.svg of process 1234 is written as heap.svg.1234.part. A rename then gives it the wanted
-// name, so that no reader finds a part of a file. What is there already and is no regular file,
-// such as a device, a FIFO or a link, is not replaced but written to, and so is a file in a
-// directory in which no other can be created.
+// name, so that no reader finds a part of a file. An existing device, FIFO or link is not replaced
+// but written to, and so is a file in a directory in which no other can be created.
 //
 // A new file can be read by its owner alone: it may hold bytes of the process's memory.
 //
